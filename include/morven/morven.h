@@ -1,0 +1,13 @@
+/*
+ * Morven: image processing with a flat C interface.
+ *
+ * The umbrella header: includes every family of the public interface.
+ */
+#ifndef MORVEN_MORVEN_H
+#define MORVEN_MORVEN_H
+
+#include "common.h"
+#include "image.h"
+#include "color.h"
+
+#endif /* MORVEN_MORVEN_H */
