@@ -52,14 +52,16 @@ MORVEN_API wzStatus wzTranspose(const wzImage *src, wzImage *dst);
  * of the destination pixel (normally a gray image of the same type; its type
  * is not checked). Every channel number of a gray source gives its one
  * channel. Returns 1, writing nothing, for a channel the source encoding does
- * not have. Choice of this library: also 1 when the destination's encoding is
- * above 4. */
+ * not have. Choices of this library: also 1, writing nothing, when either
+ * encoding is above 4 or the two element sizes differ (the element could not
+ * fit the destination pixel). */
 MORVEN_API wzStatus wzImageExtractChannel(const wzImage *src, wzImage *dst, int32_t channel);
 
 /* Copies the first element of each source region pixel into channel
  * `channel` of the destination pixel; the other channels are untouched.
  * Returns 1, writing nothing, for a channel the destination encoding does not
- * have. Choice of this library: also 1 when the source's encoding is above 4. */
+ * have. Choices of this library: also 1, writing nothing, when either encoding
+ * is above 4 or the two element sizes differ. */
 MORVEN_API wzStatus wzImageInsertChannel(const wzImage *src, wzImage *dst, int32_t channel);
 
 /* dst = (1 - w) * a + w * b with w = weight / 255 in single precision, each

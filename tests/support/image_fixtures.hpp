@@ -1,0 +1,93 @@
+// Test helpers: owning image handles and random pixel fills.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "morven/morven.h"
+
+namespace morven_test {
+
+struct ImageDeleter {
+    void operator()(wzImage *img) const { wzImageRelease(&img); }
+};
+using ImagePtr = std::unique_ptr<wzImage, ImageDeleter>;
+
+inline ImagePtr makeImage(int32_t width, int32_t height, uint32_t encoding,
+                          uint32_t type = wzType8U) {
+    return ImagePtr(wzImageCreateWithType(width, height, encoding, type));
+}
+
+inline constexpr uint32_t kAllTypes[] = {wzType8U,    wzType32S, wzType16U,
+                                         wzType32S24, wzType32F, wzType64F};
+inline constexpr uint32_t kAllEncodings[] = {wzEncodingGray, wzEncodingBGR, wzEncodingRGB,
+                                             wzEncodingARGB, wzEncodingRGBA};
+
+inline size_t typeSize(uint32_t type) {
+    switch (type) {
+        case wzType8U: return 1;
+        case wzType16U: return 2;
+        case wzType64F: return 8;
+        default: return 4;
+    }
+}
+
+inline size_t blockBytes(const wzImage *img) {
+    return static_cast<size_t>(img->width) * img->height *
+           static_cast<size_t>(wzGetNChannelFromEncoding(img->encoding)) * typeSize(img->type);
+}
+
+// Fills every element with a random value typical of its type: the full range
+// of the integer types (negative values included for the 32-bit ones) and
+// values slightly outside 0..1 for the float types.
+inline void fillRandom(wzImage *img, std::mt19937 &rng) {
+    const size_t n = blockBytes(img) / typeSize(img->type);
+    std::uniform_real_distribution<double> unit(-0.1, 1.1);
+    for (size_t i = 0; i < n; ++i) {
+        uint8_t *p = img->data + i * typeSize(img->type);
+        switch (img->type) {
+            case wzType8U: *p = static_cast<uint8_t>(rng()); break;
+            case wzType16U: {
+                uint16_t v = static_cast<uint16_t>(rng());
+                std::memcpy(p, &v, 2);
+                break;
+            }
+            case wzType32S:
+            case wzType32S24: {
+                int32_t v = static_cast<int32_t>(rng());
+                // Mostly in-scale values, some negative or beyond the scale.
+                if (rng() % 4 != 0) v &= img->type == wzType32S ? 0xFFFF : 0xFFFFFF;
+                std::memcpy(p, &v, 4);
+                break;
+            }
+            case wzType32F: {
+                float v = static_cast<float>(unit(rng));
+                std::memcpy(p, &v, 4);
+                break;
+            }
+            case wzType64F: {
+                double v = unit(rng);
+                std::memcpy(p, &v, 8);
+                break;
+            }
+            default: break;
+        }
+    }
+}
+
+inline std::vector<uint8_t> snapshot(const wzImage *img) {
+    return std::vector<uint8_t>(img->data, img->data + blockBytes(img));
+}
+
+// Byte address of channel c (1..4) of pixel (x, y).
+inline uint8_t *at(const wzImage *img, int x, int y, int channel = 1) {
+    const size_t es = typeSize(img->type);
+    const size_t n = static_cast<size_t>(wzGetNChannelFromEncoding(img->encoding));
+    const int32_t off = wzGetChannelOffsetFromEncoding(img->encoding, channel);
+    return img->data + ((static_cast<size_t>(y) * img->width + x) * n + off) * es;
+}
+
+}  // namespace morven_test
