@@ -181,8 +181,8 @@ MORVEN_API double wzImageGetInterpolatedVal(const wzImage *image, const double p
  * integer types take value truncated toward zero to 32 bits (and its low 8 or
  * 16 bits for types 8U and 16U), wzType32F its single-precision rounding.
  * Choices of this library: for the integer types a value beyond the 32-bit
- * range saturates to the nearer limit and NaN stores 0; an encoding above 4
- * or an unknown type writes nothing. */
+ * range saturates to the nearer limit and NaN stores 0; an encoding above 4,
+ * an unknown type or an element count that is not positive writes nothing. */
 MORVEN_API void wzImageSetVal(wzImage *image, double value);
 
 /* Sets every byte of the block to zero (roi ignored). An unknown type or an
@@ -191,7 +191,10 @@ MORVEN_API void wzImageSetZero(wzImage *image);
 
 /* Minimum and maximum of the elements of the region of a gray image.
  * *min is first set to DBL_MAX and *max to -DBL_MAX in every case; an empty
- * region keeps them. NaN elements change neither.
+ * region keeps them. NaN elements change neither. Elements are taken in
+ * order and an infinite extreme does not survive the next element: max = +inf
+ * becomes DBL_MAX when the next element is not greater, and min = -inf
+ * becomes -DBL_MAX at the next element, which is then not compared.
  * Returns 0, or 1 for a non-gray encoding or an unknown type code. */
 MORVEN_API wzStatus wzImageGetMinMaxValues(const wzImage *image, double *min, double *max);
 
@@ -222,7 +225,8 @@ MORVEN_API wzStatus wzImageInvert(const wzImage *src, wzImage *dst);
  * so a destination header over the source's own block converts in place.
  * The destination's block must hold the result; its size is not compared.
  * Returns 1, writing nothing, when the encodings differ; otherwise 0 (an
- * unknown type code on either side converts nothing).
+ * unknown type code on either side converts nothing). The count is formed in
+ * 64 bits; below 1 (or too large for any block) nothing is converted.
  * Choices of this library: a float product beyond the 32-bit integer range
  * saturates to the nearer limit before the low bits are kept (so it becomes
  * 255 or 0 in wzType8U), and NaN becomes 0. */
@@ -234,8 +238,9 @@ MORVEN_API wzStatus wzImageCvtType(const wzImage *src, wzImage *dst);
  * Processes height * width * channels of the source's encoding elements.
  * Returns 1, writing nothing, when the widths or heights differ, when high is
  * not greater than low (NaN included) or when either type code is unknown.
- * Choice of this library: also returns 1 when the destination's encoding has
- * fewer channels than the source's (its block could not hold the result). */
+ * Choices of this library: also returns 1 when the destination's encoding has
+ * fewer channels than the source's (its block could not hold the result); NaN
+ * elements store 0 into integer types and NaN into float types. */
 MORVEN_API wzStatus wzImageCvtTypeGivenRange(const wzImage *src, wzImage *dst, double low,
                                              double high);
 

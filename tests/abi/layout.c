@@ -1,0 +1,127 @@
+/*
+ * Layout of the public records, enum values and status codes as a C99 host
+ * compiles them, and a check that the shared library writes the image record
+ * at the offsets this compiler expects.
+ */
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "morven/morven.h"
+
+static int failures = 0;
+
+static void expect(const char *what, unsigned long actual, unsigned long expected) {
+    if (actual != expected) {
+        fprintf(stderr, "FAIL %s: %lu, expected %lu\n", what, actual, expected);
+        ++failures;
+    }
+}
+
+#define EXPECT_SIZE(T, n) expect("sizeof(" #T ")", (unsigned long)sizeof(T), (n))
+#define EXPECT_OFFSET(T, f, n) expect("offsetof(" #T ", " #f ")", (unsigned long)offsetof(T, f), (n))
+#define EXPECT_VALUE(name, n) expect(#name, (unsigned long)(name), (n))
+
+static int32_t readInt32(const wzImage *image, size_t offset) {
+    int32_t v;
+    memcpy(&v, (const unsigned char *)image + offset, sizeof v);
+    return v;
+}
+
+int main(void) {
+    wzImage *header;
+    uint8_t block[2 * 3 * 3];
+    wzRect roi = {1, 2, 1, 1};
+
+    /* Scalar types of the interface. */
+    EXPECT_SIZE(wzStatus, 4);
+    EXPECT_SIZE(wzImageType, 4);
+    EXPECT_SIZE(wzImageEncoding, 4);
+
+    /* wzRect, wzSize, wzPoint: plain 32-bit fields in declaration order. */
+    EXPECT_SIZE(wzRect, 16);
+    EXPECT_OFFSET(wzRect, x, 0);
+    EXPECT_OFFSET(wzRect, y, 4);
+    EXPECT_OFFSET(wzRect, width, 8);
+    EXPECT_OFFSET(wzRect, height, 12);
+    EXPECT_SIZE(wzSize, 8);
+    EXPECT_OFFSET(wzSize, width, 0);
+    EXPECT_OFFSET(wzSize, height, 4);
+    EXPECT_SIZE(wzPoint, 16);
+    EXPECT_OFFSET(wzPoint, reserved, 0);
+    EXPECT_OFFSET(wzPoint, x, 4);
+    EXPECT_OFFSET(wzPoint, y, 8);
+    EXPECT_OFFSET(wzPoint, z, 12);
+
+    /* wzImage: height before width, then the block pointer. */
+    EXPECT_OFFSET(wzImage, type, 0);
+    EXPECT_OFFSET(wzImage, encoding, 4);
+    EXPECT_OFFSET(wzImage, height, 8);
+    EXPECT_OFFSET(wzImage, width, 12);
+    EXPECT_OFFSET(wzImage, data, 16);
+    if (sizeof(void *) == 8) {
+        EXPECT_SIZE(wzImage, 48);
+        EXPECT_OFFSET(wzImage, roi, 24);
+        EXPECT_OFFSET(wzImage, coi, 40);
+    } else {
+        fprintf(stderr, "note: %u-bit pointers, 64-bit layout of wzImage not checked\n",
+                (unsigned)(sizeof(void *) * 8));
+    }
+
+    /* Element types and encodings. */
+    EXPECT_VALUE(wzType8U, 0);
+    EXPECT_VALUE(wzType32S, 10);
+    EXPECT_VALUE(wzType16U, 12);
+    EXPECT_VALUE(wzType32S24, 15);
+    EXPECT_VALUE(wzType32F, 20);
+    EXPECT_VALUE(wzType64F, 30);
+    EXPECT_VALUE(wzEncodingGray, 0);
+    EXPECT_VALUE(wzEncodingBGR, 1);
+    EXPECT_VALUE(wzEncodingRGB, 2);
+    EXPECT_VALUE(wzEncodingARGB, 3);
+    EXPECT_VALUE(wzEncodingRGBA, 4);
+
+    /* Statuses. */
+    EXPECT_VALUE(WZ_STATUS_OK, 0);
+    EXPECT_VALUE(WZ_STATUS_ERROR, 1);
+    EXPECT_VALUE(WZ_STATUS_CANCELLED, 2);
+    EXPECT_VALUE(WZ_STATUS_FAILURE, 0xFFFFFFFFul);
+
+    /* The gray table is an array of 768 32-bit entries. */
+    EXPECT_SIZE(wz_toGray_tab, 768 * 4);
+
+    /* The library (compiled as C++) fills the record where C reads it. */
+    header = wzImageCreateHeaderWithType(640, 480, wzEncodingRGBA, wzType16U);
+    if (header == NULL) {
+        fprintf(stderr, "FAIL wzImageCreateHeaderWithType returned null\n");
+        return 1;
+    }
+    expect("type field", (unsigned long)readInt32(header, 0), wzType16U);
+    expect("encoding field", (unsigned long)readInt32(header, 4), wzEncodingRGBA);
+    expect("height field", (unsigned long)readInt32(header, 8), 480);
+    expect("width field", (unsigned long)readInt32(header, 12), 640);
+    expect("roi.width field", (unsigned long)readInt32(header, offsetof(wzImage, roi) + 8), 640);
+    expect("roi.height field", (unsigned long)readInt32(header, offsetof(wzImage, roi) + 12), 480);
+    expect("data is null", header->data == NULL, 1);
+    wzImageSetROI(header, &roi);
+    wzImageSetCOI(header, 3);
+    expect("roi.x after set", (unsigned long)readInt32(header, offsetof(wzImage, roi)), 1);
+    expect("roi.y after set", (unsigned long)readInt32(header, offsetof(wzImage, roi) + 4), 2);
+    expect("coi after set", (unsigned long)readInt32(header, offsetof(wzImage, coi)), 3);
+    header->width = 2;
+    header->height = 3;
+    header->encoding = wzEncodingBGR;
+    header->data = block;
+    {
+        /* wzSize is returned by value: width first. */
+        wzSize size = wzImageSize(header);
+        expect("wzImageSize width", (unsigned long)size.width, 2);
+        expect("wzImageSize height", (unsigned long)size.height, 3);
+    }
+    wzImageReleaseHeader(&header);
+    expect("pointer cleared by wzImageReleaseHeader", header == NULL, 1);
+
+    if (failures == 0)
+        printf("layout: all checks passed\n");
+    return failures == 0 ? 0 : 1;
+}
