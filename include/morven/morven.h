@@ -9,5 +9,7 @@
 #include "common.h"
 #include "image.h"
 #include "color.h"
+#include "histogram.h"
+#include "contrast.h"
 
 #endif /* MORVEN_MORVEN_H */

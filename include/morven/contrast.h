@@ -1,0 +1,149 @@
+/*
+ * Morven: contrast enhancement by a global levels stretch.
+ *
+ * A 256-bin histogram of pixel brightness is gathered, a dark and a bright
+ * level are found by clipping a small share of the pixels at each end (or
+ * are given by hand), and a 256-entry tone curve maps the dark level to 0 and
+ * the bright level to 255 with a straight line in between, saturating
+ * outside. The tone curve is an array of 256 bytes owned by the caller:
+ * entry v is the output for input v.
+ *
+ * Brightness is the value itself in a one-channel image and the largest of
+ * channels 1, 2, 3 in an image of three or four channels (channel 4 never
+ * counts). Images are read and written as 8-bit data over their full width
+ * and height: regions of interest are not consulted (except by the mask
+ * blend of the filter, see wzContrastEnhanceFilter).
+ *
+ * Cancel flags (may be null) are 32-bit values read before rows of a pass;
+ * when another thread sets one non-zero the operation returns 2, leaving
+ * what was already written.
+ */
+#ifndef MORVEN_CONTRAST_H
+#define MORVEN_CONTRAST_H
+
+#include "image.h"
+
+MORVEN_EXTERN_C_BEGIN
+
+/* Parameters of contrast enhancement. Note that manualHigh precedes
+ * manualLow. */
+typedef struct wzContrastEnhanceParams {
+    float highTail;     /* per mille of all pixels allowed above the bright level; default 9 */
+    float lowTail;      /* per mille of all pixels allowed below the dark level; default 4 */
+    int32_t manual;     /* non-zero: levels from manualLow/manualHigh, histogram ignored; default 0 */
+    uint8_t manualHigh; /* bright level in manual mode; default 255 */
+    uint8_t manualLow;  /* dark level in manual mode; default 0 */
+} wzContrastEnhanceParams;
+
+/* Brightness histogram. Counts are floats grown by 1.0f, so a bin stops
+ * growing at 2^24. */
+typedef struct wzContrastEnhanceStats {
+    float hist[256]; /* number of pixels of each brightness 0..255 */
+    float total;     /* pixel count against which the tails are measured */
+} wzContrastEnhanceStats;
+
+/* New parameter record with the defaults (highTail 9, lowTail 4, manual 0,
+ * manualHigh 255, manualLow 0), or null when the allocation fails. */
+MORVEN_API wzContrastEnhanceParams *wzContrastEnhanceParamsDefault(void);
+
+/* Frees *params and sets it to null; nothing for null. */
+MORVEN_API void wzContrastEnhanceParamsRelease(wzContrastEnhanceParams **params);
+
+/* New statistics record, or null when the allocation fails. Fill it with
+ * wzContrastEnhanceStatsInit or wzContrastEnhanceStatsRetrieve before use
+ * (this library zero-fills it, but callers must not rely on that). */
+MORVEN_API wzContrastEnhanceStats *wzContrastEnhanceStatsCreate(void);
+
+/* Frees *stats and sets it to null; nothing for null. */
+MORVEN_API void wzContrastEnhanceStatsRelease(wzContrastEnhanceStats **stats);
+
+/* Sets every bin to 0 and total to height * width of the image (a signed
+ * 32-bit product, wrapping on overflow, converted to float). Reads no
+ * pixels. */
+MORVEN_API void wzContrastEnhanceStatsInit(wzContrastEnhanceStats *stats, const wzImage *image);
+
+/* Replaces the record's contents with the brightness histogram of the whole
+ * image (roi ignored; pixel (x, y) starts at byte (y * width + x) * channels)
+ * and total with height * width as wzContrastEnhanceStatsInit does.
+ * The element type is not checked for the known types: the first
+ * height * width * channels bytes of the block are read as 8-bit values.
+ * A one-channel image reads the cancel flag before every row; an image of
+ * several channels reads it once before its pass (not at all when the height
+ * is below 1).
+ * Returns 0; 1 when the encoding is above 4 (no channel count), after the
+ * record has been cleared; 2 when cancelled, with the bins counted so far.
+ * Choice of this library: an unknown type code (element size 0, hence an
+ * empty block) also returns 1 after clearing the record, reading nothing. */
+MORVEN_API wzStatus wzContrastEnhanceStatsRetrieve(wzContrastEnhanceStats *stats,
+                                                   const wzImage *image, const uint32_t *cancel);
+
+/* Adds every bin of from into the same bin of into; into's total is kept
+ * (it stays the pixel count of into's own image). */
+MORVEN_API void wzContrastEnhanceStatsUpdate(const wzContrastEnhanceStats *from,
+                                             wzContrastEnhanceStats *into);
+
+/* Writes the 256 entries of the tone curve, all arithmetic in 32-bit float
+ * without fused multiply-adds.
+ * Manual mode: low = manualLow, high = manualHigh. Otherwise, with
+ * highCount = (highTail * total) / 1000 and lowCount = (total * lowTail) /
+ * 1000: low is the first bin k in 0..254 at which the running sum of
+ * hist[0..k] is strictly greater than lowCount (255 when none; bin 255 is
+ * never examined), high the first bin k going down from 255 to 1 at which
+ * the running sum of hist[255..k] is strictly greater than highCount (0 when
+ * none; bin 0 is never examined).
+ * Then scale = 255 / (high - low) and entry v = (v - low) * scale truncated
+ * toward zero and clamped to 0..255. When high equals low, entries above low
+ * are 255 and entries at or below low 0. An empty histogram gives low 255,
+ * high 0, scale -1: the inversion 255 - v. */
+MORVEN_API void wzContrastEnhanceAddParamsCompute(const wzContrastEnhanceStats *stats,
+                                                  const wzContrastEnhanceParams *params,
+                                                  uint8_t curve[256]);
+
+/* Applies the tone curve over the whole source (roi ignored), row by row,
+ * reading the cancel flag before every row. Source and destination may be
+ * the same record.
+ * One-channel source: destination byte y * width + x = curve[source byte
+ * y * width + x], the destination addressed with the source's width.
+ * Several channels: channels 1, 2, 3 of each source pixel go through the
+ * curve into the same channels of the destination pixel at the same (x, y),
+ * each image addressed with its own width and layout; a fourth destination
+ * channel is left as it was. Channels are matched by number, so a
+ * three-channel source may go into a four-channel destination and back.
+ * The destination must hold every position the source's width and height
+ * address (sizes are not checked).
+ * Returns 0; 1, writing nothing, when the source encoding is above 4 or a
+ * colour source meets a destination of fewer than 3 channels; 2 when
+ * cancelled, leaving the rows already written.
+ * Choices of this library: also 1, writing nothing, when the source or the
+ * destination is not 8-bit (wzType8U), and when a one-channel source meets a
+ * destination that is not one-channel (it would be addressed with the wrong
+ * layout). */
+MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzImage *source,
+                                           wzImage *destination, const uint32_t *cancel);
+
+/* One-call contrast enhancement of the source into the destination (which
+ * may be the same record): gathers the source's brightness histogram
+ * (wzContrastEnhanceStatsRetrieve), computes the tone curve
+ * (wzContrastEnhanceAddParamsCompute) and applies it
+ * (wzContrastEnhanceApply).
+ * With a mask (8-bit gray), the result is blended with the unprocessed image
+ * by wzAddWeigthedM: mask level 255 keeps the enhanced pixel, 0 the
+ * unprocessed one. The blend is region-aware: it covers the source's roi,
+ * each image (mask included) walked from its own region origin, so outside
+ * that region the destination keeps the enhanced pixels. In place with a
+ * mask, the source is first copied into a new 8-bit image of its width,
+ * height and encoding. Choice of this library: that copy takes the source's
+ * roi, so the copy and the blend cover the same pixels of both (with a roi
+ * of the whole image this is a plain full copy).
+ * Returns 0; 1 when an allocation fails or an image is unusable (see the two
+ * passes above; nothing is written then); 2 when cancelled, the destination
+ * holding the rows already written; or the non-zero status of the statistics
+ * pass, the apply pass or the blend, passed on unchanged. Everything the
+ * filter allocates is released on every path. */
+MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *params,
+                                            wzImage *source, const wzImage *mask,
+                                            wzImage *destination, const uint32_t *cancel);
+
+MORVEN_EXTERN_C_END
+
+#endif /* MORVEN_CONTRAST_H */

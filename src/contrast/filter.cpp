@@ -1,0 +1,95 @@
+// Contrast enhancement: applying a tone curve to an image, and the one-call
+// filter (statistics, curve, apply, optional masked blend).
+#include <cstdlib>
+
+#include "common/cancel.hpp"
+#include "common/memory.hpp"
+#include "image/image_internal.hpp"
+#include "morven/color.h"
+#include "morven/contrast.h"
+
+using namespace morven;
+
+extern "C" {
+
+MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzImage *source,
+                                           wzImage *destination, const uint32_t *cancel) {
+    const int32_t n = channelCount(source->encoding);
+    if (n < 1) return WZ_STATUS_ERROR;
+    if (source->type != wzType8U || destination->type != wzType8U) return WZ_STATUS_ERROR;
+
+    const int32_t rows = source->height;
+    const int32_t cols = source->width > 0 ? source->width : 0;
+
+    if (n == 1) {
+        // The destination is addressed with the source's width, so it must
+        // have the same one-byte layout.
+        if (channelCount(destination->encoding) != 1) return WZ_STATUS_ERROR;
+        const uint8_t *s = source->data;
+        uint8_t *d = destination->data;
+        for (int32_t y = 0; y < rows; ++y, s += cols, d += cols) {
+            if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+            for (int32_t x = 0; x < cols; ++x) d[x] = curve[s[x]];
+        }
+        return WZ_STATUS_OK;
+    }
+
+    const int32_t m = channelCount(destination->encoding);
+    if (m < 3) return WZ_STATUS_ERROR;
+    const ChannelBytes os = channelBytes(*source);
+    const ChannelBytes od = channelBytes(*destination);
+    const ptrdiff_t srcRow = static_cast<ptrdiff_t>(cols) * n;
+    const ptrdiff_t dstRow =
+        static_cast<ptrdiff_t>(destination->width > 0 ? destination->width : 0) * m;
+    const uint8_t *sRow = source->data;
+    uint8_t *dRow = destination->data;
+    for (int32_t y = 0; y < rows; ++y, sRow += srcRow, dRow += dstRow) {
+        if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+        const uint8_t *s = sRow;
+        uint8_t *d = dRow;
+        for (int32_t x = 0; x < cols; ++x, s += n, d += m) {
+            // Channel by channel, 1 to 3; in place each channel reads and
+            // writes the same byte, so the order keeps the result exact.
+            d[od.c[0]] = curve[s[os.c[0]]];
+            d[od.c[1]] = curve[s[os.c[1]]];
+            d[od.c[2]] = curve[s[os.c[2]]];
+        }
+    }
+    return WZ_STATUS_OK;
+}
+
+MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *params,
+                                            wzImage *source, const wzImage *mask,
+                                            wzImage *destination, const uint32_t *cancel) {
+    FreePtr<wzContrastEnhanceStats> stats(wzContrastEnhanceStatsCreate());
+    if (!stats) return WZ_STATUS_ERROR;
+    const wzStatus gathered = wzContrastEnhanceStatsRetrieve(stats.get(), source, cancel);
+    if (gathered != WZ_STATUS_OK) return gathered;
+
+    FreePtr<uint8_t> curve(static_cast<uint8_t *>(std::malloc(256)));
+    if (!curve) return WZ_STATUS_ERROR;
+    wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
+    stats.reset();
+
+    // In place with a mask: keep the unprocessed pixels for the blend. The
+    // copy takes the source's region so that the copy and the blend cover
+    // the same pixels of both images.
+    wzImage *copy = nullptr;
+    ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
+    const bool inPlace = source == destination;
+    if (mask && inPlace) {
+        copy = wzImageCreate(source->width, source->height, source->encoding);
+        if (!copy) return WZ_STATUS_ERROR;
+        wzImageSetROI(copy, &source->roi);
+        wzCopy(source, copy);
+    }
+
+    const wzStatus applied = wzContrastEnhanceApply(curve.get(), source, destination, cancel);
+    curve.reset();
+    if (applied != WZ_STATUS_OK) return applied;
+    if (!mask) return WZ_STATUS_OK;
+    if (copy) return wzAddWeigthedM(copy, source, source, mask);
+    return wzAddWeigthedM(source, destination, destination, mask);
+}
+
+}  // extern "C"
