@@ -11,5 +11,8 @@
 #include "color.h"
 #include "histogram.h"
 #include "contrast.h"
+#include "matrix.h"
+#include "smoothing.h"
+#include "transfer.h"
 
 #endif /* MORVEN_MORVEN_H */

@@ -16,6 +16,18 @@ struct ImageDeleter {
 };
 using ImagePtr = std::unique_ptr<wzImage, ImageDeleter>;
 
+struct HeaderDeleter {
+    void operator()(wzImage *img) const { wzImageReleaseHeader(&img); }
+};
+using HeaderPtr = std::unique_ptr<wzImage, HeaderDeleter>;
+
+// A header over a caller-owned block.
+inline HeaderPtr wrapHeader(int32_t width, int32_t height, uint32_t encoding, uint8_t *block) {
+    HeaderPtr h(wzImageCreateHeader(width, height, encoding));
+    if (h) h->data = block;
+    return h;
+}
+
 inline ImagePtr makeImage(int32_t width, int32_t height, uint32_t encoding,
                           uint32_t type = wzType8U) {
     return ImagePtr(wzImageCreateWithType(width, height, encoding, type));

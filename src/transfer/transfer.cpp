@@ -1,0 +1,142 @@
+// The histogram transfer pipeline: matching, optional contrast and selective
+// smoothing, optional mask blend, with the records it needs.
+#include <cstdlib>
+
+#include "common/memory.hpp"
+#include "morven/color.h"
+#include "morven/transfer.h"
+
+using namespace morven;
+
+extern "C" {
+
+MORVEN_API wzHistogramTransferSupport *wzHistogramTransferSupportCreate(void) {
+    FreePtr<wzHistogramTransferSupport> support = allocZeroed<wzHistogramTransferSupport>();
+    if (!support) return nullptr;
+    support->smoothSupport = wzSelectiveSmoothSupportCreate();
+    if (!support->smoothSupport) return nullptr;
+    return support.release();
+}
+
+MORVEN_API void wzHistogramTransferSupportRelease(wzHistogramTransferSupport **support) {
+    if (!support || !*support) return;
+    wzSelectiveSmoothSupportRelease(&(*support)->smoothSupport);
+    std::free(*support);
+    *support = nullptr;
+}
+
+MORVEN_API wzHistogramTransferParams *wzHistogramTransferParamsDefault(void) {
+    auto *p = static_cast<wzHistogramTransferParams *>(std::calloc(1, sizeof(wzHistogramTransferParams)));
+    if (!p) return nullptr;
+    p->targetProfile = nullptr;
+    p->matchStrength = 1.0f;
+    p->matchFidelity = 0.9f;
+    p->contrastEnabled = 0;
+    p->contrastHighTail = 9.0f;
+    p->contrastLowTail = 50.0f;
+    p->smoothEnabled = 0;
+    p->smoothThreshold = 0.1f;
+    p->smoothIterations = 2;
+    p->matchMaxStep = 255;
+    return p;
+}
+
+MORVEN_API void wzHistogramTransferParamsRelease(wzHistogramTransferParams **params) {
+    if (!params || !*params) return;
+    std::free(*params);
+    *params = nullptr;
+}
+
+MORVEN_API wzHistogramTransferParamsInner *wzHistogramTransferParamsInnerCreate(void) {
+    // All four attempts are made; any failure releases all of them.
+    auto *inner = static_cast<wzHistogramTransferParamsInner *>(
+        std::calloc(1, sizeof(wzHistogramTransferParamsInner)));
+    wzHistogramMatchParams *match = wzHistogramMatchParamsDefault();
+    wzContrastEnhanceParams *contrast = wzContrastEnhanceParamsDefault();
+    wzSelectiveSmoothParams *smooth = wzSelectiveSmoothParamsDefault();
+    if (!inner || !match || !contrast || !smooth) {
+        std::free(inner);
+        wzHistogramMatchParamsRelease(&match);
+        wzContrastEnhanceParamsRelease(&contrast);
+        wzSelectiveSmoothParamsRelease(&smooth);
+        return nullptr;
+    }
+    inner->matchParams = match;
+    inner->contrastParams = contrast;
+    inner->smoothParams = smooth;
+    return inner;
+}
+
+MORVEN_API void wzHistogramTransferParamsInnerRelease(wzHistogramTransferParamsInner **inner) {
+    if (!inner || !*inner) return;
+    wzContrastEnhanceParamsRelease(&(*inner)->contrastParams);
+    wzSelectiveSmoothParamsRelease(&(*inner)->smoothParams);
+    wzHistogramMatchParamsRelease(&(*inner)->matchParams);
+    std::free(*inner);
+    *inner = nullptr;
+}
+
+MORVEN_API void wzHistogramTransferSetInnerParams(const wzHistogramTransferParams *params,
+                                                  wzHistogramTransferParamsInner *inner) {
+    inner->matchParams->targetProfile = params->targetProfile;
+    inner->matchParams->strength = params->matchStrength;
+    inner->matchParams->fidelity = params->matchFidelity;
+    inner->matchParams->maxStep = params->matchMaxStep;
+    inner->contrastEnabled = params->contrastEnabled;
+    inner->contrastParams->highTail = params->contrastHighTail;
+    inner->contrastParams->lowTail = params->contrastLowTail;
+    inner->smoothEnabled = params->smoothEnabled;
+    inner->smoothParams->threshold = params->smoothThreshold;
+    inner->smoothParams->iterations = params->smoothIterations;
+}
+
+MORVEN_API wzStatus wzHistogramTransferFilter(const wzHistogramTransferParams *params,
+                                              const wzHistogramTransferSupport *support,
+                                              wzImage *source, const wzImage *mask,
+                                              wzImage *destination, const uint32_t *cancel) {
+    // The untouched picture must survive the stages only when a mask blends
+    // it back and the stages would overwrite it, or when it guides smoothing.
+    const bool needCopy = mask && (destination == source || params->smoothEnabled);
+
+    wzHistogramTransferParamsInner *inner = wzHistogramTransferParamsInnerCreate();
+    if (!inner) return WZ_STATUS_ERROR;
+    ScopeGuard releaseInner([&] { wzHistogramTransferParamsInnerRelease(&inner); });
+    wzHistogramTransferSetInnerParams(params, inner);
+
+    wzImage *copy = nullptr;
+    ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
+    if (needCopy) {
+        copy = wzImageCreate(source->width, source->height, source->encoding);
+        if (!copy) return WZ_STATUS_ERROR;
+        // The whole picture (smoothing reads all of it), with the source's
+        // region so that the blend covers the same pixels as in the source.
+        wzImage whole = *source;
+        wzImageResetROI(&whole);
+        wzCopy(&whole, copy);
+        wzImageSetROI(copy, &source->roi);
+    }
+    const wzImage *untouched = copy ? copy : source;
+
+    wzStatus status = wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
+    if (status != WZ_STATUS_OK) return status;
+    if (inner->contrastEnabled) {
+        status = wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr, destination,
+                                         cancel);
+        if (status != WZ_STATUS_OK) return status;
+    }
+    if (inner->smoothEnabled) {
+        status = wzSelectiveSmooth(inner->smoothParams, support->smoothSupport, untouched,
+                                   destination, destination, cancel);
+        if (status != WZ_STATUS_OK) return status;
+    }
+    wzHistogramTransferParamsInnerRelease(&inner);
+    if (mask) {
+        status = wzAddWeigthedM(untouched, destination, destination, mask);
+        if (status != WZ_STATUS_OK) return status;
+    }
+    wzImageRelease(&copy);
+    wzImageResetROI(destination);
+    return WZ_STATUS_OK;
+}
+
+}  // extern "C"
