@@ -109,17 +109,18 @@ TEST_F(Host, ConcurrentCallsOnDistinctBuffersMatchSequentialOnes) {
     ASSERT_EQ(wzMorvenInit(), 0u);
     constexpr int kJobs = 8;
     std::mt19937 rng(4);
-    std::vector<Buffer> src, ref, seq(kJobs), par(kJobs);
+    std::vector<Buffer> src, ref, guide, seq(kJobs), par(kJobs);
     for (int i = 0; i < kJobs; ++i) {
         src.push_back(randomBGR(64, 48, rng, 20 * (i % 4), 120));
         ref.push_back(randomBGR(50, 40, rng, 60, 190));
+        guide.push_back(randomBGR(64, 48, rng, 100, 30));
     }
     auto job = [&](int i, Buffer &out) {
         out.assign(src[i].size(), 0);
         if (i % 2 == 0)
             return wzMorvenTransfer(64, 48, src[i].data(), out.data(), 50, 40, ref[i].data(), i % 4 == 0,
                                     255, 1.0f, 9.0f, 50.0f, 0.9f);
-        return wzMorvenSmooth(64, 48, ref[i].data() , src[i].data(), out.data(), 2, 0.2f);
+        return wzMorvenSmooth(64, 48, guide[i].data(), src[i].data(), out.data(), 2, 0.2f);
     };
     for (int i = 0; i < kJobs; ++i) ASSERT_EQ(job(i, seq[i]), 0u);
     std::vector<std::thread> threads;
