@@ -14,5 +14,6 @@
 #include "matrix.h"
 #include "smoothing.h"
 #include "transfer.h"
+#include "volume.h"
 
 #endif /* MORVEN_MORVEN_H */
