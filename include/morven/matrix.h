@@ -103,6 +103,215 @@ MORVEN_API void wzMatrixCvtTo32(const wzMatrix *m, wzMatrix32 *out);
  * record whose storage the caller attaches separately. */
 MORVEN_API void wzMatrixCvtFrom32(const wzMatrix32 *in, wzMatrix *out);
 
+/* ------------------------------------------------------------------------ */
+/* Arithmetic                                                                */
+/*                                                                           */
+/* Results go into matrices that the caller created with the right shape;   */
+/* nothing is allocated. Shapes are checked first and nothing is written on  */
+/* a mismatch. Elements are read and written through rowPtr (the pointwise   */
+/* product walks the contiguous blocks). Every sum runs in ascending index   */
+/* order from 0.0, with separate multiplications and additions.             */
+
+/* dst = a * b: dst(i, j) = sum over k ascending of a(i, k) * b(k, j).
+ * Requires dst rows = a rows, dst cols = b cols, a cols = b rows; otherwise
+ * 0xFFFFFFFF. Returns 0 at once when dst has no element; an inner size of 0
+ * clears dst. dst must not share storage with a or b. */
+MORVEN_API wzStatus wzMatrixProduct(wzMatrix *dst, const wzMatrix *a, const wzMatrix *b);
+
+/* The same operation, checks and results as wzMatrixProduct, under a second
+ * name; it runs on the calling thread. */
+MORVEN_API wzStatus wzMatrixProduct_MP(wzMatrix *dst, const wzMatrix *a, const wzMatrix *b);
+
+/* dst(i, j) = src(j, i). Requires dst cols = src rows and dst rows = src
+ * cols; otherwise 0xFFFFFFFF. dst must not share storage with src. */
+MORVEN_API wzStatus wzMatrixTranspose(wzMatrix *dst, const wzMatrix *src);
+
+/* dst(i, j) = a(i, j) * b(i, j) over the contiguous blocks. All three must
+ * have equal rows and equal cols; otherwise 1 (not 0xFFFFFFFF). dst may be a
+ * or b. Choice of this library: the element count is formed in 64 bits, so a
+ * header over more than 2^31 elements is processed whole. */
+MORVEN_API wzStatus wzMatrixPointwiseProduct(wzMatrix *dst, const wzMatrix *a, const wzMatrix *b);
+
+/* Divides src by its row norms (byColumns 0) or column norms (byColumns not
+ * 0) into dst: norm = sqrt(sum of squares, ascending). A row (column) whose
+ * norm is 0.0 is left untouched in dst; a NaN norm divides. Source first,
+ * then destination. Equal shapes required; otherwise 0xFFFFFFFF. dst may be
+ * src. */
+MORVEN_API wzStatus wzMatrixNormalize(const wzMatrix *src, wzMatrix *dst, int32_t byColumns);
+
+/* dst(i, j) = src(i, j) * s. Equal shapes required; otherwise 0xFFFFFFFF.
+ * dst may be src. */
+MORVEN_API wzStatus wzMatrixScalarProduct(wzMatrix *dst, const wzMatrix *src, double s);
+
+/* dst(i, j) = a(i, j) + b(i, j). Equal shapes required; otherwise
+ * 0xFFFFFFFF. dst may be a or b. (There is no subtraction: add a matrix
+ * scaled by -1.) */
+MORVEN_API wzStatus wzMatrixAddition(wzMatrix *dst, const wzMatrix *a, const wzMatrix *b);
+
+/* ------------------------------------------------------------------------ */
+/* Decompositions and solvers                                                */
+/*                                                                           */
+/* n is the order of the square matrix; right-hand sides and solutions are  */
+/* n x k, one system per column. Sums run in ascending order from 0.0.      */
+/* Statuses: 0 success; 1 shape mismatch, singular matrix or failed         */
+/* allocation (QR: 0xFFFFFFFF for a mismatch). Divisions are not guarded:   */
+/* zero diagonals or norms give infinities or NaNs with status 0.           */
+/* A triangular solve takes diag: 0.0 divides row i by the matrix's own     */
+/* (i, i); any other value divides by diag and the diagonal is not read.    */
+
+/* Classical Gram-Schmidt: A, Q and R all n x n (n = A's column count),
+ * otherwise 0xFFFFFFFF; n 0 returns 0. Column j of Q is column j of A minus
+ * its projections on the earlier columns of Q (coefficients taken against
+ * A's column), divided by its norm; then R = Q^T * A in full (the part below
+ * the diagonal is computed, not cleared). A rank-deficient A gives
+ * non-finite values with status 0. Q and R must not share storage with A or
+ * with each other (R serves as scratch before it receives Q^T * A). */
+MORVEN_API wzStatus wzMatrixQRDecomposition(const wzMatrix *A, wzMatrix *Q, wzMatrix *R);
+
+/* Doolittle LU with partial pivoting, P * A = L * U, the same row
+ * interchanges applied to every column of B. A, L and U n x n (n = A's
+ * column count) and B with n rows (any column count), otherwise 1. The pivot
+ * is the first row holding the largest |U(i, k)|; a largest value of exactly
+ * 0.0 returns 1 (singular) and leaves L, U and B as far as they had got.
+ * When L and U are the same record it receives the compact form: the
+ * multipliers strictly below the diagonal, U on and above it. Otherwise L
+ * gets the unit lower factor and U the zero-cleared upper one. The
+ * permutation is visible only in B. */
+MORVEN_API wzStatus wzMatrixLUDecomposition(const wzMatrix *A, wzMatrix *L, wzMatrix *U,
+                                            wzMatrix *B);
+
+/* Solves L * X = B by forward substitution, reading only the lower triangle
+ * of L (and its diagonal only when diag is 0.0). L square (n = its row
+ * count), B and X with n rows, X with B's column count; otherwise 1. No
+ * column: 0. X may be B.
+ * Choice of this library: a system of order 0 (with any column count)
+ * reads and writes nothing and returns 0. */
+MORVEN_API wzStatus wzMatrixForwardSubstitution(const wzMatrix *L, const wzMatrix *B, wzMatrix *X,
+                                                double diag);
+
+/* Solves U * X = B by backward substitution (rows from n - 1 down, each sum
+ * in ascending column order), reading only the upper triangle of U (and its
+ * diagonal only when diag is 0.0). Checks, statuses and aliasing as
+ * wzMatrixForwardSubstitution, including the order-0 choice. */
+MORVEN_API wzStatus wzMatrixBackwardSubstitution(const wzMatrix *U, const wzMatrix *B, wzMatrix *X,
+                                                 double diag);
+
+/* Solves A * X = B: B is copied into X, A is factorised in compact form
+ * into work with the row interchanges applied to X, then forward (unit
+ * diagonal) and backward substitution run in place in X. X must have B's
+ * shape, otherwise 1. work may be null: an A-shaped matrix is then created
+ * and released on every path (1 if it cannot be created); a given work must
+ * be n x n and keeps the compact factorisation. A singular A or a mismatch
+ * found by the factorisation returns 1, possibly after X was written. */
+MORVEN_API wzStatus wzMatrixSolveLinearSystem(const wzMatrix *A, wzMatrix *X, const wzMatrix *B,
+                                              wzMatrix *work);
+
+/* Least squares through the normal equations (A^T A) X = A^T B for an
+ * m x n A and an m x k B; X is n x k. Work matrices may be null (created
+ * here and released on every path): work1 m x n (scratch: A^T, then the
+ * compact factorisation), work2 n x n (receives A^T A), work3 n x k
+ * (receives A^T B). A shape that does not fit is reported as 1 by the solve.
+ * Choices of this library: an A with fewer rows than columns (m < n) is
+ * rejected with 1 before anything is created or written, and so is a
+ * caller's work1 whose block holds fewer than n * m doubles or fewer than
+ * work2's element count; any failed creation returns 1 after releasing
+ * what was created. */
+MORVEN_API wzStatus wzMatrixLinearSystemLeastSquares(const wzMatrix *A, wzMatrix *X,
+                                                     const wzMatrix *B, wzMatrix *work1,
+                                                     wzMatrix *work2, wzMatrix *work3);
+
+/* ------------------------------------------------------------------------ */
+/* Singular value decomposition and pseudo-inverse                          */
+/*                                                                           */
+/* Index-offset arrays of doubles: a vector with bounds nl..nh is valid     */
+/* from v[nl] to v[nh] (one block that also holds v[nl - 1]); a matrix with */
+/* bounds nrl..nrh, ncl..nch is valid from m[nrl][ncl] to m[nrh][nch] (a    */
+/* row table and one contiguous element block, rows nch - ncl + 1 apart).   */
+/* These helpers and svdcmp carry no name prefix.                           */
+
+/* New offset vector v[nl..nh], or null when the allocation fails.
+ * Choice of this library: bounds with no element (nh < nl) or a size that
+ * does not fit in memory yield null. */
+MORVEN_API double *vector(int64_t nl, int64_t nh);
+
+/* Frees a vector made by vector(nl, nh) (only nl is used). Nothing for a
+ * null v. */
+MORVEN_API void free_vector(double *v, int64_t nl, int64_t nh);
+
+/* New offset matrix m[nrl..nrh][ncl..nch], or null when an allocation fails
+ * (nothing is leaked). Choice of this library: bounds with no row or no
+ * column, or sizes that do not fit in memory, yield null. */
+MORVEN_API double **matrix(int64_t nrl, int64_t nrh, int64_t ncl, int64_t nch);
+
+/* Frees the element block, then the row table, of a matrix made by matrix()
+ * with the same bounds (only nrl and ncl are used). Nothing for a null m. */
+MORVEN_API void free_matrix(double **m, int64_t nrl, int64_t nrh, int64_t ncl, int64_t nch);
+
+/* Golub-Reinsch singular value decomposition A = U * diag(w) * V^T of the
+ * m x n matrix in a, in double precision. a and v are row tables addressed
+ * from 1 (a[1..m], v[1..n]) whose rows are addressed from 0 (columns
+ * 0..n-1); w is addressed from 1 (w[1..n]). On return a holds U (m x n,
+ * orthonormal columns), w the singular values, all non-negative, and v the
+ * n x n matrix V (not transposed). The singular values are not sorted: the
+ * columns of U and V follow their order. Householder bidiagonalisation,
+ * accumulation of both transformations, then implicit-shift QR sweeps with
+ * exact-equality split tests against the norm estimate.
+ * Returns 0, or 1 when the work vector cannot be allocated or a singular
+ * value has not converged after 29 sweeps (a, w and v are then left in
+ * their partial state). Prints nothing. For speed the sweeps work on
+ * transposed copies of U and V (m * n + n * n doubles) when those can be
+ * allocated, and in place otherwise, with identical results.
+ * Choices of this library: m or n negative returns 1 before anything is
+ * touched, n 0 returns 0; the split search never goes below row 1, so a
+ * matrix with NaN or infinite elements cannot make the routine read or
+ * write outside the arrays (it then typically returns 1). m < n is
+ * supported. */
+MORVEN_API int32_t svdcmp(double **a, int32_t m, int32_t n, double *w, double **v);
+
+/* Copies U rows * U cols elements of A into U and runs svdcmp on U (m x n,
+ * receives U), W (at least n elements, receives the singular values in
+ * elements 0..n-1) and V (n x n, receives V). Returns svdcmp's status. No
+ * shape is checked: U must have A's shape. */
+MORVEN_API int32_t wzMatrixSVDDecomposition(const wzMatrix *A, wzMatrix *U, wzMatrix *W,
+                                            wzMatrix *V);
+
+/* Moore-Penrose pseudo-inverse of the m x n matrix A into the n x m matrix
+ * P: V * diag(1 / w) * U^T where every singular value that is not exactly
+ * 0.0 is inverted (no tolerance: tiny values are inverted too). A
+ * non-square A is zero-padded to s x s, s = max(m, n), and P receives the
+ * top-left corner of the padded result. Returns 0, or 1 when a temporary
+ * matrix cannot be created or the decomposition fails (every temporary is
+ * released). A square A with a P of another shape leaves P unwritten.
+ * The zero columns padded to a tall A give singular values of exactly 0;
+ * the zero rows padded to a wide A (m < n) can leave tiny non-zero ones,
+ * which are inverted: for such input, transposing the pseudo-inverse of A^T
+ * is the safer route.
+ * Choice of this library: for a non-square A, rows and columns of P beyond
+ * s are left unwritten (only the existing corner is copied). */
+MORVEN_API wzStatus wzMatrixPseudoInverse(const wzMatrix *A, wzMatrix *P);
+
+/* ------------------------------------------------------------------------ */
+/* Dump files: a 16-byte little-endian header (two zero pointer slots,     */
+/* nRows, nCols: the wzMatrix32 layout) and the nRows * nCols doubles in    */
+/* row order. No magic number, version or checksum. The stream is opened,   */
+/* positioned and closed by the caller; dumps may follow one another.       */
+
+/* Writes one dump of the matrix from its contiguous block. Returns 0, or
+ * 0xFFFFFFFF when a write is short. A matrix with no element writes the
+ * header and returns 0xFFFFFFFF (an empty item counts as not written).
+ * Choice of this library: negative sizes count as no element. */
+MORVEN_API wzStatus wzMatrixDumpSave(const wzMatrix *m, FILE *stream);
+
+/* Reads one dump into a new matrix owning its block (release it with
+ * wzMatrixRelease). Null, with nothing leaked, on a short header or block,
+ * a dump with no element, or a failed allocation.
+ * Choice of this library: a header with a negative size, or whose element
+ * count exceeds 2^31 - 1 (the largest wzMatrixCreate accepts), is refused
+ * before any element block is allocated; sizes are computed in 64 bits.
+ * The stream is left just after the dump on success, wherever the failed
+ * read left it otherwise. */
+MORVEN_API wzMatrix *wzMatrixDumpLoad(FILE *stream);
+
 MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_MATRIX_H */
