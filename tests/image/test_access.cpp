@@ -2,49 +2,21 @@
 // statistics.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <random>
 #include <vector>
 
-#include "image/image_internal.hpp"
-#include "morven/image.h"
+#include "support/image_fixtures.hpp"
+
+using namespace morven_test;
 
 namespace {
 
-using morven::loadElement;
-using morven::storeRaw;
-
-struct ImagePtr {
-    wzImage *p;
-    explicit ImagePtr(wzImage *img) : p(img) {}
-    ~ImagePtr() { wzImageRelease(&p); }
-    ImagePtr(const ImagePtr &) = delete;
-    ImagePtr &operator=(const ImagePtr &) = delete;
-    wzImage *operator->() const { return p; }
-    wzImage *get() const { return p; }
-};
-
-const uint32_t kTypes[] = {wzType8U, wzType32S, wzType16U, wzType32S24, wzType32F, wzType64F};
-
-// Stores element i of a block, by type code.
-void put(wzImage *img, int64_t i, double v) {
-    morven::dispatchType(img->type, [&](auto tag) {
-        using T = typename decltype(tag)::T;
-        storeRaw<T>(img->data + i * int64_t{sizeof(T)}, static_cast<T>(v));
-    });
-}
-
-double get(const wzImage *img, int64_t i) {
-    double v = 0;
-    morven::dispatchType(img->type, [&](auto tag) {
-        using T = typename decltype(tag)::T;
-        v = static_cast<double>(loadElement<T>(img->data + i * int64_t{sizeof(T)}));
-    });
-    return v;
-}
+constexpr double kInf = std::numeric_limits<double>::infinity();
+const double kNaN = std::nan("");
 
 double getVal(const wzImage *img, int32_t x, int32_t y) {
     const wzPoint p{12345, x, y, 0};
@@ -56,410 +28,200 @@ double interp(const wzImage *img, double x, double y) {
     return wzImageGetInterpolatedVal(img, pos);
 }
 
-TEST(ImageAccess, GetValReadsByType) {
-    ImagePtr a(wzImageCreate(4, 3, wzEncodingGray));
-    std::memset(a->data, 0, 12);
-    a->data[1 * 4 + 2] = 200;
-    EXPECT_EQ(getVal(a.get(), 2, 1), 200.0);
-    EXPECT_EQ(getVal(a.get(), 1, 2), 0.0);
-
-    ImagePtr b(wzImageCreateWithType(4, 3, wzEncodingGray, wzType32S));
-    put(b.get(), 5, -5);
-    EXPECT_EQ(getVal(b.get(), 1, 1), -5.0);
-
-    ImagePtr c(wzImageCreateWithType(2, 2, wzEncodingGray, wzType16U));
-    put(c.get(), 3, 65535);
-    EXPECT_EQ(getVal(c.get(), 1, 1), 65535.0);
-
-    ImagePtr d(wzImageCreateWithType(2, 2, wzEncodingGray, wzType32S24));
-    put(d.get(), 2, -16777215);
-    EXPECT_EQ(getVal(d.get(), 0, 1), -16777215.0);
-
-    ImagePtr f(wzImageCreateWithType(2, 1, wzEncodingGray, wzType32F));
-    put(f.get(), 1, 0.1f);
-    EXPECT_EQ(getVal(f.get(), 1, 0), static_cast<double>(0.1f));
-
-    ImagePtr g(wzImageCreateWithType(2, 1, wzEncodingGray, wzType64F));
-    put(g.get(), 1, 0.1);
-    EXPECT_EQ(getVal(g.get(), 1, 0), 0.1);
-
-    // The index counts elements, not pixels: x 1 of a BGR row is pixel 0's green.
-    ImagePtr bgr(wzImageCreate(2, 1, wzEncodingBGR));
-    for (int i = 0; i < 6; ++i) bgr->data[i] = static_cast<uint8_t>(10 + i);
-    EXPECT_EQ(getVal(bgr.get(), 1, 0), 11.0);
-    // roi is ignored.
-    const wzRect r{1, 0, 1, 1};
-    wzImageSetROI(bgr.get(), &r);
-    EXPECT_EQ(getVal(bgr.get(), 0, 0), 10.0);
-
-    // Unknown type codes read 0.0 (a header over a real block).
-    ImagePtr u(wzImageCreateHeaderWithType(2, 1, wzEncodingGray, 7));
-    uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    u->data = bytes;
-    EXPECT_EQ(getVal(u.get(), 1, 0), 0.0);
-    EXPECT_EQ(interp(u.get(), 0.5, 0.0), 0.0);
-    u->data = nullptr;
-}
-
-TEST(ImageAccess, GetValUnalignedBlock) {
-    // A host buffer need not be aligned to the element size.
-    alignas(8) uint8_t raw[1 + 4 * 8] = {};
-    const double vals[4] = {1.5, -2.25, 1e300, -0.0};
-    std::memcpy(raw + 1, vals, sizeof vals);
-    ImagePtr h(wzImageCreateHeaderWithType(2, 2, wzEncodingGray, wzType64F));
-    h->data = raw + 1;
-    EXPECT_EQ(getVal(h.get(), 0, 0), 1.5);
-    EXPECT_EQ(getVal(h.get(), 1, 0), -2.25);
-    EXPECT_EQ(getVal(h.get(), 0, 1), 1e300);
-    EXPECT_EQ(interp(h.get(), 0.5, 0.0), 1.5 + 0.5 * (-2.25 - 1.5));
-    h->data = nullptr;
-}
+}  // namespace
 
 TEST(ImageAccess, InterpolationWorkedValues) {
-    ImagePtr a(wzImageCreate(2, 2, wzEncodingGray));
+    // The block holds exactly 4 bytes: under AddressSanitizer, reading a right
+    // or lower neighbour that a zero fraction does not need would be reported.
+    ImagePtr a = makeImage(2, 2, wzEncodingGray);
     const uint8_t px[4] = {10, 20, 30, 40};
     std::memcpy(a->data, px, 4);
-    EXPECT_EQ(interp(a.get(), 0.5, 0.0), 15.0);
-    EXPECT_EQ(interp(a.get(), 0.25, 0.5), 22.5);
-    EXPECT_EQ(interp(a.get(), 0.0, 0.5), 20.0);
-    EXPECT_EQ(interp(a.get(), 0.0, 0.0), 10.0);
-    // Negative positions truncate toward zero and extrapolate from the right
-    // or lower neighbour: 10 + (-0.5) * (20 - 10).
-    EXPECT_EQ(interp(a.get(), -0.5, 0.0), 5.0);
-    EXPECT_EQ(interp(a.get(), 0.0, -0.25), 10.0 - 0.25 * 20.0);
-    // The block holds exactly 4 bytes: under AddressSanitizer a read of a
-    // right or lower neighbour of the last element would be reported.
-    EXPECT_EQ(interp(a.get(), 1.0, 1.0), 40.0);
-    EXPECT_EQ(interp(a.get(), 1.0, 0.5), 30.0);  // last column: only below is read
-    EXPECT_EQ(interp(a.get(), 0.5, 1.0), 35.0);  // last row: only the right is read
-
-    ImagePtr d(wzImageCreateWithType(3, 2, wzEncodingGray, wzType64F));
-    for (int i = 0; i < 6; ++i) put(d.get(), i, i * 1.5);
-    EXPECT_EQ(interp(d.get(), 2.0, 1.0), 7.5);
-    EXPECT_EQ(interp(d.get(), 2.0, 0.5), 3.0 + 0.5 * (7.5 - 3.0));  // reads index 5, not 3
+    const double cases[][3] = {
+        {0.5, 0.0, 15.0},  {0.25, 0.5, 22.5}, {0.0, 0.5, 20.0}, {0.0, 0.0, 10.0},
+        {-0.5, 0.0, 5.0},  // negative positions extrapolate from the right neighbour
+        {0.0, -0.25, 5.0}, {1.0, 1.0, 40.0},  {1.0, 0.5, 30.0}, {0.5, 1.0, 35.0}};
+    for (const auto &c : cases) EXPECT_EQ(interp(a.get(), c[0], c[1]), c[2]) << c[0] << "," << c[1];
+    a->type = 7;  // unknown type: 0.0
+    EXPECT_EQ(getVal(a.get(), 1, 0), 0.0);
+    EXPECT_EQ(interp(a.get(), 0.5, 0.0), 0.0);
 }
 
-// Exact cross-check: integer elements and fractions in eighths make every
-// product and sum exact, so the textbook weighted form must agree bit for bit.
-TEST(ImageAccess, InterpolationMatchesWeightedForm) {
+// Reads and interpolation of every type on an unaligned block, against the
+// element grid of width w: the index counts elements, not pixels (the image is
+// BGR), and ignores roi. Integer elements and fractions in eighths keep every
+// product exact, so the textbook weighted form must agree bit for bit.
+TEST(ImageAccess, GetValAndInterpolationMatchTheElementGrid) {
     std::mt19937 rng(7);
-    for (uint32_t type : kTypes) {
-        const int w = 7, h = 5;
-        ImagePtr img(wzImageCreateWithType(w, h, wzEncodingGray, type));
-        std::vector<double> ref(w * h);
-        const int hi = type == wzType8U ? 255 : 1000;
-        for (int i = 0; i < w * h; ++i) {
-            ref[i] = static_cast<double>(std::uniform_int_distribution<int>(0, hi)(rng));
-            put(img.get(), i, ref[i]);
-        }
+    const int w = 7, h = 5;
+    for (uint32_t type : kAllTypes) {
+        std::vector<uint8_t> raw(1 + 3 * w * h * typeSize(type));
+        HeaderPtr img(wzImageCreateHeaderWithType(w, h, wzEncodingBGR, type));
+        img->data = raw.data() + 1;
+        setRoi(img.get(), 3, 2, 1, 1);
+        const int32_t mask = type == wzType8U    ? 0xFF
+                             : type == wzType16U ? 0xFFFF
+                             : type == wzType32F ? 0xFFFFFF
+                                                 : -1;
+        for (int i = 0; i < w * h; ++i)
+            setElementAt(img.get(), i, static_cast<int32_t>(rng()) & mask);
+        auto px = [&](int x, int y) { return elementAt(img.get(), y * w + x); };
         for (int k = 0; k < 300; ++k) {
-            const int xi = std::uniform_int_distribution<int>(0, w - 2)(rng);
-            const int yi = std::uniform_int_distribution<int>(0, h - 2)(rng);
-            const double fx = std::uniform_int_distribution<int>(0, 7)(rng) / 8.0;
-            const double fy = std::uniform_int_distribution<int>(0, 7)(rng) / 8.0;
-            const double p00 = ref[yi * w + xi], p10 = ref[yi * w + xi + 1];
-            const double p01 = ref[(yi + 1) * w + xi], p11 = ref[(yi + 1) * w + xi + 1];
-            const double want = (1 - fx) * (1 - fy) * p00 + fx * (1 - fy) * p10 +
-                                (1 - fx) * fy * p01 + fx * fy * p11;
-            EXPECT_EQ(interp(img.get(), xi + fx, yi + fy), want)
-                << "type " << type << " at " << xi + fx << ", " << yi + fy;
+            const int xi = rng() % (w - 1), yi = rng() % (h - 1);
+            const double fx = (rng() % 8) / 8.0, fy = (rng() % 8) / 8.0;
+            const double want = (1 - fx) * (1 - fy) * px(xi, yi) + fx * (1 - fy) * px(xi + 1, yi) +
+                                (1 - fx) * fy * px(xi, yi + 1) + fx * fy * px(xi + 1, yi + 1);
+            ASSERT_EQ(getVal(img.get(), xi, yi + 1), px(xi, yi + 1)) << type;
+            ASSERT_EQ(interp(img.get(), xi + fx, yi + fy), want)
+                << type << " " << xi + fx << "," << yi + fy;
         }
     }
 }
 
-TEST(ImageAccess, SetValStoreRules) {
-    ImagePtr a(wzImageCreate(3, 2, wzEncodingBGR));
-    wzImageSetVal(a.get(), 300.0);
-    for (int i = 0; i < 18; ++i) ASSERT_EQ(a->data[i], 44) << i;
-    wzImageSetVal(a.get(), -1.0);
-    for (int i = 0; i < 18; ++i) ASSERT_EQ(a->data[i], 255) << i;
-    wzImageSetVal(a.get(), 7.99);
-    EXPECT_EQ(a->data[17], 7);
-    wzImageSetVal(a.get(), 1e10);  // saturates to INT32_MAX, low byte 255
-    EXPECT_EQ(a->data[0], 255);
-    wzImageSetVal(a.get(), std::nan(""));
-    EXPECT_EQ(a->data[5], 0);
-
-    ImagePtr b(wzImageCreateWithType(2, 2, wzEncodingRGBA, wzType16U));
-    wzImageSetVal(b.get(), 70000.0);
-    for (int i = 0; i < 16; ++i) ASSERT_EQ(get(b.get(), i), 4464.0) << i;
-
-    ImagePtr c(wzImageCreateWithType(2, 2, wzEncodingGray, wzType32F));
-    wzImageSetVal(c.get(), 0.1);
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(loadElement<float>(c->data + 4 * i), 0.1f);
-
-    ImagePtr d(wzImageCreateWithType(2, 2, wzEncodingGray, wzType64F));
-    wzImageSetVal(d.get(), 0.1);
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(get(d.get(), i), 0.1);
-
-    for (uint32_t type : {wzType32S, wzType32S24}) {
-        ImagePtr e(wzImageCreateWithType(3, 1, wzEncodingGray, type));
-        wzImageSetVal(e.get(), -7.9);
-        for (int i = 0; i < 3; ++i) ASSERT_EQ(get(e.get(), i), -7.0);
-        wzImageSetVal(e.get(), 1e10);
-        EXPECT_EQ(get(e.get(), 2), 2147483647.0);
-        wzImageSetVal(e.get(), -1e10);
-        EXPECT_EQ(get(e.get(), 0), -2147483648.0);
-        wzImageSetVal(e.get(), -std::numeric_limits<double>::infinity());
-        EXPECT_EQ(get(e.get(), 1), -2147483648.0);
-        wzImageSetVal(e.get(), std::nan(""));
-        EXPECT_EQ(get(e.get(), 1), 0.0);
-    }
-}
-
-// Fills cover the whole block whatever roi says, and write nothing for an
-// invalid encoding or unknown type.
-TEST(ImageAccess, FillsCoverWholeBlockOnly) {
-    for (uint32_t type : kTypes) {
-        ImagePtr img(wzImageCreateWithType(3, 2, wzEncodingARGB, type));
-        const wzRect r{1, 1, 1, 1};
-        wzImageSetROI(img.get(), &r);
-        const size_t bytes = 3 * 2 * 4 * morven::elementSize(type);
-        std::memset(img->data, 0xA5, bytes);
-        wzImageSetVal(img.get(), 3.0);
-        for (int i = 0; i < 24; ++i) ASSERT_EQ(get(img.get(), i), 3.0) << type << " " << i;
+// Fills cover the whole block whatever roi says.
+TEST(ImageAccess, SetValStoreRulesAndSetZero) {
+    const struct {
+        uint32_t type;
+        double value, stored;
+    } cases[] = {
+        // clang-format off
+        {wzType8U, 300.0, 44},  {wzType8U, -1.0, 255},      {wzType8U, 7.99, 7},
+        {wzType8U, 1e10, 255},  {wzType8U, kNaN, 0},        {wzType16U, 70000.0, 4464},
+        {wzType64F, 0.1, 0.1},  {wzType32F, 0.1, static_cast<float>(0.1)},
+        {wzType32S, -7.9, -7},  {wzType32S, 1e10, INT32_MAX}, {wzType32S, -1e10, INT32_MIN},
+        {wzType32S24, kNaN, 0}, {wzType32S24, -kInf, INT32_MIN},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        ImagePtr img = makeImage(3, 2, wzEncodingARGB, c.type);
+        setRoi(img.get(), 1, 1, 1, 1);
+        wzImageSetVal(img.get(), c.value);
+        for (int i = 0; i < 24; ++i)
+            ASSERT_EQ(elementAt(img.get(), i), c.stored) << c.type << " " << c.value;
         wzImageSetZero(img.get());
-        for (size_t i = 0; i < bytes; ++i) ASSERT_EQ(img->data[i], 0) << type << " " << i;
+        EXPECT_EQ(snapshot(img.get()), std::vector<uint8_t>(blockBytes(img.get()), 0));
     }
-
-    // Headers over a guarded buffer: nothing may be written.
-    uint8_t buf[64];
+    // An invalid encoding, an unknown type or a negative count writes nothing.
+    uint8_t buf[16];
     std::memset(buf, 0xA5, sizeof buf);
-    ImagePtr bad(wzImageCreateHeaderWithType(2, 2, 7, wzType8U));  // encoding 7
+    HeaderPtr bad(wzImageCreateHeaderWithType(2, 2, 7, wzType8U));
     bad->data = buf;
-    wzImageSetVal(bad.get(), 1.0);
-    wzImageSetZero(bad.get());
-    bad->encoding = wzEncodingGray;
-    bad->type = 3;  // unknown type
-    wzImageSetVal(bad.get(), 1.0);
-    wzImageSetZero(bad.get());
-    bad->type = wzType8U;
-    bad->width = -2;  // negative element count
-    wzImageSetVal(bad.get(), 1.0);
-    wzImageSetZero(bad.get());
-    for (uint8_t v : buf) ASSERT_EQ(v, 0xA5);
-    bad->data = nullptr;
+    for (auto change : {+[](wzImage *) {}, +[](wzImage *i) { i->encoding = 0, i->type = 3; },
+                        +[](wzImage *i) { i->type = 0, i->width = -2; }}) {
+        change(bad.get());
+        wzImageSetVal(bad.get(), 1.0);
+        wzImageSetZero(bad.get());
+    }
+    EXPECT_EQ(std::count(buf, buf + 16, 0xA5), 16);
 }
 
-TEST(ImageAccess, MinMaxStatusesAndRegion) {
-    double mn = 0, mx = 0;
-    ImagePtr rgb(wzImageCreate(2, 2, wzEncodingRGB));
-    std::memset(rgb->data, 9, 12);
-    EXPECT_EQ(wzImageGetMinMaxValues(rgb.get(), &mn, &mx), 1u);
-    EXPECT_EQ(mn, 1.7976931348623157e308);
-    EXPECT_EQ(mx, -1.7976931348623157e308);
-
-    ImagePtr g(wzImageCreate(4, 3, wzEncodingGray));
-    const uint8_t px[12] = {0, 1, 2, 250, 4, 50, 60, 7, 8, 9, 10, 255};
-    std::memcpy(g->data, px, 12);
-    wzRect empty{1, 1, 0, 2};
-    wzImageSetROI(g.get(), &empty);
-    mn = mx = 0;
-    EXPECT_EQ(wzImageGetMinMaxValues(g.get(), &mn, &mx), 0u);
-    EXPECT_EQ(mn, DBL_MAX);
-    EXPECT_EQ(mx, -DBL_MAX);
-
-    // Region (1, 1, 2, 2) holds 50, 60, 9, 10; the extremes 0, 250, 255 lie outside.
-    const wzRect r{1, 1, 2, 2};
-    wzImageSetROI(g.get(), &r);
-    EXPECT_EQ(wzImageGetMinMaxValues(g.get(), &mn, &mx), 0u);
-    EXPECT_EQ(mn, 9.0);
-    EXPECT_EQ(mx, 60.0);
-
-    g->type = 3;
-    mn = mx = 0;
-    EXPECT_EQ(wzImageGetMinMaxValues(g.get(), &mn, &mx), 1u);
-    EXPECT_EQ(mn, DBL_MAX);
-    EXPECT_EQ(mx, -DBL_MAX);
-    g->type = wzType8U;
-}
-
-double minMaxOf(std::initializer_list<float> vals, double *outMax) {
-    ImagePtr f(wzImageCreateWithType(static_cast<int32_t>(vals.size()), 1, wzEncodingGray,
-                                     wzType32F));
-    int i = 0;
-    for (float v : vals) storeRaw<float>(f->data + 4 * i++, v);
-    double mn = 0;
-    EXPECT_EQ(wzImageGetMinMaxValues(f.get(), &mn, outMax), 0u);
-    return mn;
-}
-
-// The update order: an infinite extreme is pulled back to +-DBL_MAX by the
-// next element, and the element that pulls min back is not compared.
-TEST(ImageAccess, MinMaxInfinityAndNaN) {
-    const float inf = std::numeric_limits<float>::infinity();
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    double mx = 0;
-    EXPECT_EQ(minMaxOf({inf}, &mx), DBL_MAX);
-    EXPECT_EQ(mx, std::numeric_limits<double>::infinity());
-    EXPECT_EQ(minMaxOf({inf, 5.0f}, &mx), 5.0);
-    EXPECT_EQ(mx, DBL_MAX);
-    EXPECT_EQ(minMaxOf({-inf}, &mx), -std::numeric_limits<double>::infinity());
-    EXPECT_EQ(mx, -DBL_MAX);
-    EXPECT_EQ(minMaxOf({-inf, 5.0f, 3.0f}, &mx), -DBL_MAX);
-    EXPECT_EQ(mx, 5.0);
-    EXPECT_EQ(minMaxOf({nan, 2.0f, nan, -1.0f, nan}, &mx), -1.0);
-    EXPECT_EQ(mx, 2.0);
-    EXPECT_EQ(minMaxOf({nan}, &mx), DBL_MAX);
-    EXPECT_EQ(mx, -DBL_MAX);
+TEST(ImageAccess, MinMaxStatusesInfinityAndNaN) {
+    // Not gray, an empty region, an unknown type: the initial extremes.
+    double mn, mx;
+    for (int k = 0; k < 3; ++k) {
+        ImagePtr g = makeImage(4, 3, k == 0 ? wzEncodingRGB : wzEncodingGray, k == 2 ? 3 : 0);
+        setRoi(g.get(), 1, 1, k == 1 ? 0 : 2, 2);
+        mn = mx = 0;
+        EXPECT_EQ(wzImageGetMinMaxValues(g.get(), &mn, &mx), k == 1 ? 0u : 1u);
+        EXPECT_TRUE(mn == DBL_MAX && mx == -DBL_MAX) << k;
+    }
+    // The update order: an infinite extreme is pulled back to +-DBL_MAX by the
+    // next element, the element that pulls min back is not compared, and NaN
+    // changes nothing.
+    const float inf = std::numeric_limits<float>::infinity(), nan = std::nanf("");
+    const struct {
+        std::vector<float> v;
+        double min, max;
+    } cases[] = {{{inf}, DBL_MAX, kInf},          {{inf, 5}, 5, DBL_MAX},
+                 {{-inf}, -kInf, -DBL_MAX},       {{-inf, 5, 3}, -DBL_MAX, 5},
+                 {{nan, 2, nan, -1, nan}, -1, 2}, {{nan}, DBL_MAX, -DBL_MAX}};
+    for (const auto &c : cases) {
+        ImagePtr f = makeImage(static_cast<int32_t>(c.v.size()), 1, wzEncodingGray, wzType32F);
+        std::memcpy(f->data, c.v.data(), 4 * c.v.size());
+        ASSERT_EQ(wzImageGetMinMaxValues(f.get(), &mn, &mx), 0u);
+        EXPECT_TRUE(mn == c.min && mx == c.max) << c.v.size() << ": " << mn << " " << mx;
+    }
 }
 
 TEST(ImageAccess, MinMaxRandomRegions) {
     std::mt19937 rng(11);
-    for (uint32_t type : kTypes) {
+    for (uint32_t type : kAllTypes) {
         for (int k = 0; k < 20; ++k) {
-            const int w = std::uniform_int_distribution<int>(1, 13)(rng);
-            const int h = std::uniform_int_distribution<int>(1, 9)(rng);
-            ImagePtr img(wzImageCreateWithType(w, h, wzEncodingGray, type));
-            const bool isSigned = type != wzType8U && type != wzType16U;
-            std::uniform_int_distribution<int> val(isSigned ? -30000 : 0,
-                                                   type == wzType8U ? 255 : 30000);
-            for (int i = 0; i < w * h; ++i) put(img.get(), i, val(rng) / (type >= 20 ? 8.0 : 1.0));
-            wzRect r;
-            r.x = std::uniform_int_distribution<int>(0, w - 1)(rng);
-            r.y = std::uniform_int_distribution<int>(0, h - 1)(rng);
-            r.width = std::uniform_int_distribution<int>(1, w - r.x)(rng);
-            r.height = std::uniform_int_distribution<int>(1, h - r.y)(rng);
-            wzImageSetROI(img.get(), &r);
-            double wantMin = DBL_MAX, wantMax = -DBL_MAX;
-            for (int y = r.y; y < r.y + r.height; ++y)
-                for (int x = r.x; x < r.x + r.width; ++x) {
-                    wantMin = std::min(wantMin, get(img.get(), y * w + x));
-                    wantMax = std::max(wantMax, get(img.get(), y * w + x));
+            const int w = 1 + rng() % 13, h = 1 + rng() % 9;
+            ImagePtr img = makeImage(w, h, wzEncodingGray, type);
+            fillRandom(img.get(), rng);
+            const int x0 = rng() % w, y0 = rng() % h;
+            setRoi(img.get(), x0, y0, 1 + rng() % (w - x0), 1 + rng() % (h - y0));
+            double wantMin = DBL_MAX, wantMax = -DBL_MAX, mn, mx;
+            for (int y = y0; y < y0 + img->roi.height; ++y)
+                for (int x = x0; x < x0 + img->roi.width; ++x) {
+                    wantMin = std::min(wantMin, elementAt(img.get(), y * w + x));
+                    wantMax = std::max(wantMax, elementAt(img.get(), y * w + x));
                 }
-            double mn, mx;
             ASSERT_EQ(wzImageGetMinMaxValues(img.get(), &mn, &mx), 0u);
-            EXPECT_EQ(mn, wantMin);
-            EXPECT_EQ(mx, wantMax);
+            EXPECT_TRUE(mn == wantMin && mx == wantMax) << type;
         }
     }
 }
 
-TEST(ImageAccess, NonZeroROIWorkedValues) {
-    ImagePtr g(wzImageCreate(8, 9, wzEncodingGray));
-    std::memset(g->data, 0, 72);
-    const wzRect small{0, 0, 1, 1};
-    wzImageSetROI(g.get(), &small);  // ignored
+TEST(ImageAccess, NonZeroROI) {
     wzRect rect{9, 9, 9, 9};
     uint32_t empty = 7;
-    EXPECT_EQ(wzImageGetNonZeroROI(g.get(), &rect, &empty), 0u);
-    EXPECT_EQ(empty, 1u);
-    EXPECT_EQ(rect.x, 0);
-    EXPECT_EQ(rect.y, 0);
-    EXPECT_EQ(rect.width, 0);
-    EXPECT_EQ(rect.height, 0);
-
-    g->data[2 * 8 + 3] = 1;
-    g->data[7 * 8 + 5] = 200;
-    EXPECT_EQ(wzImageGetNonZeroROI(g.get(), &rect, &empty), 0u);
-    EXPECT_EQ(empty, 0u);
-    EXPECT_EQ(rect.x, 3);
-    EXPECT_EQ(rect.y, 2);
-    EXPECT_EQ(rect.width, 3);
-    EXPECT_EQ(rect.height, 6);
-
-    // Non-gray: status 1 and nothing written.
-    ImagePtr c(wzImageCreate(2, 2, wzEncodingBGR));
-    std::memset(c->data, 1, 12);
-    rect = wzRect{9, 9, 9, 9};
-    empty = 7;
+    ImagePtr c = makeImage(2, 2, wzEncodingBGR);  // not gray: status 1, nothing written
     EXPECT_EQ(wzImageGetNonZeroROI(c.get(), &rect, &empty), 1u);
-    EXPECT_EQ(empty, 7u);
-    EXPECT_EQ(rect.x, 9);
-    EXPECT_EQ(rect.height, 9);
+    EXPECT_TRUE(empty == 7 && rect.x == 9 && rect.height == 9);
+    c->encoding = wzEncodingGray;
+    c->type = 5;  // unknown type: status 1, the flag set to 1, rect untouched
+    EXPECT_EQ(wzImageGetNonZeroROI(c.get(), &rect, &empty), 1u);
+    EXPECT_TRUE(empty == 1 && rect.x == 9);
 
-    // Unknown type: status 1 with the flag set to 1, rect untouched.
-    g->type = 5;
-    EXPECT_EQ(wzImageGetNonZeroROI(g.get(), &rect, &empty), 1u);
-    EXPECT_EQ(empty, 1u);
-    EXPECT_EQ(rect.x, 9);
-    g->type = wzType8U;
-
-    // Floats: -0.0 is zero, NaN is not.
-    ImagePtr f(wzImageCreateWithType(4, 3, wzEncodingGray, wzType32F));
-    for (int i = 0; i < 12; ++i) put(f.get(), i, -0.0);
-    EXPECT_EQ(wzImageGetNonZeroROI(f.get(), &rect, &empty), 0u);
-    EXPECT_EQ(empty, 1u);
-    put(f.get(), 1 * 4 + 2, std::nan(""));
-    EXPECT_EQ(wzImageGetNonZeroROI(f.get(), &rect, &empty), 0u);
-    EXPECT_EQ(empty, 0u);
-    EXPECT_EQ(rect.x, 2);
-    EXPECT_EQ(rect.y, 1);
-    EXPECT_EQ(rect.width, 1);
-    EXPECT_EQ(rect.height, 1);
-}
-
-TEST(ImageAccess, NonZeroROIRandomCrossCheck) {
+    // Random sparse images (roi is ignored); the first case is (3, 2) and (5, 7)
+    // giving (3, 2, 3, 6). Float zeros are -0.0, which counts as zero, and the
+    // first float hit is NaN, which does not.
     std::mt19937 rng(5);
-    for (uint32_t type : kTypes) {
+    for (uint32_t type : kAllTypes) {
         for (int k = 0; k < 30; ++k) {
-            const int w = std::uniform_int_distribution<int>(1, 17)(rng);
-            const int h = std::uniform_int_distribution<int>(1, 11)(rng);
-            ImagePtr img(wzImageCreateWithType(w, h, wzEncodingGray, type));
-            const int hits = std::uniform_int_distribution<int>(0, 4)(rng);
-            for (int i = 0; i < w * h; ++i) put(img.get(), i, 0.0);
+            const int w = k ? 1 + rng() % 17 : 8, h = k ? 1 + rng() % 11 : 9,
+                      hits = k ? rng() % 5 : 2;
+            ImagePtr img = makeImage(w, h, wzEncodingGray, type);
+            for (int i = 0; i < w * h; ++i) setElementAt(img.get(), i, -0.0);
+            setRoi(img.get(), 0, 0, 1, 1);
             int x0 = w, y0 = h, x1 = -1, y1 = -1;
             for (int n = 0; n < hits; ++n) {
-                const int x = std::uniform_int_distribution<int>(0, w - 1)(rng);
-                const int y = std::uniform_int_distribution<int>(0, h - 1)(rng);
-                put(img.get(), y * w + x, 1.0 + n);
-                x0 = std::min(x0, x);
-                y0 = std::min(y0, y);
-                x1 = std::max(x1, x);
-                y1 = std::max(y1, y);
+                const int x = k ? rng() % w : 3 + 2 * n, y = k ? rng() % h : 2 + 5 * n;
+                setElementAt(img.get(), y * w + x, n == 0 && type >= wzType32F ? kNaN : 1.0 + n);
+                x0 = std::min(x0, x), x1 = std::max(x1, x);
+                y0 = std::min(y0, y), y1 = std::max(y1, y);
             }
-            wzRect rect;
-            uint32_t empty;
             ASSERT_EQ(wzImageGetNonZeroROI(img.get(), &rect, &empty), 0u);
             ASSERT_EQ(empty, hits == 0 ? 1u : 0u);
-            if (hits == 0) continue;
-            EXPECT_EQ(rect.x, x0);
-            EXPECT_EQ(rect.y, y0);
-            EXPECT_EQ(rect.width, x1 - x0 + 1);
-            EXPECT_EQ(rect.height, y1 - y0 + 1);
+            if (hits) {
+                EXPECT_TRUE(rect.x == x0 && rect.y == y0 && rect.width == x1 - x0 + 1 &&
+                            rect.height == y1 - y0 + 1)
+                    << type << " " << w << "x" << h;
+            }
         }
     }
 }
 
 TEST(ImageAccess, Invert) {
-    ImagePtr a(wzImageCreate(3, 1, wzEncodingGray));
-    ImagePtr b(wzImageCreate(3, 1, wzEncodingGray));
-    a->data[0] = 0;
-    a->data[1] = 1;
-    a->data[2] = 255;
-    EXPECT_EQ(wzImageInvert(a.get(), b.get()), 0u);
-    EXPECT_EQ(b->data[0], 255);
-    EXPECT_EQ(b->data[1], 254);
-    EXPECT_EQ(b->data[2], 0);
-    EXPECT_EQ(wzImageInvert(b.get(), b.get()), 0u);  // in place
-    EXPECT_EQ(b->data[0], 0);
-    EXPECT_EQ(b->data[1], 1);
-    EXPECT_EQ(b->data[2], 255);
-
     // Only the first width * height bytes: a BGR image keeps two thirds.
-    ImagePtr c(wzImageCreate(2, 1, wzEncodingBGR));
-    std::memset(c->data, 10, 6);
-    EXPECT_EQ(wzImageInvert(c.get(), c.get()), 0u);
-    const uint8_t wantC[6] = {245, 245, 10, 10, 10, 10};
-    EXPECT_EQ(std::memcmp(c->data, wantC, 6), 0);
+    ImagePtr a = makeImage(3, 1, wzEncodingBGR), b = makeImage(3, 1, wzEncodingBGR);
+    const std::vector<uint8_t> in = {0, 1, 255, 4, 5, 6, 7, 8, 9};
+    std::memcpy(a->data, in.data(), 9);
+    std::memcpy(b->data, in.data(), 9);
+    EXPECT_EQ(wzImageInvert(a.get(), b.get()), 0u);
+    EXPECT_EQ(snapshot(b.get()), std::vector<uint8_t>({255, 254, 0, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(wzImageInvert(b.get(), b.get()), 0u);  // in place
+    EXPECT_EQ(snapshot(b.get()), in);
 
-    // Mismatches write nothing.
-    ImagePtr tall(wzImageCreate(3, 2, wzEncodingGray));
-    std::memset(tall->data, 77, 6);
-    EXPECT_EQ(wzImageInvert(a.get(), tall.get()), 1u);
-    EXPECT_EQ(wzImageInvert(tall.get(), a.get()), 1u);
-    ImagePtr wide(wzImageCreate(4, 1, wzEncodingGray));
-    std::memset(wide->data, 77, 4);
-    EXPECT_EQ(wzImageInvert(a.get(), wide.get()), 1u);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(tall->data[i], 77);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(wide->data[i], 77);
-
-    ImagePtr s16(wzImageCreateWithType(3, 1, wzEncodingGray, wzType16U));
-    ImagePtr d16(wzImageCreateWithType(3, 1, wzEncodingGray, wzType16U));
-    std::memset(d16->data, 77, 6);
-    EXPECT_EQ(wzImageInvert(s16.get(), d16.get()), 1u);
-    EXPECT_EQ(wzImageInvert(a.get(), d16.get()), 1u);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(d16->data[i], 77);
+    // Size or type mismatches and 16-bit images write nothing.
+    ImagePtr tall = makeImage(3, 2, wzEncodingBGR), wide = makeImage(4, 1, wzEncodingBGR);
+    ImagePtr s16 = makeImage(3, 1, wzEncodingGray, wzType16U),
+             d16 = makeImage(3, 1, wzEncodingGray, wzType16U);
+    for (wzImage *d : {tall.get(), wide.get(), d16.get()}) std::memset(d->data, 77, blockBytes(d));
+    for (auto p : {std::make_pair(a.get(), tall.get()), std::make_pair(a.get(), wide.get()),
+                   std::make_pair(s16.get(), d16.get()), std::make_pair(a.get(), d16.get())}) {
+        EXPECT_EQ(wzImageInvert(p.first, p.second), 1u);
+        EXPECT_EQ(snapshot(p.second), std::vector<uint8_t>(blockBytes(p.second), 77));
+    }
 }
-
-}  // namespace

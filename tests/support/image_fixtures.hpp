@@ -102,4 +102,50 @@ inline uint8_t *at(const wzImage *img, int x, int y, int channel = 1) {
     return img->data + ((static_cast<size_t>(y) * img->width + x) * n + off) * es;
 }
 
+// Element access by type code, written independently of the library: the
+// value is exchanged as a double. Storing into an integer element keeps the
+// low bits of the value truncated toward zero (the value must fit in 64 bits);
+// storing into a float element rounds to its precision. Unaligned-safe.
+template <typename T>
+inline T loadRaw(const uint8_t *p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+inline double loadValue(uint32_t type, const uint8_t *p) {
+    switch (type) {
+        case wzType8U: return *p;
+        case wzType16U: return loadRaw<uint16_t>(p);
+        case wzType32F: return loadRaw<float>(p);
+        case wzType64F: return loadRaw<double>(p);
+        default: return loadRaw<int32_t>(p);  // wzType32S, wzType32S24
+    }
+}
+
+inline void storeValue(uint32_t type, uint8_t *p, double value) {
+    if (type == wzType32F) {
+        const float f = static_cast<float>(value);
+        std::memcpy(p, &f, 4);
+    } else if (type == wzType64F) {
+        std::memcpy(p, &value, 8);
+    } else {
+        const uint64_t bits = static_cast<uint64_t>(static_cast<int64_t>(value));
+        std::memcpy(p, &bits, typeSize(type));  // little-endian: the low bytes
+    }
+}
+
+// Element i of an image's block, counted in elements.
+inline double elementAt(const wzImage *img, size_t i) {
+    return loadValue(img->type, img->data + i * typeSize(img->type));
+}
+inline void setElementAt(wzImage *img, size_t i, double value) {
+    storeValue(img->type, img->data + i * typeSize(img->type), value);
+}
+
+inline void setRoi(wzImage *img, int32_t x, int32_t y, int32_t width, int32_t height) {
+    const wzRect r{x, y, width, height};
+    wzImageSetROI(img, &r);
+}
+
 }  // namespace morven_test
