@@ -156,7 +156,7 @@ int runTransfer(const Args &args) {
     options.lowTail = float(args.number("low-tail", options.lowTail, 0, 1000));
     options.smooth = args.flag("smooth");
     options.smoothThreshold = float(args.number("smooth-threshold", options.smoothThreshold, 0, 1));
-    options.smoothIterations = args.integer("smooth-iterations", options.smoothIterations, 0, 1000);
+    options.smoothIterations = args.integer("smooth-iterations", options.smoothIterations, 0, 100000);
     for (const char *name : {"high-tail", "low-tail"})
         if (args.value(name) && !options.contrast) throw UsageError(std::string("--") + name + " needs --contrast");
     for (const char *name : {"smooth-threshold", "smooth-iterations"})
@@ -360,7 +360,7 @@ CommandSpec smoothSpec() {
          "INPUT's steps are pulled back toward GUIDE's. Both pictures have one size.",
          {{"threshold", 0, "X", "largest guide step smoothed, fraction of 255, 0 to 1 (default " +
                                     num(threshold) + ")"},
-          {"iterations", 0, "N", "passes per channel, 0 to 1000 (default " + std::to_string(iterations) + ")"}},
+          {"iterations", 0, "N", "passes per channel, 0 to 100000 (default " + std::to_string(iterations) + ")"}},
          kFormats});
 }
 
@@ -372,7 +372,7 @@ int runSmooth(const Args &args) {
     const std::unique_ptr<wzSelectiveSmoothParams, void (*)(wzSelectiveSmoothParams *)> params(
         raw, [](wzSelectiveSmoothParams *p) { wzSelectiveSmoothParamsRelease(&p); });
     params->threshold = float(args.number("threshold", params->threshold, 0, 1));
-    params->iterations = args.integer("iterations", params->iterations, 0, 1000);
+    params->iterations = args.integer("iterations", params->iterations, 0, 100000);
 
     const std::string guidePath = args.positionals()[0], inputPath = args.positionals()[1];
     checkOutputPath(out.path, {guidePath, inputPath}, out.force);

@@ -11,7 +11,8 @@
  *
  * A support object holds two 256 x 256 look-up tables (absolute differences
  * and ratios) built once; it is read-only afterwards and may serve concurrent
- * calls. Cancel flags (may be null) are read at the start of each pass.
+ * calls. Cancel flags (may be null) are read before the passes of each
+ * channel.
  */
 #ifndef MORVEN_SMOOTHING_H
 #define MORVEN_SMOOTHING_H
@@ -62,9 +63,9 @@ MORVEN_API void wzSelectiveSmoothParamsRelease(wzSelectiveSmoothParams **params)
  * bits kept. The finished channel is inserted into the output.
  * output may be the same record as input. Regions of interest are ignored
  * (a choice of this library): the whole images are smoothed, or copied.
- * Returns 0; 1 when a working image cannot be allocated; 2 when the cancel
- * flag is found set at the start of a pass (the channels already finished
- * stay written, the others untouched).
+ * Returns 0; 1 when working memory cannot be allocated; 2 when the cancel
+ * flag is found set (it is read at least before each channel's passes: the
+ * channels already finished stay written, the others untouched).
  * Choices of this library, checked before anything is written:
  *  - input, guide or output not 8-bit or with fewer than three channels
  *    (gray or an encoding above 4): returns 1;

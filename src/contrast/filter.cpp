@@ -5,10 +5,28 @@
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
+#include "image/kernels.hpp"
 #include "morven/color.h"
 #include "morven/contrast.h"
 
 using namespace morven;
+
+namespace {
+
+// Plain colour row: channels 1 to 3 in turn, each read and written before the
+// next (in place each channel reads and writes the same byte). Used where the
+// two layouts differ, and for rows that overlap without coinciding, where the
+// order decides the result.
+void applyRowPlain(const uint8_t *curve, const uint8_t *s, int32_t n, const ChannelBytes &os,
+                   uint8_t *d, int32_t m, const ChannelBytes &od, int32_t cols) {
+    for (int32_t x = 0; x < cols; ++x, s += n, d += m) {
+        d[od.c[0]] = curve[s[os.c[0]]];
+        d[od.c[1]] = curve[s[os.c[1]]];
+        d[od.c[2]] = curve[s[os.c[2]]];
+    }
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -20,16 +38,23 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
 
     const int32_t rows = source->height;
     const int32_t cols = source->width > 0 ? source->width : 0;
+    const Isa isa = bestIsa();
 
     if (n == 1) {
         // The destination is addressed with the source's width, so it must
         // have the same one-byte layout.
         if (channelCount(destination->encoding) != 1) return WZ_STATUS_ERROR;
+        const LutLayout layout{1, {curve, nullptr, nullptr, nullptr}};
+        const size_t bytes = static_cast<size_t>(cols);
         const uint8_t *s = source->data;
         uint8_t *d = destination->data;
         for (int32_t y = 0; y < rows; ++y, s += cols, d += cols) {
             if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-            for (int32_t x = 0; x < cols; ++x) d[x] = curve[s[x]];
+            if (s == d || disjoint(s, bytes, d, bytes)) {
+                lutRow(isa, layout, s, d, bytes);
+            } else {
+                for (int32_t x = 0; x < cols; ++x) d[x] = curve[s[x]];
+            }
         }
         return WZ_STATUS_OK;
     }
@@ -38,22 +63,26 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
     if (m < 3) return WZ_STATUS_ERROR;
     const ChannelBytes os = channelBytes(*source);
     const ChannelBytes od = channelBytes(*destination);
+    // Alike layouts run whole rows through the table kernel: the curve at the
+    // positions of channels 1 to 3, a fourth byte left as it was.
+    bool alike = n == m;
+    LutLayout layout{n, {nullptr, nullptr, nullptr, nullptr}};
+    for (int k = 0; k < 3; ++k) {
+        alike = alike && os.c[k] == od.c[k];
+        if (alike) layout.table[os.c[k]] = curve;
+    }
     const ptrdiff_t srcRow = static_cast<ptrdiff_t>(cols) * n;
     const ptrdiff_t dstRow =
         static_cast<ptrdiff_t>(destination->width > 0 ? destination->width : 0) * m;
+    const size_t rowBytes = static_cast<size_t>(srcRow);
     const uint8_t *sRow = source->data;
     uint8_t *dRow = destination->data;
     for (int32_t y = 0; y < rows; ++y, sRow += srcRow, dRow += dstRow) {
         if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-        const uint8_t *s = sRow;
-        uint8_t *d = dRow;
-        for (int32_t x = 0; x < cols; ++x, s += n, d += m) {
-            // Channel by channel, 1 to 3; in place each channel reads and
-            // writes the same byte, so the order keeps the result exact.
-            d[od.c[0]] = curve[s[os.c[0]]];
-            d[od.c[1]] = curve[s[os.c[1]]];
-            d[od.c[2]] = curve[s[os.c[2]]];
-        }
+        if (alike && (sRow == dRow || disjoint(sRow, rowBytes, dRow, rowBytes)))
+            lutRow(isa, layout, sRow, dRow, static_cast<size_t>(cols));
+        else
+            applyRowPlain(curve, sRow, n, os, dRow, m, od, cols);
     }
     return WZ_STATUS_OK;
 }

@@ -10,6 +10,7 @@
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
+#include "image/kernels.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
 
@@ -111,25 +112,42 @@ int32_t smoothingRadius(float fidelity) {
     return r < 0.0f ? 0 : static_cast<int32_t>(r);
 }
 
-// Walks source and destination regions with a per-row cancel check; calls
-// row(srcRowStart, dstRowStart, cursors) for each region row.
-template <typename PixelFn>
-wzStatus walkRows(const wzImage &src, wzImage &dst, const uint32_t *cancel, PixelFn pixel) {
-    Cursor s = regionCursor(src);
-    Cursor d = regionCursor(dst);
-    const int32_t rows = src.roi.height;
-    const int32_t cols = src.roi.width;
-    for (int32_t y = 0; y < rows; ++y) {
-        if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-        for (int32_t x = 0; x < cols; ++x) {
-            pixel(s.p, d.p);
-            s.p += s.step;
-            d.p += d.step;
-        }
-        s.p += s.gap;
-        d.p += d.gap;
+// One region row of the plain apply, pixel by pixel, advancing both cursors
+// past the row. Used where the two layouts differ, and for rows that overlap
+// without coinciding, where the pixel order decides the result.
+void applyRowPlain(const uint8_t *table, const ChannelBytes &os, const ChannelBytes &od, bool gray,
+                   Cursor &s, Cursor &d, int32_t cols) {
+    if (gray) {
+        for (int32_t x = 0; x < cols; ++x, s.p += s.step, d.p += d.step) *d.p = table[*s.p];
+        return;
     }
-    return WZ_STATUS_OK;
+    for (int32_t x = 0; x < cols; ++x, s.p += s.step, d.p += d.step) {
+        // Read all three before writing: source and destination may coincide.
+        const uint8_t b = table[s.p[os.c[0]]];
+        const uint8_t g = table[256 + s.p[os.c[1]]];
+        const uint8_t r = table[512 + s.p[os.c[2]]];
+        d.p[od.c[0]] = b;
+        d.p[od.c[1]] = g;
+        d.p[od.c[2]] = r;
+    }
+}
+
+// The layout of the row kernel when both images lay their pixels out alike:
+// false when they do not (then every row runs the plain loop).
+bool rowKernelLayout(const uint8_t *table, const wzImage &src, const ChannelBytes &os,
+                     const wzImage &dst, const ChannelBytes &od, LutLayout &layout) {
+    const ptrdiff_t step = pixelStride(src);
+    if (step != pixelStride(dst)) return false;
+    layout = LutLayout{static_cast<int32_t>(step), {nullptr, nullptr, nullptr, nullptr}};
+    if (src.encoding == wzEncodingGray) {
+        layout.table[0] = table;
+        return true;
+    }
+    for (int k = 0; k < 3; ++k) {
+        if (os.c[k] != od.c[k]) return false;
+        layout.table[os.c[k]] = table + 256 * k;
+    }
+    return true;
 }
 
 }  // namespace
@@ -229,20 +247,30 @@ MORVEN_API wzStatus wzHistogramMatchApply(const void *reserved, const uint8_t ta
     if (source->type != wzType8U || destination->type != wzType8U ||
         !isValidEncoding(source->encoding) || !isValidEncoding(destination->encoding))
         return WZ_STATUS_ERROR;
-    if (source->encoding == wzEncodingGray)
-        return walkRows(*source, *destination, cancel,
-                        [table](const uint8_t *s, uint8_t *d) { *d = table[*s]; });
+    const bool gray = source->encoding == wzEncodingGray;
     const ChannelBytes os = channelBytes(*source);
     const ChannelBytes od = channelBytes(*destination);
-    return walkRows(*source, *destination, cancel, [&](const uint8_t *s, uint8_t *d) {
-        // Read all three before writing: source and destination may coincide.
-        const uint8_t b = table[s[os.c[0]]];
-        const uint8_t g = table[256 + s[os.c[1]]];
-        const uint8_t r = table[512 + s[os.c[2]]];
-        d[od.c[0]] = b;
-        d[od.c[1]] = g;
-        d[od.c[2]] = r;
-    });
+    LutLayout layout;
+    const bool kernel = rowKernelLayout(table, *source, os, *destination, od, layout);
+    const Isa isa = bestIsa();
+    Cursor s = regionCursor(*source);
+    Cursor d = regionCursor(*destination);
+    const int32_t rows = source->roi.height;
+    const int32_t cols = source->roi.width;
+    const size_t rowBytes = cols > 0 ? static_cast<size_t>(cols) * static_cast<size_t>(s.step) : 0;
+    for (int32_t y = 0; y < rows; ++y) {
+        if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+        if (kernel && rowBytes > 0 && (s.p == d.p || disjoint(s.p, rowBytes, d.p, rowBytes))) {
+            lutRow(isa, layout, s.p, d.p, static_cast<size_t>(cols));
+            s.p += rowBytes;
+            d.p += rowBytes;
+        } else {
+            applyRowPlain(table, os, od, gray, s, d, cols);
+        }
+        s.p += s.gap;
+        d.p += d.gap;
+    }
+    return WZ_STATUS_OK;
 }
 
 MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params, wzImage *source,

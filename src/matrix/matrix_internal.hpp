@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "common/cpu.hpp"
 #include "morven/matrix.h"
 
 namespace morven {
@@ -37,12 +38,8 @@ void productKernel(wzMatrix &dst, const wzMatrix &a, const wzMatrix &b, bool tra
 
 #if defined(__x86_64__) && defined(__GNUC__)
 // Kernels are also compiled for 256-bit vectors (AVX2, without fused
-// multiply-add) and chosen at run time.
+// multiply-add) and chosen at run time (cpuHasAvx2, common/cpu.hpp).
 #define MORVEN_MATRIX_AVX2 1
-inline bool cpuHasAvx2() noexcept {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2");
-}
 #endif
 
 #if defined(__GNUC__)

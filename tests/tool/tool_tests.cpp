@@ -456,7 +456,7 @@ TEST_F(Tool, RefusesBadFilesWithOneLine) {
 TEST_F(Tool, CtrlCStopsWithoutOutput) {
     // Many smoothing passes keep the library busy long enough to interrupt.
     const pid_t pid = start({"transfer", kData + "/astronaut.png", kData + "/coffee.png", "-o", at("slow.png"),
-                             "--smooth", "--smooth-iterations", "1000"});
+                             "--smooth", "--smooth-iterations", "100000"});
     ::usleep(400 * 1000);
     ::kill(pid, SIGINT);
     const Outcome r = finish(pid);
