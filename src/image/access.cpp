@@ -69,15 +69,7 @@ void minMaxRegion(const wzImage &img, double &outMin, double &outMax) {
     outMax = mx;
 }
 
-// Non-zero test per element type: for floats, -0.0 is zero and NaN is not.
-template <typename T>
-inline bool nonZero(const uint8_t *p) {
-    return loadElement<T>(p) != T(0);
-}
-
-// Bounding box of the non-zero elements of the whole gray block. Each row is
-// searched for its first non-zero element from the left and, when there is
-// one, for its last from the right, so every element is read at most once.
+// Bounding box of the non-zero elements of the whole gray block.
 template <typename T>
 bool nonZeroBox(const wzImage &img, wzRect &box) {
     const int32_t w = img.width;
@@ -86,11 +78,8 @@ bool nonZeroBox(const wzImage &img, wzRect &box) {
     int32_t minX = 0, maxX = 0, minY = 0, maxY = 0;
     bool found = false;
     for (int32_t y = 0; y < img.height; ++y, row += rowBytes) {
-        int32_t first = 0;
-        while (first < w && !nonZero<T>(row + first * sizeof(T))) ++first;
-        if (first == w) continue;
-        int32_t last = w - 1;
-        while (last > first && !nonZero<T>(row + last * sizeof(T))) --last;
+        int32_t first = 0, last = 0;
+        if (!nonZeroSpan<T>(row, w, first, last)) continue;
         if (!found) {
             found = true;
             minX = first;

@@ -204,6 +204,20 @@ inline void storeRaw(uint8_t *p, T v) noexcept {
     std::memcpy(p, &v, sizeof(T));
 }
 
+// The first and last non-zero elements of a row of w elements of type T
+// (for floats -0.0 is zero and NaN is not); false for an all-zero row. Each
+// element is read at most once: from the left, then back from the right.
+template <typename T>
+inline bool nonZeroSpan(const uint8_t *row, int32_t w, int32_t &first, int32_t &last) noexcept {
+    const auto nonZero = [row](int32_t i) { return loadElement<T>(row + i * sizeof(T)) != T(0); };
+    first = 0;
+    while (first < w && !nonZero(first)) ++first;
+    if (first == w) return false;
+    last = w - 1;
+    while (last > first && !nonZero(last)) --last;
+    return true;
+}
+
 // Reads element i of a block of type T as a double.
 template <typename T>
 inline double loadAsDouble(const uint8_t *data, int64_t i) noexcept {

@@ -69,14 +69,7 @@ void minMaxBox(const wzVolume &v, double &outMin, double &outMax) {
     outMax = mx;
 }
 
-template <typename T>
-inline bool nonZero(const uint8_t *p) {
-    return loadElement<T>(p) != T(0);
-}
-
-// Bounding box of the non-zero voxels. Each row is searched for its first
-// non-zero element from the left and, when there is one, its last from the
-// right, so every element is read at most once.
+// Bounding box of the non-zero voxels, row by row of every plane.
 template <typename T>
 bool nonZeroBox(const wzVolume &v, wzBox &box) {
     const int32_t w = v.width;
@@ -88,11 +81,8 @@ bool nonZeroBox(const wzVolume &v, wzBox &box) {
     for (int32_t z = 0; z < v.depth; ++z) {
         const uint8_t *row = planeVoxels(v, z, size);
         for (int32_t y = 0; y < v.height; ++y, row += w * es) {
-            int32_t first = 0;
-            while (first < w && !nonZero<T>(row + first * es)) ++first;
-            if (first == w) continue;
-            int32_t last = w - 1;
-            while (last > first && !nonZero<T>(row + last * es)) --last;
+            int32_t first = 0, last = 0;
+            if (!nonZeroSpan<T>(row, w, first, last)) continue;
             found = true;
             if (first < minX) minX = first;
             if (last > maxX) maxX = last;
