@@ -143,6 +143,11 @@ Picture decodePng(const std::string &path, const std::vector<uint8_t> &bytes) {
         png_set_read_fn(png, &src, pngRead);
         // The size limit below is ours, with its own message.
         png_set_user_limits(png, 0x7fffffffu, 0x7fffffffu);
+        // libpng buffers these ancillary chunks whole, at the size their
+        // header claims (up to 2 GiB from a file of a few bytes); none of them
+        // affects the pixels, so they are skipped unread.
+        static constexpr png_byte kSkipped[] = "iCCP\0sPLT\0tEXt\0zTXt\0iTXt\0eXIf\0pCAL\0sCAL";
+        png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, kSkipped, 8);
         png_read_info(png, info);
         const png_uint_32 width = png_get_image_width(png, info);
         const png_uint_32 height = png_get_image_height(png, info);

@@ -267,9 +267,12 @@ MORVEN_API wzStatus wzImageDumpSave(const wzImage *image, FILE *stream);
 /* Reads one dump into a new image owning its block (release it with
  * wzImageRelease). Null, with nothing leaked, on a short header or payload,
  * an encoding above 4, an unknown type, an empty payload or a failed
- * allocation. Choice of this library: a header whose height * width *
- * channels is negative or does not fit in 32 bits is refused before anything
- * is allocated for the payload. The stream is left just after the dump on
+ * allocation. Choices of this library: a header with a negative height or
+ * width, or whose height * width * channels does not fit in 32 bits, is
+ * refused before anything is allocated for the payload; a payload above
+ * 16 MiB is read in pieces into a block that doubles as they arrive, so a
+ * header that claims more than the stream holds costs at most 16 MiB or
+ * about twice what was read. The stream is left just after the dump on
  * success, wherever the failed read left it otherwise. */
 MORVEN_API wzImage *wzImageDumpLoad(FILE *stream);
 

@@ -308,8 +308,10 @@ MORVEN_API wzStatus wzMatrixDumpSave(const wzMatrix *m, FILE *stream);
  * Choice of this library: a header with a negative size, or whose element
  * count exceeds 2^31 - 1 (the largest wzMatrixCreate accepts), is refused
  * before any element block is allocated; sizes are computed in 64 bits.
- * The stream is left just after the dump on success, wherever the failed
- * read left it otherwise. */
+ * A block above 16 MiB is read in pieces into a block that doubles as they
+ * arrive, so a header that claims more than the stream holds costs at most
+ * 16 MiB or about twice what was read. The stream is left just after the
+ * dump on success, wherever the failed read left it otherwise. */
 MORVEN_API wzMatrix *wzMatrixDumpLoad(FILE *stream);
 
 MORVEN_EXTERN_C_END

@@ -318,12 +318,13 @@ MORVEN_API wzVolume *wzVolumeDumpLoad(FILE *stream);
  * Choices of this library, for both loads (dumps may come from untrusted
  * streams): sizes are formed in 64 bits, and the header is refused before
  * anything is allocated when the type is unknown, a size is negative, or
- * width * height * depth exceeds 2^31 - 1 voxels (the format's 32-bit voxel
- * count). Memory follows the data that actually arrives: the plane table
- * grows with the planes read, and a block (the contiguous payload, or one
- * plane) above 16 MiB is read in pieces into a block that doubles as they
- * arrive, so a header that claims more than the stream holds costs at most
- * 16 MiB or about twice what was read. */
+ * width * height * depth, or width * height alone (even for depth 0),
+ * exceeds 2^31 - 1 voxels (the format's 32-bit voxel count). Memory follows
+ * the data that actually arrives: the plane table grows with the planes
+ * read, and a block (the contiguous payload, or one plane) above 16 MiB is
+ * read in pieces into a block that doubles as they arrive, so a header that
+ * claims more than the stream holds costs at most 16 MiB or about twice what
+ * was read. */
 MORVEN_API wzVolume *wzVolumeDumpLoadWithSeparatePlanes(FILE *stream);
 
 /* ------------------------------------------------------------------------ */

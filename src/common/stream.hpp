@@ -7,6 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "common/memory.hpp"
 
 namespace morven {
 
@@ -68,5 +73,32 @@ private:
     uint8_t bytes_[kBytes] = {};
     size_t next_ = 0;
 };
+
+// Payloads of a dump up to this size are allocated at once and read as one
+// item.
+constexpr int64_t kDirectRead = int64_t{16} << 20;
+
+// Reads a payload of `bytes` (> 0) bytes into a new malloc'ed block, or null
+// with nothing allocated. Up to kDirectRead bytes are allocated at once and
+// read as one item. A larger payload is read in pieces into a block that
+// doubles as the data arrives (the last size is exactly `bytes`), so a header
+// that claims more than the stream holds costs memory only for what is
+// there; a complete payload costs at most one extra copy of itself.
+inline uint8_t *readPayload(std::FILE *stream, int64_t bytes) noexcept {
+    int64_t capacity = bytes < kDirectRead ? bytes : kDirectRead;
+    FreePtr<uint8_t> block(static_cast<uint8_t *>(std::malloc(static_cast<size_t>(capacity))));
+    int64_t have = 0;
+    for (;;) {
+        if (!block ||
+            !readItem(stream, block.get() + have, static_cast<size_t>(capacity - have)))
+            return nullptr;
+        have = capacity;
+        if (have == bytes) return block.release();
+        capacity = capacity * 2 < bytes ? capacity * 2 : bytes;
+        FreePtr<uint8_t> grown(static_cast<uint8_t *>(std::malloc(static_cast<size_t>(capacity))));
+        if (grown) std::memcpy(grown.get(), block.get(), static_cast<size_t>(have));
+        block = std::move(grown);
+    }
+}
 
 }  // namespace morven

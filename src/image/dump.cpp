@@ -67,18 +67,21 @@ MORVEN_API wzImage *wzImageDumpLoad(FILE *stream) {
     img->coi = header.getI32();
 
     // Refuse what has no payload or no sane payload size before allocating:
-    // an invalid encoding, an unknown type (element size 0), and an element
-    // count that is negative or beyond 32 bits.
+    // an invalid encoding, an unknown type (element size 0), a negative size
+    // (two of them would make a positive count, but no image has them), and
+    // an element count beyond 32 bits (the pixel count is checked first, so
+    // that the count itself cannot overflow).
     if (!isValidEncoding(img->encoding) || !isKnownType(img->type)) return nullptr;
+    if (img->height < 0 || img->width < 0 || int64_t{img->height} * img->width > INT32_MAX)
+        return nullptr;
     const int64_t elements = blockElements(*img);
     if (elements <= 0 || elements > INT32_MAX) return nullptr;
     const int64_t bytes = elements * elementSize(img->type);
 
-    FreePtr<uint8_t> block(static_cast<uint8_t *>(std::calloc(static_cast<size_t>(bytes), 1)));
-    if (!block) return nullptr;
-    if (!readItem(stream, block.get(), static_cast<size_t>(bytes))) return nullptr;
-
-    img->data = block.release();
+    // Memory follows the data that arrives: a header cannot make the load
+    // allocate far more than the stream holds.
+    img->data = readPayload(stream, bytes);
+    if (!img->data) return nullptr;
     return img.release();
 }
 

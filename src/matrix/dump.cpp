@@ -49,9 +49,11 @@ MORVEN_API wzMatrix *wzMatrixDumpLoad(FILE *stream) {
     // read) or an absurd count is refused before the block is allocated.
     const int64_t count = matrixElements(m->nRows, m->nCols);
     if (count <= 0 || count > kMaxDumpElements) return nullptr;
-    FreePtr<double> block(static_cast<double *>(std::calloc(static_cast<size_t>(count), sizeof(double))));
+    // Memory follows the data that arrives: a header cannot make the load
+    // allocate far more than the stream holds.
+    FreePtr<double> block(reinterpret_cast<double *>(
+        readPayload(stream, count * static_cast<int64_t>(sizeof(double)))));
     if (!block) return nullptr;
-    if (!readItem(stream, block.get(), static_cast<size_t>(count) * sizeof(double))) return nullptr;
 
     m->rowPtr = static_cast<double **>(std::calloc(static_cast<size_t>(m->nRows), sizeof(double *)));
     if (!m->rowPtr) return nullptr;

@@ -24,9 +24,6 @@ constexpr int64_t kMaxDumpVoxels = INT32_MAX;
 // First size of the plane table of a separate-plane load.
 constexpr int64_t kInitialPlaneTable = 256;
 
-// Payload blocks up to this size are allocated at once and read as one item.
-constexpr int64_t kDirectRead = int64_t{16} << 20;
-
 // A volume whose payload is not one element per voxel cannot be dumped.
 bool dumpable(const wzVolume &v) { return volumeChannels(v) == 1; }
 
@@ -89,35 +86,13 @@ bool readHeader(std::FILE *stream, LoadedHeader &out) {
     const int64_t planeVoxels = int64_t{r.width} * r.height;  // < 2^62: no overflow
     int64_t voxels = 0;
     if (!checkedMul(planeVoxels, r.depth, voxels) || voxels > kMaxDumpVoxels) return false;
-    if (r.depth > 0 && planeVoxels > kMaxDumpVoxels) return false;
+    // Even without planes: a plane beyond the voxel count is no volume at all.
+    if (planeVoxels > kMaxDumpVoxels) return false;
     out.planeBytes = planeVoxels * elementSize(r.type);
     return true;
 }
 
 void applyHeader(const wzVolume32 &r, wzVolume &v) { wzVolumeCvtFrom32(&r, &v); }
-
-// Reads a payload of `bytes` (> 0) bytes into a new malloc'ed block, or null
-// with nothing allocated. Up to kDirectRead bytes are allocated at once and
-// read as one item. A larger payload is read in pieces into a block that
-// doubles as the data arrives (the last size is exactly `bytes`), so a header
-// that claims more than the stream holds costs memory only for what is
-// there; a complete payload costs at most one extra copy of itself.
-uint8_t *readPayload(std::FILE *stream, int64_t bytes) {
-    int64_t capacity = bytes < kDirectRead ? bytes : kDirectRead;
-    FreePtr<uint8_t> block(static_cast<uint8_t *>(std::malloc(static_cast<size_t>(capacity))));
-    int64_t have = 0;
-    for (;;) {
-        if (!block ||
-            !readItem(stream, block.get() + have, static_cast<size_t>(capacity - have)))
-            return nullptr;
-        have = capacity;
-        if (have == bytes) return block.release();
-        capacity = capacity * 2 < bytes ? capacity * 2 : bytes;
-        FreePtr<uint8_t> grown(static_cast<uint8_t *>(std::malloc(static_cast<size_t>(capacity))));
-        if (grown) std::memcpy(grown.get(), block.get(), static_cast<size_t>(have));
-        block = std::move(grown);
-    }
-}
 
 }  // namespace
 
