@@ -74,7 +74,9 @@ template <typename T>
 bool nonZeroBox(const wzVolume &v, wzBox &box) {
     const int32_t w = v.width;
     const int64_t es = sizeof(T);
-    const int64_t size = int64_t{w} * v.height * es;
+    const int64_t size = planeBytes(v);
+    box = wzBox{0, 0, 0, 0, 0, 0};
+    if (size == 0) return false;  // empty planes, or a size no block can have
     int32_t minX = INT32_MAX, minY = INT32_MAX, minZ = INT32_MAX;
     int32_t maxX = -INT32_MAX, maxY = -INT32_MAX, maxZ = -INT32_MAX;
     bool found = false;
@@ -92,10 +94,7 @@ bool nonZeroBox(const wzVolume &v, wzBox &box) {
             if (z > maxZ) maxZ = z;
         }
     }
-    if (found)
-        box = wzBox{minX, minY, minZ, maxX - minX + 1, maxY - minY + 1, maxZ - minZ + 1};
-    else
-        box = wzBox{0, 0, 0, 0, 0, 0};
+    if (found) box = wzBox{minX, minY, minZ, maxX - minX + 1, maxY - minY + 1, maxZ - minZ + 1};
     return found;
 }
 

@@ -27,12 +27,6 @@ constexpr int64_t kInitialPlaneTable = 256;
 // A volume whose payload is not one element per voxel cannot be dumped.
 bool dumpable(const wzVolume &v) { return volumeChannels(v) == 1; }
 
-// Bytes of one saved plane; 0 (nothing to write) for a negative size.
-int64_t savedPlaneBytes(const wzVolume &v) {
-    if (v.width < 0 || v.height < 0) return 0;
-    return int64_t{elementSize(v.type)} * v.height * v.width;
-}
-
 bool writeHeader(const wzVolume &v, std::FILE *stream) {
     wzVolume32 r;
     wzVolumeCvtTo32(&v, &r);
@@ -49,7 +43,7 @@ bool writeHeader(const wzVolume &v, std::FILE *stream) {
 
 // Writes planes 0 .. depth-1 from their own blocks, one item each.
 bool writePlanes(const wzVolume &v, std::FILE *stream) {
-    const int64_t bytes = savedPlaneBytes(v);
+    const int64_t bytes = planeBytes(v);
     for (int32_t k = 0; k < v.depth; ++k)
         if (!writeItem(stream, v.planes[k]->data, static_cast<size_t>(bytes))) return false;
     return true;
@@ -101,7 +95,7 @@ extern "C" {
 MORVEN_API wzStatus wzVolumeDumpSave(const wzVolume *volume, FILE *stream) {
     const wzVolume &v = *volume;
     if (!dumpable(v)) return WZ_STATUS_FAILURE;
-    const int64_t plane = savedPlaneBytes(v);
+    const int64_t plane = planeBytes(v);
     const int64_t bytes = v.depth > 0 ? plane * v.depth : 0;
     // Without a voxels block the planes' own blocks are written instead; a
     // plane without one could not be written, so nothing is.
@@ -116,7 +110,7 @@ MORVEN_API wzStatus wzVolumeDumpSave(const wzVolume *volume, FILE *stream) {
 MORVEN_API wzStatus wzVolumeDumpSaveWithSeparatePlanes(const wzVolume *volume, FILE *stream) {
     const wzVolume &v = *volume;
     if (!dumpable(v)) return WZ_STATUS_FAILURE;
-    if (savedPlaneBytes(v) > 0 && !planesHaveBlocks(v)) return WZ_STATUS_FAILURE;
+    if (planeBytes(v) > 0 && !planesHaveBlocks(v)) return WZ_STATUS_FAILURE;
     if (!writeHeader(v, stream)) return WZ_STATUS_FAILURE;
     if (v.depth < 1) return WZ_STATUS_OK;
     return writePlanes(v, stream) ? WZ_STATUS_OK : WZ_STATUS_FAILURE;

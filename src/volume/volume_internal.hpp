@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "common/memory.hpp"
 #include "image/image_internal.hpp"
 #include "morven/volume.h"
 
@@ -25,11 +26,13 @@ inline int32_t volumeChannels(const wzVolume &v) noexcept {
 }
 
 // Bytes of one plane, width * elementSize * height * channels, in 64 bits;
-// 0 for negative sizes or an invalid encoding.
+// 0 for negative sizes, an invalid encoding, or a size no block can have.
 inline int64_t planeBytes(const wzVolume &v) noexcept {
     const int32_t ch = volumeChannels(v);
     if (v.width < 0 || v.height < 0 || ch < 1) return 0;
-    return int64_t{v.width} * elementSize(v.type) * v.height * ch;
+    int64_t bytes = 0;
+    if (!checkedMul(int64_t{v.width} * v.height, int64_t{elementSize(v.type)} * ch, bytes)) return 0;
+    return bytes;
 }
 
 // The element block of plane z: inside voxels when the volume has that block,
