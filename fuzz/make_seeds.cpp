@@ -90,7 +90,7 @@ void matrixDumps() {
     std::FILE *f = create("matrix_dump", "2x3");
     wzMatrixDumpSave(a, f);
     std::fclose(f);
-    f = create("matrix_dump", "3x3_then_2x2_special");
+    f = create("matrix_dump", "3x3_then_2x2_extremes");
     wzMatrixDumpSave(b, f);
     wzMatrixDumpSave(c, f);
     std::fclose(f);

@@ -73,26 +73,26 @@ Args::Args(const CommandSpec &command, const std::vector<std::string> &arguments
         } else if (arg.size() > 2) {
             inlineValue = arg.substr(2);
         }
-        const OptionSpec *spec = isLong ? find(name, 0) : find("", name[0]);
-        if (!spec) throw UsageError("unknown option '" + (isLong ? "--" + name : arg.substr(0, 2)) + "'");
+        const OptionSpec *option = isLong ? find(name, 0) : find("", name[0]);
+        if (!option) throw UsageError("unknown option '" + (isLong ? "--" + name : arg.substr(0, 2)) + "'");
         // Short flags may be bundled: -fq is -f -q.
-        while (!isLong && spec->valueName.empty() && inlineValue) {
-            flags_[spec->name] = true;
-            spec = find("", (*inlineValue)[0]);
-            if (!spec) throw UsageError("unknown option '-" + inlineValue->substr(0, 1) + "'");
+        while (!isLong && option->valueName.empty() && inlineValue) {
+            flags_[option->name] = true;
+            option = find("", (*inlineValue)[0]);
+            if (!option) throw UsageError("unknown option '-" + inlineValue->substr(0, 1) + "'");
             inlineValue = inlineValue->size() > 1 ? std::optional(inlineValue->substr(1)) : std::nullopt;
         }
-        if (spec->valueName.empty()) {
-            if (inlineValue) throw UsageError("option '--" + spec->name + "' takes no value");
-            flags_[spec->name] = true;
+        if (option->valueName.empty()) {
+            if (inlineValue) throw UsageError("option '--" + option->name + "' takes no value");
+            flags_[option->name] = true;
             continue;
         }
         if (!inlineValue) {
             if (i + 1 >= arguments.size())
-                throw UsageError("option '--" + spec->name + "' needs a value (" + spec->valueName + ")");
+                throw UsageError("option '--" + option->name + "' needs a value (" + option->valueName + ")");
             inlineValue = arguments[++i];
         }
-        values_[spec->name] = *inlineValue;
+        values_[option->name] = *inlineValue;
     }
 }
 

@@ -46,9 +46,9 @@ std::vector<OptionSpec> outputOptions() {
             {"help", 'h', "", "show this help"}};
 }
 
-CommandSpec withOutputOptions(CommandSpec spec) {
-    for (OptionSpec &o : outputOptions()) spec.options.push_back(std::move(o));
-    return spec;
+CommandSpec withOutputOptions(CommandSpec syntax) {
+    for (OptionSpec &o : outputOptions()) syntax.options.push_back(std::move(o));
+    return syntax;
 }
 
 // Options every command that writes a picture shares.
@@ -111,7 +111,7 @@ void requirePositionals(const Args &args, size_t count, const std::string &names
 
 CommandSpec transferSpec() {
     const TransferOptions d = defaultTransferOptions();
-    CommandSpec spec{
+    CommandSpec syntax{
         "transfer",
         "morven transfer SOURCE REFERENCE -o OUTPUT [options]\n"
         "       morven transfer --reference REFERENCE -o FOLDER INPUT... [options]",
@@ -140,10 +140,10 @@ CommandSpec transferSpec() {
          {"jobs", 'j', "N", "batch mode: parallel jobs (default: the number of processors)"},
          {"format", 0, "png|jpeg", "batch mode: output format (default: each input's own)"}},
         kFormats};
-    spec = withOutputOptions(std::move(spec));
-    for (OptionSpec &o : spec.options)
+    syntax = withOutputOptions(std::move(syntax));
+    for (OptionSpec &o : syntax.options)
         if (o.name == "output") o.help = "file to write (.png, .jpg, .jpeg); with --reference, a folder";
-    return spec;
+    return syntax;
 }
 
 int runTransfer(const Args &args) {
@@ -462,7 +462,7 @@ int runInfo(const Args &args) {
 struct Command {
     const char *name;
     const char *summary;
-    std::function<CommandSpec()> spec;
+    std::function<CommandSpec()> syntax;
     std::function<int(const Args &)> run;
 };
 
@@ -515,10 +515,10 @@ int run(int argc, char **argv) {
     }
     const std::string prefix = std::string("morven ") + command->name + ": ";
     try {
-        const CommandSpec spec = command->spec();
-        const Args args(spec, {arguments.begin() + 1, arguments.end()});
+        const CommandSpec syntax = command->syntax();
+        const Args args(syntax, {arguments.begin() + 1, arguments.end()});
         if (args.flag("help")) {
-            std::fputs(helpText(spec).c_str(), stdout);
+            std::fputs(helpText(syntax).c_str(), stdout);
             return kExitOk;
         }
         return command->run(args);
