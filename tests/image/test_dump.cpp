@@ -7,30 +7,21 @@
 #include <cstring>
 #include <vector>
 
+#include "support/dump_stream.hpp"
 #include "support/image_fixtures.hpp"
 
 using namespace morven_test;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 
 struct FileCloser {
     void operator()(FILE *f) const { std::fclose(f); }
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-// Saves into memory and returns the bytes (and the status through *status).
 Bytes saveBytes(const wzImage *img, wzStatus *status) {
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *f = open_memstream(&buf, &len);
-    EXPECT_NE(f, nullptr);
-    *status = wzImageDumpSave(img, f);
-    std::fclose(f);
-    Bytes out(buf, buf + len);
-    std::free(buf);
-    return out;
+    return saveToBytes([img](FILE *f) { return wzImageDumpSave(img, f); }, status);
 }
 
 // Loads from the first n bytes presented as a stream of exactly that length.

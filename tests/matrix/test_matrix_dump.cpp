@@ -7,22 +7,15 @@
 #include <cstring>
 #include <vector>
 
+#include "support/dump_stream.hpp"
 #include "morven/matrix.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using namespace morven_test;
 
 Bytes save(const wzMatrix *m, wzStatus *status) {
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *f = open_memstream(&buf, &len);
-    EXPECT_NE(f, nullptr);
-    *status = wzMatrixDumpSave(m, f);
-    std::fclose(f);
-    Bytes out(buf, buf + len);
-    std::free(buf);
-    return out;
+    return saveToBytes([m](FILE *f) { return wzMatrixDumpSave(m, f); }, status);
 }
 
 // A stream holding exactly the given bytes, positioned at the start.

@@ -15,19 +15,16 @@
 #include <random>
 #include <vector>
 
+#include "support/volume_fixtures.hpp"
 #include "morven/morven.h"
 #include "volume/volume_internal.hpp"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-template <void (*Release)(wzVolume **)>
-struct VolumeDeleter {
-    void operator()(wzVolume *v) const { Release(&v); }
-};
-using VolumePtr = std::unique_ptr<wzVolume, VolumeDeleter<wzVolumeRelease>>;
-using SeparatePtr = std::unique_ptr<wzVolume, VolumeDeleter<wzVolumeReleaseWithSeparatePlanes>>;
-using HeaderPtr = std::unique_ptr<wzVolume, VolumeDeleter<wzVolumeReleaseHeader>>;
+using morven_test::SeparatePtr;
+using morven_test::VolumeHeaderPtr;
+using morven_test::VolumePtr;
 struct ImageDeleter {
     void operator()(wzImage *i) const { wzImageRelease(&i); }
 };
@@ -245,7 +242,7 @@ TEST(VolumeAccess, InterpolationMatchesReferenceAndStaysInside) {
     const int W = 4, H = 3, D = 3;
     for (uint32_t type : kTypes) {
         Bytes block(W * H * D * morven::elementSize(type));
-        HeaderPtr v(wzVolumeCreateHeaderWithType(W, H, D, type));
+        VolumeHeaderPtr v(wzVolumeCreateHeaderWithType(W, H, D, type));
         wzVolumeAssignData(v.get(), block.data());
         fillRandom(v.get(), rng);
         std::uniform_real_distribution<double> ux(0, W - 1), uy(0, H - 1), uz(0, D - 1);

@@ -10,30 +10,18 @@
 #include <random>
 #include <vector>
 
+#include "support/dump_stream.hpp"
+#include "support/volume_fixtures.hpp"
 #include "morven/morven.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-template <void (*Release)(wzVolume **)>
-struct VolumeDeleter {
-    void operator()(wzVolume *v) const { Release(&v); }
-};
-using VolumePtr = std::unique_ptr<wzVolume, VolumeDeleter<wzVolumeRelease>>;
-using SeparatePtr = std::unique_ptr<wzVolume, VolumeDeleter<wzVolumeReleaseWithSeparatePlanes>>;
+using namespace morven_test;
 
 using SaveFn = wzStatus (*)(const wzVolume *, FILE *);
 
 Bytes save(SaveFn fn, const wzVolume *v, wzStatus *status) {
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *f = open_memstream(&buf, &len);
-    *status = fn(v, f);
-    std::fclose(f);
-    Bytes out(buf, buf + len);
-    std::free(buf);
-    return out;
+    return saveToBytes([fn, v](FILE *f) { return fn(v, f); }, status);
 }
 
 // Loads from the first n bytes presented as a stream of exactly that length.

@@ -8,15 +8,13 @@
 #include <random>
 #include <vector>
 
+#include "support/volume_fixtures.hpp"
 #include "morven/morven.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-struct VolumeDeleter {
-    void operator()(wzVolume *v) const { wzVolumeRelease(&v); }
-};
-using VolumePtr = std::unique_ptr<wzVolume, VolumeDeleter>;
+using morven_test::VolumePtr;
 struct StatsDeleter {
     void operator()(wzHistogramMatchStats *s) const { wzHistogramMatchStatsRelease(&s); }
 };
