@@ -5,6 +5,8 @@
 #     twin when libmorven.a is installed);
 #  4. compile host/main.c with `cc $(pkg-config --cflags --libs morven)` and
 #     run it against the installed shared library.
+# In a cross build, TOOLCHAIN_FILE configures the host project and the hosts
+# run through EMULATOR (a list: program and its arguments).
 # Nothing here uses the network.
 
 cmake_minimum_required(VERSION 3.20)
@@ -101,6 +103,9 @@ set(configure_args
   -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
   "-DCMAKE_C_FLAGS=${sanitize_flags_string}"
   "-DCMAKE_EXE_LINKER_FLAGS=${sanitize_flags_string}")
+if(TOOLCHAIN_FILE)
+  list(APPEND configure_args "-DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE}")
+endif()
 if(MAKE_PROGRAM)
   list(APPEND configure_args "-DCMAKE_MAKE_PROGRAM=${MAKE_PROGRAM}")
 endif()
@@ -130,7 +135,7 @@ foreach(name ${hosts})
   if(NOT EXISTS "${exe}")
     message(FATAL_ERROR "${name} was not built")
   endif()
-  run("run ${name}" "${exe}")
+  run("run ${name}" ${EMULATOR} "${exe}")
 endforeach()
 
 # --- 4. pkg-config ----------------------------------------------------------
@@ -170,6 +175,6 @@ if(DEFINED ENV{LD_LIBRARY_PATH} AND NOT "$ENV{LD_LIBRARY_PATH}" STREQUAL "")
 else()
   set(ENV{LD_LIBRARY_PATH} "${libdir}")
 endif()
-run("run pkg-config host" "${host_pc}")
+run("run pkg-config host" ${EMULATOR} "${host_pc}")
 
 message(STATUS "installed tree in ${prefix} works through find_package and pkg-config")

@@ -22,6 +22,8 @@
 #include <jpeglib.h>
 #include <png.h>
 
+#include "tool_launcher.h"
+
 extern char **environ;
 
 namespace {
@@ -145,7 +147,10 @@ protected:
 
     // Starts the tool with stdout and stderr in files; returns its pid.
     pid_t start(const std::vector<std::string> &args) {
-        std::vector<char *> argv{const_cast<char *>(MORVEN_TOOL)};
+        // A cross build runs the tool through the emulator its tests run under.
+        std::vector<char *> argv;
+        for (const char *word : kLauncher) argv.push_back(const_cast<char *>(word));
+        argv.push_back(const_cast<char *>(MORVEN_TOOL));
         for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
         argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
@@ -153,7 +158,7 @@ protected:
         posix_spawn_file_actions_addopen(&actions, 1, (dir_ / ".stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&actions, 2, (dir_ / ".stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, MORVEN_TOOL, &actions, nullptr, argv.data(), environ), 0);
+        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         return pid;
     }
