@@ -1,5 +1,5 @@
-// Single-element reads, bilinear interpolation, fills and whole-image
-// statistics.
+// Single-element reads, bilinear interpolation, fills, whole-image
+// statistics and inversion.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,27 +30,25 @@ double interp(const wzImage *img, double x, double y) {
 
 }  // namespace
 
-TEST(ImageAccess, InterpolationWorkedValues) {
+// Worked values, then reads and interpolation of every type on an unaligned
+// block against the element grid of width w: the index counts elements, not
+// pixels (the image is BGR), and ignores roi. Integer elements and fractions in
+// eighths keep every product exact, so the textbook weighted form must agree
+// bit for bit.
+TEST(ImageAccess, GetValAndInterpolation) {
     // The block holds exactly 4 bytes: under AddressSanitizer, reading a right
     // or lower neighbour that a zero fraction does not need would be reported.
     ImagePtr a = makeImage(2, 2, wzEncodingGray);
-    const uint8_t px[4] = {10, 20, 30, 40};
-    std::memcpy(a->data, px, 4);
-    const double cases[][3] = {
-        {0.5, 0.0, 15.0},  {0.25, 0.5, 22.5}, {0.0, 0.5, 20.0}, {0.0, 0.0, 10.0},
-        {-0.5, 0.0, 5.0},  // negative positions extrapolate from the right neighbour
-        {0.0, -0.25, 5.0}, {1.0, 1.0, 40.0},  {1.0, 0.5, 30.0}, {0.5, 1.0, 35.0}};
+    const uint8_t levels[4] = {10, 20, 30, 40};
+    std::memcpy(a->data, levels, 4);
+    const double cases[][3] = {{0.5, 0.0, 15.0},  {0.25, 0.5, 22.5}, {0.0, 0.5, 20.0}, {0.0, 0.0, 10.0},
+                               {-0.5, 0.0, 5.0},  // negative positions extrapolate from the right neighbour
+                               {0.0, -0.25, 5.0}, {1.0, 1.0, 40.0},  {1.0, 0.5, 30.0}, {0.5, 1.0, 35.0}};
     for (const auto &c : cases) EXPECT_EQ(interp(a.get(), c[0], c[1]), c[2]) << c[0] << "," << c[1];
     a->type = 7;  // unknown type: 0.0
     EXPECT_EQ(getVal(a.get(), 1, 0), 0.0);
     EXPECT_EQ(interp(a.get(), 0.5, 0.0), 0.0);
-}
 
-// Reads and interpolation of every type on an unaligned block, against the
-// element grid of width w: the index counts elements, not pixels (the image is
-// BGR), and ignores roi. Integer elements and fractions in eighths keep every
-// product exact, so the textbook weighted form must agree bit for bit.
-TEST(ImageAccess, GetValAndInterpolationMatchTheElementGrid) {
     std::mt19937 rng(7);
     const int w = 7, h = 5;
     for (uint32_t type : kAllTypes) {
@@ -58,12 +56,8 @@ TEST(ImageAccess, GetValAndInterpolationMatchTheElementGrid) {
         HeaderPtr img(wzImageCreateHeaderWithType(w, h, wzEncodingBGR, type));
         img->data = raw.data() + 1;
         setRoi(img.get(), 3, 2, 1, 1);
-        const int32_t mask = type == wzType8U    ? 0xFF
-                             : type == wzType16U ? 0xFFFF
-                             : type == wzType32F ? 0xFFFFFF
-                                                 : -1;
-        for (int i = 0; i < w * h; ++i)
-            setElementAt(img.get(), i, static_cast<int32_t>(rng()) & mask);
+        const int32_t mask = type == wzType8U ? 0xFF : type == wzType16U ? 0xFFFF : type == wzType32F ? 0xFFFFFF : -1;
+        for (int i = 0; i < w * h; ++i) setElementAt(img.get(), i, static_cast<int32_t>(rng()) & mask);
         auto px = [&](int x, int y) { return elementAt(img.get(), y * w + x); };
         for (int k = 0; k < 300; ++k) {
             const int xi = rng() % (w - 1), yi = rng() % (h - 1);
@@ -71,13 +65,13 @@ TEST(ImageAccess, GetValAndInterpolationMatchTheElementGrid) {
             const double want = (1 - fx) * (1 - fy) * px(xi, yi) + fx * (1 - fy) * px(xi + 1, yi) +
                                 (1 - fx) * fy * px(xi, yi + 1) + fx * fy * px(xi + 1, yi + 1);
             ASSERT_EQ(getVal(img.get(), xi, yi + 1), px(xi, yi + 1)) << type;
-            ASSERT_EQ(interp(img.get(), xi + fx, yi + fy), want)
-                << type << " " << xi + fx << "," << yi + fy;
+            ASSERT_EQ(interp(img.get(), xi + fx, yi + fy), want) << type << " " << xi + fx << "," << yi + fy;
         }
     }
 }
 
-// Fills cover the whole block whatever roi says.
+// Fills cover the whole block whatever roi says; the store rule wraps
+// integers, saturates beyond 32 bits and stores NaN as 0.
 TEST(ImageAccess, SetValStoreRulesAndSetZero) {
     const struct {
         uint32_t type;
@@ -95,27 +89,27 @@ TEST(ImageAccess, SetValStoreRulesAndSetZero) {
         ImagePtr img = makeImage(3, 2, wzEncodingARGB, c.type);
         setRoi(img.get(), 1, 1, 1, 1);
         wzImageSetVal(img.get(), c.value);
-        for (int i = 0; i < 24; ++i)
-            ASSERT_EQ(elementAt(img.get(), i), c.stored) << c.type << " " << c.value;
+        for (int i = 0; i < 24; ++i) ASSERT_EQ(elementAt(img.get(), i), c.stored) << c.type << " " << c.value;
         wzImageSetZero(img.get());
         EXPECT_EQ(snapshot(img.get()), std::vector<uint8_t>(blockBytes(img.get()), 0));
     }
     // An invalid encoding, an unknown type or a negative count writes nothing.
     uint8_t buf[16];
     std::memset(buf, 0xA5, sizeof buf);
-    HeaderPtr bad(wzImageCreateHeaderWithType(2, 2, 7, wzType8U));
-    bad->data = buf;
-    for (auto change : {+[](wzImage *) {}, +[](wzImage *i) { i->encoding = 0, i->type = 3; },
-                        +[](wzImage *i) { i->type = 0, i->width = -2; }}) {
-        change(bad.get());
-        wzImageSetVal(bad.get(), 1.0);
-        wzImageSetZero(bad.get());
+    wzImage bad{wzType8U, 7, 2, 2, buf, wzRect{0, 0, 2, 2}, 0};
+    for (auto change : {+[](wzImage &) {}, +[](wzImage &i) { i.encoding = 0, i.type = 3; },
+                        +[](wzImage &i) { i.type = 0, i.width = -2; }}) {
+        change(bad);
+        wzImageSetVal(&bad, 1.0);
+        wzImageSetZero(&bad);
     }
     EXPECT_EQ(std::count(buf, buf + 16, 0xA5), 16);
 }
 
-TEST(ImageAccess, MinMaxStatusesInfinityAndNaN) {
-    // Not gray, an empty region, an unknown type: the initial extremes.
+// Refusals and the update order of the statistics.
+TEST(ImageAccess, StatisticsStatusesInfinityAndNaN) {
+    // Min/max of an image that is not gray, of an empty region, of an unknown
+    // type: the initial extremes.
     double mn, mx;
     for (int k = 0; k < 3; ++k) {
         ImagePtr g = makeImage(4, 3, k == 0 ? wzEncodingRGB : wzEncodingGray, k == 2 ? 3 : 0);
@@ -124,83 +118,72 @@ TEST(ImageAccess, MinMaxStatusesInfinityAndNaN) {
         EXPECT_EQ(wzImageGetMinMaxValues(g.get(), &mn, &mx), k == 1 ? 0u : 1u);
         EXPECT_TRUE(mn == DBL_MAX && mx == -DBL_MAX) << k;
     }
-    // The update order: an infinite extreme is pulled back to +-DBL_MAX by the
-    // next element, the element that pulls min back is not compared, and NaN
-    // changes nothing.
+    // An infinite extreme is pulled back to +-DBL_MAX by the next element, the
+    // element that pulls min back is not compared, and NaN changes nothing.
     const float inf = std::numeric_limits<float>::infinity(), nan = std::nanf("");
     const struct {
         std::vector<float> v;
         double min, max;
-    } cases[] = {{{inf}, DBL_MAX, kInf},          {{inf, 5}, 5, DBL_MAX},
-                 {{-inf}, -kInf, -DBL_MAX},       {{-inf, 5, 3}, -DBL_MAX, 5},
-                 {{nan, 2, nan, -1, nan}, -1, 2}, {{nan}, DBL_MAX, -DBL_MAX}};
+    } cases[] = {{{inf}, DBL_MAX, kInf},      {{inf, 5}, 5, DBL_MAX},          {{-inf}, -kInf, -DBL_MAX},
+                 {{-inf, 5, 3}, -DBL_MAX, 5}, {{nan, 2, nan, -1, nan}, -1, 2}, {{nan}, DBL_MAX, -DBL_MAX}};
     for (const auto &c : cases) {
         ImagePtr f = makeImage(static_cast<int32_t>(c.v.size()), 1, wzEncodingGray, wzType32F);
         std::memcpy(f->data, c.v.data(), 4 * c.v.size());
         ASSERT_EQ(wzImageGetMinMaxValues(f.get(), &mn, &mx), 0u);
         EXPECT_TRUE(mn == c.min && mx == c.max) << c.v.size() << ": " << mn << " " << mx;
     }
+
+    // The non-zero box: not gray gives status 1 with nothing written; an
+    // unknown type status 1 with the empty flag set and rect untouched.
+    wzRect rect{9, 9, 9, 9};
+    uint32_t empty = 7;
+    ImagePtr c = makeImage(2, 2, wzEncodingBGR);
+    EXPECT_EQ(wzImageGetNonZeroROI(c.get(), &rect, &empty), 1u);
+    EXPECT_TRUE(empty == 7 && rect.x == 9 && rect.height == 9);
+    c->encoding = wzEncodingGray, c->type = 5;
+    EXPECT_EQ(wzImageGetNonZeroROI(c.get(), &rect, &empty), 1u);
+    EXPECT_TRUE(empty == 1 && rect.x == 9);
 }
 
-TEST(ImageAccess, MinMaxRandomRegions) {
-    std::mt19937 rng(11);
-    for (uint32_t type : kAllTypes) {
-        for (int k = 0; k < 20; ++k) {
-            const int w = 1 + rng() % 13, h = 1 + rng() % 9;
+// Random sparse gray images of every type: min/max over a random region (from
+// its own offset), and the box of the non-zeros over the whole block (roi
+// ignored). Float zeros are -0.0, which counts as zero; a float NaN counts as
+// non-zero but is never an extreme.
+TEST(ImageAccess, MinMaxAndNonZeroBoxOfRandomImages) {
+    std::mt19937 rng(5);
+    for (uint32_t type : kAllTypes)
+        for (int k = 0; k < 40; ++k) {
+            const int w = 1 + rng() % 17, h = 1 + rng() % 11;
             ImagePtr img = makeImage(w, h, wzEncodingGray, type);
             fillRandom(img.get(), rng);
-            const int x0 = rng() % w, y0 = rng() % h;
-            setRoi(img.get(), x0, y0, 1 + rng() % (w - x0), 1 + rng() % (h - y0));
+            int x0 = w, y0 = h, x1 = -1, y1 = -1;
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) {
+                    if (rng() % 8 >= unsigned(k % 4))
+                        setElementAt(img.get(), y * w + x, -0.0);
+                    else if (type >= wzType32F && rng() % 4 == 0)
+                        setElementAt(img.get(), y * w + x, kNaN);
+                    if (elementAt(img.get(), y * w + x) == 0) continue;
+                    x0 = std::min(x0, x), x1 = std::max(x1, x), y0 = std::min(y0, y), y1 = std::max(y1, y);
+                }
+            const int rx = rng() % w, ry = rng() % h;
+            setRoi(img.get(), rx, ry, 1 + rng() % (w - rx), 1 + rng() % (h - ry));
             double wantMin = DBL_MAX, wantMax = -DBL_MAX, mn, mx;
-            for (int y = y0; y < y0 + img->roi.height; ++y)
-                for (int x = x0; x < x0 + img->roi.width; ++x) {
+            for (int y = ry; y < ry + img->roi.height; ++y)
+                for (int x = rx; x < rx + img->roi.width; ++x) {
                     wantMin = std::min(wantMin, elementAt(img.get(), y * w + x));
                     wantMax = std::max(wantMax, elementAt(img.get(), y * w + x));
                 }
             ASSERT_EQ(wzImageGetMinMaxValues(img.get(), &mn, &mx), 0u);
-            EXPECT_TRUE(mn == wantMin && mx == wantMax) << type;
-        }
-    }
-}
-
-TEST(ImageAccess, NonZeroROI) {
-    wzRect rect{9, 9, 9, 9};
-    uint32_t empty = 7;
-    ImagePtr c = makeImage(2, 2, wzEncodingBGR);  // not gray: status 1, nothing written
-    EXPECT_EQ(wzImageGetNonZeroROI(c.get(), &rect, &empty), 1u);
-    EXPECT_TRUE(empty == 7 && rect.x == 9 && rect.height == 9);
-    c->encoding = wzEncodingGray;
-    c->type = 5;  // unknown type: status 1, the flag set to 1, rect untouched
-    EXPECT_EQ(wzImageGetNonZeroROI(c.get(), &rect, &empty), 1u);
-    EXPECT_TRUE(empty == 1 && rect.x == 9);
-
-    // Random sparse images (roi is ignored); the first case is (3, 2) and (5, 7)
-    // giving (3, 2, 3, 6). Float zeros are -0.0, which counts as zero, and the
-    // first float hit is NaN, which does not.
-    std::mt19937 rng(5);
-    for (uint32_t type : kAllTypes) {
-        for (int k = 0; k < 30; ++k) {
-            const int w = k ? 1 + rng() % 17 : 8, h = k ? 1 + rng() % 11 : 9,
-                      hits = k ? rng() % 5 : 2;
-            ImagePtr img = makeImage(w, h, wzEncodingGray, type);
-            for (int i = 0; i < w * h; ++i) setElementAt(img.get(), i, -0.0);
-            setRoi(img.get(), 0, 0, 1, 1);
-            int x0 = w, y0 = h, x1 = -1, y1 = -1;
-            for (int n = 0; n < hits; ++n) {
-                const int x = k ? rng() % w : 3 + 2 * n, y = k ? rng() % h : 2 + 5 * n;
-                setElementAt(img.get(), y * w + x, n == 0 && type >= wzType32F ? kNaN : 1.0 + n);
-                x0 = std::min(x0, x), x1 = std::max(x1, x);
-                y0 = std::min(y0, y), y1 = std::max(y1, y);
-            }
+            EXPECT_TRUE(mn == wantMin && mx == wantMax) << type << ": " << mn << " " << mx;
+            wzRect rect{};
+            uint32_t empty = 7;
             ASSERT_EQ(wzImageGetNonZeroROI(img.get(), &rect, &empty), 0u);
-            ASSERT_EQ(empty, hits == 0 ? 1u : 0u);
-            if (hits) {
-                EXPECT_TRUE(rect.x == x0 && rect.y == y0 && rect.width == x1 - x0 + 1 &&
-                            rect.height == y1 - y0 + 1)
-                    << type << " " << w << "x" << h;
-            }
+            EXPECT_EQ(empty, x1 < 0 ? 1u : 0u);
+            EXPECT_TRUE(x1 < 0 ||
+                        (rect.x == x0 && rect.y == y0 && rect.width == x1 - x0 + 1 && rect.height == y1 - y0 + 1))
+                << type << " " << w << "x" << h;
         }
-    }
 }
 
 TEST(ImageAccess, Invert) {
@@ -216,12 +199,11 @@ TEST(ImageAccess, Invert) {
 
     // Size or type mismatches and 16-bit images write nothing.
     ImagePtr tall = makeImage(3, 2, wzEncodingBGR), wide = makeImage(4, 1, wzEncodingBGR);
-    ImagePtr s16 = makeImage(3, 1, wzEncodingGray, wzType16U),
-             d16 = makeImage(3, 1, wzEncodingGray, wzType16U);
+    ImagePtr s16 = makeImage(3, 1, wzEncodingGray, wzType16U), d16 = makeImage(3, 1, wzEncodingGray, wzType16U);
     for (wzImage *d : {tall.get(), wide.get(), d16.get()}) std::memset(d->data, 77, blockBytes(d));
-    for (auto p : {std::make_pair(a.get(), tall.get()), std::make_pair(a.get(), wide.get()),
-                   std::make_pair(s16.get(), d16.get()), std::make_pair(a.get(), d16.get())}) {
-        EXPECT_EQ(wzImageInvert(p.first, p.second), 1u);
-        EXPECT_EQ(snapshot(p.second), std::vector<uint8_t>(blockBytes(p.second), 77));
+    for (auto [s, d] :
+         {std::pair{a.get(), tall.get()}, {a.get(), wide.get()}, {s16.get(), d16.get()}, {a.get(), d16.get()}}) {
+        EXPECT_EQ(wzImageInvert(s, d), 1u);
+        EXPECT_EQ(snapshot(d), std::vector<uint8_t>(blockBytes(d), 77));
     }
 }

@@ -28,64 +28,68 @@ ImagePtr filled(int w, int h, uint32_t enc, std::mt19937 &rng) {
 
 }  // namespace
 
-TEST(AddWeightedS, WorkedNumbers) {
-    ImagePtr a = makeImage(4, 1, wzEncodingGray), b = makeImage(4, 1, wzEncodingGray);
-    ImagePtr d = makeImage(4, 1, wzEncodingGray);
-    const std::vector<uint8_t> pa = {0, 255, 100, 10}, pb = {255, 0, 100, 11};
-    std::memcpy(a->data, pa.data(), 4);
-    std::memcpy(b->data, pb.data(), 4);
-    ASSERT_EQ(wzAddWeigthedS(a.get(), b.get(), d.get(), 128), 0u);
-    EXPECT_EQ(snapshot(d.get()), std::vector<uint8_t>({128, 126, 100, 10}));  // 126.99999 truncated
-    ASSERT_EQ(wzAddWeigthedS(a.get(), b.get(), d.get(), 0), 0u);
-    EXPECT_EQ(snapshot(d.get()), pa);
-    ASSERT_EQ(wzAddWeigthedS(a.get(), b.get(), d.get(), 255), 0u);
-    EXPECT_EQ(snapshot(d.get()), pb);
-}
-
-// Uniform and masked blends over offset regions and mixed encodings: every
-// image walks from its own region origin, channels 1-3 follow the formula,
-// everything else (alpha included) stays. The masked case also runs with the
-// destination as its second input, as the filters use it.
-TEST(AddWeighted, RandomBlendsMatchTheFormula) {
+// Uniform and masked blends and substitution over offset regions and mixed
+// encodings: every image walks from its own region origin, channels 1-3 follow
+// the formula, everything else (alpha included) stays. The masked blend also
+// runs with the destination as its second input, as the filters use it.
+// Substitution takes b as its mask (about half its bytes are zero): a gray mask
+// gates whole pixels, a colour mask each channel by itself.
+TEST(AddWeighted, RandomBlendsAndSubstitutionsMatchTheFormula) {
     std::mt19937 rng(21);
     const uint32_t configs[][3] = {{wzEncodingGray, wzEncodingGray, wzEncodingGray},
                                    {wzEncodingBGR, wzEncodingRGB, wzEncodingARGB},
                                    {wzEncodingRGBA, wzEncodingGray, wzEncodingRGBA},
                                    {wzEncodingARGB, wzEncodingBGR, wzEncodingGray}};
+    enum { Masked = 256, Aliased, Substitute };  // after the weights 0..255
     for (const auto &e : configs) {
-        for (uint32_t weight :
-             {1u, 77u, 128u, 254u, 256u /* masked */, 257u /* masked, dst = b */}) {
+        for (uint32_t op : {1u, 77u, 128u, 254u, uint32_t(Masked), uint32_t(Aliased), uint32_t(Substitute)}) {
             ImagePtr a = filled(12, 9, e[0], rng), b = filled(10, 8, e[1], rng);
             ImagePtr d = filled(11, 10, e[2], rng), mask = filled(13, 7, wzEncodingGray, rng);
-            const bool masked = weight > 255, alias = weight == 257;
-            wzImage *dst = alias ? b.get() : d.get();
-            if (alias && e[1] == wzEncodingGray && e[0] != wzEncodingGray)
-                continue;  // 3 writes to 1 byte
+            for (size_t i = 0; i < blockBytes(b.get()); ++i) b->data[i] &= rng() % 2 ? 0xFF : 0;
+            wzImage *dst = op == Aliased ? b.get() : d.get();
+            if (op == Aliased && e[1] == wzEncodingGray && e[0] != wzEncodingGray) continue;  // 3 writes to 1 byte
             setRoi(a.get(), 2, 1, 7, 6);
             setRoi(b.get(), 0, 2, 7, 6);
             setRoi(d.get(), 3, 3, 7, 6);
             setRoi(mask.get(), 5, 1, 7, 6);
-            ImagePtr bCopy = makeImage(10, 8, e[1]);
+            const ImagePtr bCopy = makeImage(10, 8, e[1]);
             std::memcpy(bCopy->data, b->data, blockBytes(b.get()));
             std::vector<uint8_t> want = snapshot(dst);
-            const int ox = alias ? 0 : 3, oy = alias ? 2 : 3;
+            const int ox = op == Aliased ? 0 : 3, oy = op == Aliased ? 2 : 3;
             for (int y = 0; y < 6; ++y)
-                for (int x = 0; x < 7; ++x) {
-                    const uint32_t w = masked ? *at(mask.get(), x + 5, y + 1) : weight;
-                    for (int c = 1; c <= 3; ++c)  // a gray image has offset 0 for each
-                        want[at(dst, x + ox, y + oy, c) - dst->data] = blendRef(
-                            w, *at(a.get(), x + 2, y + 1, c), *at(bCopy.get(), x, y + 2, c));
-                }
-            const wzStatus st = masked ? wzAddWeigthedM(a.get(), b.get(), dst, mask.get())
-                                       : wzAddWeigthedS(a.get(), b.get(), dst, weight);
+                for (int x = 0; x < 7; ++x)
+                    for (int c = 1; c <= 3; ++c) {  // a gray image has offset 0 for each
+                        uint8_t &out = want[at(dst, x + ox, y + oy, c) - dst->data];
+                        const uint8_t p = *at(a.get(), x + 2, y + 1, c), q = *at(bCopy.get(), x, y + 2, c);
+                        if (op == Substitute)
+                            out = q ? p : out;
+                        else
+                            out = blendRef(op >= Masked ? *at(mask.get(), x + 5, y + 1) : op, p, q);
+                    }
+            const wzStatus st = op == Substitute ? wzSubstitute(a.get(), dst, b.get())
+                                : op >= Masked   ? wzAddWeigthedM(a.get(), b.get(), dst, mask.get())
+                                                 : wzAddWeigthedS(a.get(), b.get(), dst, op);
             ASSERT_EQ(st, 0u);
-            EXPECT_EQ(snapshot(dst), want)
-                << "weight " << weight << " encodings " << e[0] << "/" << e[1] << "/" << e[2];
+            EXPECT_EQ(snapshot(dst), want) << "op " << op << " encodings " << e[0] << "/" << e[1] << "/" << e[2];
         }
     }
 }
 
-TEST(AddWeighted, EmptyRegionsAndWrongTypesWriteNothing) {
+// Worked numbers: 0.498 * 255 + 0.502 * 0 gives 126.99999, truncated; the
+// extreme weights are conversions (any type, their own type check). Empty
+// regions and non-8-bit images write nothing.
+TEST(AddWeighted, WorkedNumbersEmptyRegionsAndWrongTypes) {
+    ImagePtr ga = makeImage(4, 1, wzEncodingGray), gb = makeImage(4, 1, wzEncodingGray),
+             gd = makeImage(4, 1, wzEncodingGray);
+    const std::vector<uint8_t> pa = {0, 255, 100, 10}, pb = {255, 0, 100, 11};
+    std::memcpy(ga->data, pa.data(), 4);
+    std::memcpy(gb->data, pb.data(), 4);
+    for (const auto &[weight, want] :
+         {std::pair{128u, std::vector<uint8_t>{128, 126, 100, 10}}, {0u, pa}, {255u, pb}}) {
+        ASSERT_EQ(wzAddWeigthedS(ga.get(), gb.get(), gd.get(), weight), 0u);
+        EXPECT_EQ(snapshot(gd.get()), want) << weight;
+    }
+
     std::mt19937 rng(10);
     ImagePtr a = filled(4, 4, wzEncodingBGR, rng), b = filled(4, 4, wzEncodingBGR, rng);
     ImagePtr d = filled(4, 4, wzEncodingBGR, rng), m = filled(4, 4, wzEncodingGray, rng);
@@ -98,29 +102,10 @@ TEST(AddWeighted, EmptyRegionsAndWrongTypesWriteNothing) {
     EXPECT_EQ(wzAddWeigthedS(wide.get(), b.get(), d.get(), 100), 1u);
     EXPECT_EQ(wzAddWeigthedM(b.get(), b.get(), d.get(), wide.get()), 1u);
     EXPECT_EQ(wzSubstitute(wide.get(), d.get(), m.get()), 1u);
-    // The extreme weights are conversions, with their type check.
     EXPECT_EQ(wzAddWeigthedS(wide.get(), b.get(), d.get(), 0), 1u);
     EXPECT_EQ(snapshot(d.get()), before);
-}
-
-// Gray images substitute byte by byte, a gray mask gates whole pixels (not
-// alpha), a colour mask gates each channel by itself.
-TEST(Substitute, GrayAndColourMasks) {
-    std::mt19937 rng(12);
-    const uint32_t configs[][3] = {{wzEncodingGray, wzEncodingGray, wzEncodingGray},
-                                   {wzEncodingBGR, wzEncodingRGBA, wzEncodingGray},
-                                   {wzEncodingBGR, wzEncodingRGBA, wzEncodingRGB}};
-    for (const auto &e : configs) {
-        ImagePtr src = filled(5, 3, e[0], rng), dst = filled(5, 3, e[1], rng),
-                 mask = filled(5, 3, e[2], rng);
-        for (size_t i = 0; i < blockBytes(mask.get()); ++i) mask->data[i] = rng() % 2 ? 9 : 0;
-        std::vector<uint8_t> want = snapshot(dst.get());
-        for (int y = 0; y < 3; ++y)
-            for (int x = 0; x < 5; ++x)
-                for (int c = 1; c <= (e[0] == wzEncodingGray ? 1 : 3); ++c)
-                    if (*at(mask.get(), x, y, c))
-                        want[at(dst.get(), x, y, c) - dst->data] = *at(src.get(), x, y, c);
-        ASSERT_EQ(wzSubstitute(src.get(), dst.get(), mask.get()), 0u);
-        EXPECT_EQ(snapshot(dst.get()), want) << e[0] << "/" << e[1] << "/" << e[2];
-    }
+    ImagePtr wide2 = makeImage(4, 4, wzEncodingBGR, wzType16U);
+    fillRandom(wide.get(), rng);
+    ASSERT_EQ(wzAddWeigthedS(a.get(), wide.get(), wide2.get(), 255), 0u);
+    EXPECT_EQ(snapshot(wide2.get()), snapshot(wide.get()));
 }

@@ -16,15 +16,13 @@ namespace {
 // library's table: the 8-bit index of each level, then the weighted sum with
 // the rounding half, on the type's scale.
 double grayRef(uint32_t type, const double v[3]) {
-    int64_t sum = 8192;
+    const double scale = type == wzType16U || type == wzType32S ? 1.0 / 256 : type == wzType32S24 ? 1.0 / 65536 : 1;
     const int64_t weights[3] = {1868, 9617, 4899};
+    int64_t sum = 8192;
     for (int k = 0; k < 3; ++k) {
-        double i = type == wzType8U      ? v[k]
-                   : type == wzType16U   ? std::floor(v[k] / 256)
-                   : type == wzType32S   ? std::floor(v[k] / 256)
-                   : type == wzType32S24 ? std::floor(v[k] / 65536)
-                   : type == wzType32F   ? static_cast<float>(v[k]) * 255.0f
-                                         : v[k] * 255.0;
+        double i = type == wzType32F   ? static_cast<float>(v[k]) * 255.0f
+                   : type == wzType64F ? v[k] * 255.0
+                                       : std::floor(v[k] * scale);
         i = std::isnan(i) || i < 0 ? 0 : i > 255 ? 255 : std::trunc(i);
         sum += weights[k] * static_cast<int64_t>(i);
     }
@@ -36,31 +34,41 @@ double grayRef(uint32_t type, const double v[3]) {
 
 }  // namespace
 
-TEST(CvtColor, GrayWorkedNumbers) {
+// One pixel per case: the weights, the rounding half and each type's scale;
+// out-of-scale, negative and NaN levels clamp.
+TEST(CvtColor, GrayWorkedNumbersAndRefusals) {
     const double nan = std::nan("");
     const struct {
         uint32_t type, enc;
-        double b, g, r, want;
-    } cases[] = {
-        {wzType8U, wzEncodingBGR, 255, 255, 255, 255},
-        {wzType8U, wzEncodingBGR, 0, 0, 0, 0},
-        {wzType8U, wzEncodingBGR, 255, 0, 0, 29},
-        {wzType8U, wzEncodingRGB, 0, 0, 255, 76},
-        {wzType16U, wzEncodingBGR, 65535, 65535, 65535, 65408},
-        {wzType32F, wzEncodingRGBA, 1, 1, 1, 0.998046875},
-        {wzType32S, wzEncodingBGR, -5000, 65535, 65535, (8192 + 9617 * 255 + 4899 * 255) >> 6},
-        {wzType64F, wzEncodingARGB, nan, 1e300, -1e300, (8192.0 + 9617.0 * 255) / 4194304.0}};
+        double bgr[3], want;
+    } cases[] = {{wzType8U, wzEncodingBGR, {255, 255, 255}, 255},
+                 {wzType8U, wzEncodingBGR, {0, 0, 0}, 0},
+                 {wzType8U, wzEncodingBGR, {255, 0, 0}, 29},
+                 {wzType8U, wzEncodingRGB, {0, 0, 255}, 76},
+                 {wzType16U, wzEncodingBGR, {65535, 65535, 65535}, 65408},
+                 {wzType32F, wzEncodingRGBA, {1, 1, 1}, 0.998046875},
+                 {wzType32S, wzEncodingBGR, {-5000, 65535, 65535}, (8192 + 9617 * 255 + 4899 * 255) >> 6},
+                 {wzType64F, wzEncodingARGB, {nan, 1e300, -1e300}, (8192.0 + 9617.0 * 255) / 4194304.0}};
     for (const auto &c : cases) {
-        ImagePtr src = makeImage(1, 1, c.enc, c.type),
-                 dst = makeImage(1, 1, wzEncodingGray, c.type);
+        ImagePtr src = makeImage(1, 1, c.enc, c.type), dst = makeImage(1, 1, wzEncodingGray, c.type);
         std::memset(src->data, 0, blockBytes(src.get()));
-        storeValue(c.type, at(src.get(), 0, 0, 1), c.b);
-        storeValue(c.type, at(src.get(), 0, 0, 2), c.g);
-        storeValue(c.type, at(src.get(), 0, 0, 3), c.r);
+        for (int k = 1; k <= 3; ++k) storeValue(c.type, at(src.get(), 0, 0, k), c.bgr[k - 1]);
         ASSERT_EQ(wzImageCvtColor(src.get(), dst.get()), 0u);
-        EXPECT_EQ(elementAt(dst.get(), 0), c.want)
-            << c.type << " " << c.b << "," << c.g << "," << c.r;
+        EXPECT_EQ(elementAt(dst.get(), 0), c.want) << "case " << &c - cases;
     }
+
+    // Differing types, and encodings above 4 (refused rather than walked with
+    // negative strides), write nothing.
+    ImagePtr a = makeImage(2, 1, wzEncodingBGR), b = makeImage(2, 1, wzEncodingBGR, wzType16U);
+    std::memset(a->data, 5, 6);
+    std::memset(b->data, 7, 12);
+    EXPECT_EQ(wzImageCvtColor(a.get(), b.get()), 1u);
+    EXPECT_EQ(wzCopy(a.get(), b.get()), 1u);
+    b->type = wzType8U, b->encoding = 7;
+    EXPECT_EQ(wzImageCvtColor(a.get(), b.get()), 1u);
+    EXPECT_EQ(wzImageCvtColor(b.get(), a.get()), 1u);
+    EXPECT_EQ(std::count(a->data, a->data + 6, 5), 6);
+    EXPECT_EQ(std::count(b->data, b->data + 12, 7), 12);
 }
 
 // Every pair of encodings and every type over offset regions: colour to gray
@@ -69,8 +77,8 @@ TEST(CvtColor, GrayWorkedNumbers) {
 // destination region nothing changes.
 TEST(CvtColor, EveryPairMatchesReference) {
     std::mt19937 rng(1234);
-    for (uint32_t type : kAllTypes) {
-        for (uint32_t se : kAllEncodings) {
+    for (uint32_t type : kAllTypes)
+        for (uint32_t se : kAllEncodings)
             for (uint32_t de : kAllEncodings) {
                 ImagePtr src = makeImage(19, 13, se, type), dst = makeImage(21, 11, de, type);
                 fillRandom(src.get(), rng);
@@ -78,62 +86,25 @@ TEST(CvtColor, EveryPairMatchesReference) {
                 setRoi(src.get(), 3, 2, 15, 8);
                 setRoi(dst.get(), 5, 3, 15, 8);
                 std::vector<uint8_t> want = snapshot(dst.get());
-                const bool toGray = de == wzEncodingGray && se != wzEncodingGray;
                 const int nd = wzGetNChannelFromEncoding(de);
                 for (int y = 3; y < 11; ++y)
                     for (int x = 5; x < 20; ++x) {
                         double v[4];
                         for (int c = 1; c <= std::max(nd, 3); ++c)
-                            v[c - 1] =
-                                loadValue(type, c <= 3 || se == de ? at(src.get(), x - 2, y - 1, c)
-                                                                   : at(dst.get(), x, y, c));
-                        if (toGray) v[0] = grayRef(type, v);
+                            v[c - 1] = loadValue(
+                                type, c <= 3 || se == de ? at(src.get(), x - 2, y - 1, c) : at(dst.get(), x, y, c));
+                        if (de == wzEncodingGray && se != wzEncodingGray) v[0] = grayRef(type, v);
                         for (int c = 1; c <= nd; ++c)
-                            storeValue(type, want.data() + (at(dst.get(), x, y, c) - dst->data),
-                                       v[c - 1]);
+                            storeValue(type, want.data() + (at(dst.get(), x, y, c) - dst->data), v[c - 1]);
                     }
-                ASSERT_EQ(wzImageCvtColor(src.get(), dst.get()), 0u);
+                ASSERT_EQ(se == de ? wzCopy(src.get(), dst.get()) : wzImageCvtColor(src.get(), dst.get()), 0u);
                 EXPECT_EQ(snapshot(dst.get()), want) << se << "->" << de << " type " << type;
             }
-        }
-    }
 }
 
-TEST(CvtColor, WorkedReorderingsAndRefusals) {
-    const struct {
-        uint32_t se;
-        std::vector<uint8_t> in;
-        uint32_t de;
-        std::vector<uint8_t> preset, want;
-    } cases[] = {{wzEncodingRGB, {10, 20, 30}, wzEncodingBGR, {0, 0, 0}, {30, 20, 10}},
-                 {wzEncodingBGR, {30, 20, 10}, wzEncodingRGBA, {0, 0, 0, 77}, {10, 20, 30, 77}},
-                 {wzEncodingGray, {5}, wzEncodingARGB, {201, 0, 0, 0}, {201, 5, 5, 5}},
-                 {wzEncodingARGB, {1, 2, 3, 4}, wzEncodingRGB, {0, 0, 0}, {2, 3, 4}}};
-    for (const auto &c : cases) {
-        ImagePtr src = makeImage(1, 1, c.se), dst = makeImage(1, 1, c.de);
-        std::memcpy(src->data, c.in.data(), c.in.size());
-        std::memcpy(dst->data, c.preset.data(), c.preset.size());
-        ASSERT_EQ(wzImageCvtColor(src.get(), dst.get()), 0u);
-        EXPECT_EQ(snapshot(dst.get()), c.want) << c.se << "->" << c.de;
-    }
-    // Differing types, and encodings above 4 (refused rather than walked with
-    // negative strides), write nothing.
-    ImagePtr a = makeImage(2, 1, wzEncodingBGR), b = makeImage(2, 1, wzEncodingBGR, wzType16U);
-    std::memset(a->data, 5, 6);
-    std::memset(b->data, 7, 12);
-    EXPECT_EQ(wzImageCvtColor(a.get(), b.get()), 1u);
-    EXPECT_EQ(wzCopy(a.get(), b.get()), 1u);
-    b->type = wzType8U;
-    b->encoding = 7;
-    EXPECT_EQ(wzImageCvtColor(a.get(), b.get()), 1u);
-    EXPECT_EQ(wzImageCvtColor(b.get(), a.get()), 1u);
-    EXPECT_EQ(std::vector<uint8_t>(a->data, a->data + 6), std::vector<uint8_t>(6, 5));
-    EXPECT_EQ(std::vector<uint8_t>(b->data, b->data + 12), std::vector<uint8_t>(12, 7));
-}
-
+// Destination (x, y) is source (y, x): 8-bit as designed, wider types move whole pixels.
 TEST(Transpose, MirrorsAboutTheDiagonal) {
     std::mt19937 rng(3);
-    // 8-bit as designed; wider types move whole pixels.
     for (uint32_t type : {wzType8U, wzType16U}) {
         const uint32_t enc = type == wzType8U ? wzEncodingBGR : wzEncodingRGBA;
         ImagePtr src = makeImage(3, 2, enc, type), dst = makeImage(2, 3, enc, type);
@@ -141,53 +112,51 @@ TEST(Transpose, MirrorsAboutTheDiagonal) {
         EXPECT_EQ(wzTranspose(src.get(), dst.get()), 0u);
         const size_t pb = blockBytes(src.get()) / 6;
         for (int y = 0; y < 3; ++y)
-            for (int x = 0; x < 2; ++x)  // destination (x, y) is source (y, x)
-                EXPECT_EQ(
-                    std::memcmp(dst->data + (y * 2 + x) * pb, src->data + (x * 3 + y) * pb, pb), 0)
+            for (int x = 0; x < 2; ++x)
+                EXPECT_EQ(std::memcmp(dst->data + (y * 2 + x) * pb, src->data + (x * 3 + y) * pb, pb), 0)
                     << type << " at " << x << "," << y;
     }
 }
 
-TEST(ChannelMoves, ExtractAndInsert) {
-    ImagePtr rgba = makeImage(2, 1, wzEncodingRGBA), plane = makeImage(2, 1, wzEncodingGray);
-    const uint8_t px[8] = {11, 22, 33, 44, 55, 66, 77, 88};
-    std::memcpy(rgba->data, px, 8);
-    ASSERT_EQ(wzImageExtractChannel(rgba.get(), plane.get(), 3), 0u);  // red, at offset 0
-    EXPECT_EQ(wzImageExtractChannel(rgba.get(), plane.get(), 5), 1u);
-    EXPECT_EQ(snapshot(plane.get()), std::vector<uint8_t>({11, 55}));
-    ImagePtr gray = makeImage(2, 1, wzEncodingGray);
-    gray->data[0] = 1;
-    gray->data[1] = 2;
-    EXPECT_EQ(wzImageInsertChannel(gray.get(), makeImage(2, 1, wzEncodingBGR).get(), 4), 1u);
-    ASSERT_EQ(wzImageExtractChannel(gray.get(), plane.get(), 2), 0u);  // any channel of gray
-    EXPECT_EQ(snapshot(plane.get()), std::vector<uint8_t>({1, 2}));
-    ASSERT_EQ(wzImageInsertChannel(gray.get(), rgba.get(), 2), 0u);  // green only
-    EXPECT_EQ(snapshot(rgba.get()), std::vector<uint8_t>({11, 1, 33, 44, 55, 2, 77, 88}));
-    // Element sizes that differ would overflow the destination pixel: refused.
-    ImagePtr plane16 = makeImage(2, 1, wzEncodingGray, wzType16U);
-    EXPECT_EQ(wzImageExtractChannel(rgba.get(), plane16.get(), 1), 1u);
-    EXPECT_EQ(wzImageInsertChannel(plane16.get(), rgba.get(), 1), 1u);
-    EXPECT_EQ(snapshot(rgba.get()), std::vector<uint8_t>({11, 1, 33, 44, 55, 2, 77, 88}));
-
-    // Splitting and merging every channel through regions restores the pixels.
+// Every type and channel over offset regions, against the element that the
+// channel tables locate: extraction into a plane, then insertion of the plane
+// into another image, which changes nothing else there.
+TEST(ChannelMoves, ExtractAndInsertMatchTheChannelTables) {
     std::mt19937 rng(11);
-    for (uint32_t type : kAllTypes) {
-        ImagePtr src = makeImage(8, 6, wzEncodingARGB, type),
-                 out = makeImage(8, 6, wzEncodingARGB, type);
-        ImagePtr p = makeImage(5, 4, wzEncodingGray, type);
-        fillRandom(src.get(), rng);
-        fillRandom(out.get(), rng);
-        setRoi(src.get(), 2, 1, 5, 4);
-        setRoi(out.get(), 2, 1, 5, 4);
+    for (uint32_t type : kAllTypes)
         for (int c = 1; c <= 4; ++c) {
+            const uint32_t enc = kAllEncodings[c];  // BGR, RGB, ARGB, RGBA
+            ImagePtr src = makeImage(8, 6, enc, type), out = makeImage(7, 7, enc, type);
+            ImagePtr p = makeImage(5, 4, wzEncodingGray, type);
+            fillRandom(src.get(), rng);
+            fillRandom(out.get(), rng);
+            setRoi(src.get(), 2, 1, 5, 4);
+            setRoi(out.get(), 1, 2, 5, 4);
+            std::vector<uint8_t> want = snapshot(out.get());
             ASSERT_EQ(wzImageExtractChannel(src.get(), p.get(), c), 0u);
             ASSERT_EQ(wzImageInsertChannel(p.get(), out.get(), c), 0u);
+            for (int y = 0; y < 4; ++y)
+                for (int x = 0; x < 5; ++x) {
+                    ASSERT_EQ(std::memcmp(at(p.get(), x, y), at(src.get(), x + 2, y + 1, c), typeSize(type)), 0);
+                    std::memcpy(want.data() + (at(out.get(), x + 1, y + 2, c) - out->data), at(p.get(), x, y),
+                                typeSize(type));
+                }
+            EXPECT_EQ(snapshot(out.get()), want) << type << " channel " << c;
         }
-        for (int y = 1; y < 5; ++y)
-            for (int x = 2; x < 7; ++x)
-                ASSERT_EQ(
-                    std::memcmp(at(out.get(), x, y, 4), at(src.get(), x, y, 4), 4 * typeSize(type)),
-                    0)
-                    << type;
-    }
+
+    // Any channel of a gray image is its only one. Channels the encoding
+    // lacks, and element sizes that differ (they would overflow the
+    // destination pixel), are refused with nothing written.
+    ImagePtr gray = makeImage(2, 1, wzEncodingGray), plane = makeImage(2, 1, wzEncodingGray);
+    ImagePtr rgba = makeImage(2, 1, wzEncodingRGBA), plane16 = makeImage(2, 1, wzEncodingGray, wzType16U);
+    gray->data[0] = 1, gray->data[1] = 2;
+    ASSERT_EQ(wzImageExtractChannel(gray.get(), plane.get(), 2), 0u);
+    EXPECT_EQ(snapshot(plane.get()), std::vector<uint8_t>({1, 2}));
+    std::memset(rgba->data, 7, 8);
+    EXPECT_EQ(wzImageExtractChannel(rgba.get(), plane.get(), 5), 1u);
+    EXPECT_EQ(wzImageInsertChannel(gray.get(), makeImage(2, 1, wzEncodingBGR).get(), 4), 1u);
+    EXPECT_EQ(wzImageExtractChannel(rgba.get(), plane16.get(), 1), 1u);
+    EXPECT_EQ(wzImageInsertChannel(plane16.get(), rgba.get(), 1), 1u);
+    EXPECT_EQ(snapshot(rgba.get()), std::vector<uint8_t>(8, 7));
+    EXPECT_EQ(snapshot(plane.get()), std::vector<uint8_t>({1, 2}));
 }
