@@ -1,6 +1,7 @@
 #include "process.hpp"
 
 #include <new>
+#include <optional>
 
 namespace morven::tool {
 namespace {
@@ -127,11 +128,20 @@ double transferPicture(const std::string &path, Picture &picture,
     params->smoothIterations = options.smoothIterations;
 
     LibraryView view(picture, options.smooth);
+    // Smoothing repairs the matched picture against the unprocessed one. In
+    // place and without a mask the library would guide it by the matched
+    // picture itself, which changes nothing, so then the source is a copy.
+    std::optional<Picture> original;
+    std::optional<LibraryView> source;
+    if (options.smooth) {
+        original.emplace(picture);
+        source.emplace(*original, true);
+    }
     HeaderImage maskHeader;
     if (mask) maskHeader = wrap(picture.width, picture.height, wzEncodingGray, mask->data());
 
     const Stopwatch clock;
-    const wzStatus status = wzHistogramTransferFilter(params.get(), support, view.get(),
+    const wzStatus status = wzHistogramTransferFilter(params.get(), support, source ? source->get() : view.get(),
                                                       maskHeader.get(), view.get(), cancelFlag());
     const double seconds = clock.seconds();
     checkStatus(path, "the transfer", status);

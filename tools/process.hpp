@@ -79,8 +79,9 @@ struct TransferOptions {
 // The library's own defaults.
 TransferOptions defaultTransferOptions();
 
-// Runs the transfer filter in place on the picture, with an optional mask of
-// the picture's size, under the cancel flag. Returns the seconds spent in the
+// Runs the transfer filter on the picture, writing the result over it (with
+// smoothing on, from a copy of the original, which then guides the smoothing),
+// with an optional mask of the picture's size, under the cancel flag. Returns the seconds spent in the
 // library. Throws Interrupted when cancelled, FileError (naming path) when
 // the library refuses.
 double transferPicture(const std::string &path, Picture &picture,

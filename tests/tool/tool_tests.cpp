@@ -256,6 +256,8 @@ TEST_F(Tool, CommandsAndOptionsTakeEffect) {
         {"transfer", kCoffee, kChelsea, "-o", at("contrast.png"), "--contrast"},
         {"transfer", kCoffee, kChelsea, "-o", at("high.png"), "--contrast", "--high-tail", "200"},
         {"transfer", kCoffee, kChelsea, "-o", at("low.png"), "--contrast", "--low-tail", "200"},
+        {"transfer", kCoffee, kChelsea, "-o", at("t-smooth.png"), "--smooth"},
+        {"smooth", kCoffee, at("t.png"), "-o", at("smooth.png")},
         {"smooth", kCoffee, at("t.png"), "-o", at("smooth0.png"), "--threshold", "0"},
         {"smooth", kCoffee, at("t.png"), "-o", at("smooth3.png"), "--iterations", "3"},
         {"stretch", kChelsea, "-o", at("stretch.png")},
@@ -270,6 +272,9 @@ TEST_F(Tool, CommandsAndOptionsTakeEffect) {
     const auto pic = [&](const std::string &name) { return readPng(name.starts_with("/") ? name : at(name)); };
     EXPECT_EQ(pic("strength0.png").px, pic(kCoffee).px);
     EXPECT_EQ(pic("smooth0.png").px, pic("t.png").px);
+    // The transfer's smoothing is guided by the unprocessed source.
+    EXPECT_EQ(pic("t-smooth.png").px, pic("smooth.png").px);
+    EXPECT_TRUE(pic("smooth.png").px != pic("t.png").px);
     // clang-format off
     for (const auto &[a, b] : {std::pair{"strength.png", "t.png"}, {"fidelity.png", "t.png"}, {"max-step.png", "t.png"},
                                {"contrast.png", "t.png"}, {"high.png", "contrast.png"}, {"low.png", "contrast.png"},
