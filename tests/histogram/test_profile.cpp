@@ -27,8 +27,8 @@ TEST(ColorProfile, ChannelsLandInReversedArrays) {
 
 // Random regions of every encoding, empty ones included, into a profile
 // holding stale counts: the profile is replaced by the region's counts, a
-// gray image's in all three arrays.
-TEST(ColorProfile, RandomRegionsMatchIndependentCount) {
+// gray image's in all three arrays. Counts grow by 1.0f, so a bin stops at 2^24.
+TEST(ColorProfile, RandomRegionsMatchIndependentCountAndSaturate) {
     std::mt19937 rng(11);
     for (int iter = 0; iter < 60; ++iter) {
         const uint32_t enc = kAllEncodings[iter % 5];
@@ -46,53 +46,39 @@ TEST(ColorProfile, RandomRegionsMatchIndependentCount) {
         ASSERT_EQ(wzImageFillColorProfile(img.get(), &p), 0u);
         ASSERT_EQ(std::memcmp(p.bins, want, sizeof want), 0) << "iter " << iter;
     }
-}
-
-// Counts grow by 1.0f, so a bin stops at 2^24.
-TEST(ColorProfile, BinStopsGrowingAtTwoToTheTwentyFour) {
     ImagePtr img = makeImage(4097, 4096, wzEncodingGray);
     ASSERT_NE(img, nullptr);
     std::memset(img->data, 7, blockBytes(img.get()));
     img->data[0] = 8;
     wzImageColorProfile p;
     ASSERT_EQ(wzImageFillColorProfile(img.get(), &p), 0u);
-    for (auto &a : p.bins) {
-        EXPECT_EQ(a[7], 16777216.0f);
-        EXPECT_EQ(a[8], 1.0f);
-    }
+    for (auto &a : p.bins) EXPECT_TRUE(a[7] == 16777216.0f && a[8] == 1.0f);
 }
 
 // Every entry divided by the sum of array 2 (a division, not a reciprocal);
-// an all-zero profile becomes NaN; the flat profile is exactly 1/256.
-TEST(ColorProfile, NormalizeAndFlatProfile) {
+// an all-zero profile becomes NaN; the flat profile is exactly 1/256; the
+// record is created and reset to zeros.
+TEST(ColorProfile, NormalizeFlatCreateResetRelease) {
     std::mt19937 rng(5);
-    wzImageColorProfile p, counts;
-    for (auto &a : p.bins)
-        for (float &bin : a) bin = static_cast<float>(rng() % 50);
-    p.bins[0][3] += 77.0f;  // arrays 0 and 1 do not add up to the same total
-    counts = p;
-    float total = 0.0f;
-    for (float bin : p.bins[2]) total += bin;
-    ASSERT_EQ(wzImageColorProfileNormalize(&p), 0u);
-    for (int a = 0; a < 3; ++a)
-        for (int v = 0; v < 256; ++v) ASSERT_EQ(p.bins[a][v], counts.bins[a][v] / total) << a << " " << v;
-
-    wzImageColorProfile zero{};
-    ASSERT_EQ(wzImageColorProfileNormalize(&zero), 0u);
-    EXPECT_TRUE(std::isnan(zero.bins[0][0]) && std::isnan(zero.bins[1][128]) && std::isnan(zero.bins[2][255]));
-
-    ASSERT_EQ(wzImageColorProfileForEqualization(&p), 0u);
-    for (auto &a : p.bins)
-        for (float bin : a) ASSERT_EQ(bin, 0.00390625f);
-}
-
-TEST(ColorProfile, CreateResetRelease) {
-    wzImageColorProfile *p = wzImageColorProfileCreate(), zero{};
+    wzImageColorProfile *p = wzImageColorProfileCreate(), counts, zero{};
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(std::memcmp(p, &zero, sizeof zero), 0);
-    std::fill(p->bins[1], p->bins[1] + 256, 3.5f);
+    for (auto &a : p->bins)
+        for (float &bin : a) bin = static_cast<float>(rng() % 50);
+    p->bins[0][3] += 77.0f;  // arrays 0 and 1 do not add up to the same total
+    counts = *p;
+    float total = 0.0f;
+    for (float bin : p->bins[2]) total += bin;
+    ASSERT_EQ(wzImageColorProfileNormalize(p), 0u);
+    for (int a = 0; a < 3; ++a)
+        for (int v = 0; v < 256; ++v) ASSERT_EQ(p->bins[a][v], counts.bins[a][v] / total) << a << " " << v;
+    ASSERT_EQ(wzImageColorProfileForEqualization(p), 0u);
+    for (auto &a : p->bins)
+        for (float bin : a) ASSERT_EQ(bin, 0.00390625f);
     wzImageColorProfileReset(p);
     EXPECT_EQ(std::memcmp(p, &zero, sizeof zero), 0);
+    ASSERT_EQ(wzImageColorProfileNormalize(p), 0u);
+    EXPECT_TRUE(std::isnan(p->bins[0][0]) && std::isnan(p->bins[1][128]) && std::isnan(p->bins[2][255]));
     wzImageColorProfileRelease(&p);
     EXPECT_EQ(p, nullptr);
     wzImageColorProfileRelease(&p);
