@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "morven/morven.h"
@@ -81,6 +82,22 @@ private:
 
 // Marks the state as failed when status is not 0; returns true on success.
 bool check(benchmark::State &state, uint32_t status, const char *what);
+
+// The timed loop: runs `call` once per iteration and keeps `live` (the
+// output) observable. A call that returns a library status stops the loop
+// and fails the case, named `what`, when the status is not 0.
+template <class Call>
+void timeCalls(benchmark::State &state, const void *live, Call call, const char *what = "") {
+    for (auto _ : state) {
+        if constexpr (std::is_void_v<std::invoke_result_t<Call &>>) {
+            call();
+        } else if (!check(state, uint32_t(call()), what)) {
+            break;
+        }
+        benchmark::DoNotOptimize(live);
+        benchmark::ClobberMemory();
+    }
+}
 
 void registerImageBenchmarks(const std::vector<double> &megapixels);
 void registerMatrixBenchmarks();

@@ -117,11 +117,7 @@ void profileFill(double mp) {
     g.addPeer("cv::calcHist x3", [mp](benchmark::State &state) {
         const Picture &p = picture(mp);
         cv::Mat image = bgrMat(p, p.source), hist[3];
-        for (auto _ : state) {
-            calcHist3(image, hist);
-            benchmark::DoNotOptimize(hist[0].data);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, hist[0].data, [&] { calcHist3(image, hist); });
     });
 #endif
     g.addMorven("morven", "wzImageFillColorProfile", 2.5, 0.0, [mp](benchmark::State &state) {
@@ -130,12 +126,8 @@ void profileFill(double mp) {
         wzImageColorProfile *profile = wzImageColorProfileCreate();
         if (!image || !profile)
             state.SkipWithError("allocation failed");
-        for (auto _ : state) {
-            if (!check(state, wzImageFillColorProfile(image.get(), profile), "wzImageFillColorProfile"))
-                break;
-            benchmark::DoNotOptimize(profile->bins[0][0]);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, profile, [&] { return wzImageFillColorProfile(image.get(), profile); },
+                  "wzImageFillColorProfile");
         wzImageColorProfileRelease(&profile);
     });
 }
@@ -151,11 +143,7 @@ void matchApply(double mp) {
             state.SkipWithError("match table failed");
         std::vector<uint8_t> out(p.bytes());
         cv::Mat src = bgrMat(p, p.source), dst = bgrMat(p, out), lut = lutOf(table);
-        for (auto _ : state) {
-            cv::LUT(src, lut, dst);
-            benchmark::DoNotOptimize(dst.data);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, dst.data, [&] { cv::LUT(src, lut, dst); });
     });
 #endif
     g.addMorven("morven", "wzHistogramMatchApply", 1.5, 0.0, [mp](benchmark::State &state) {
@@ -166,13 +154,8 @@ void matchApply(double mp) {
         Header dst(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
         if (!matchTable(p, table) || !src || !dst)
             state.SkipWithError("set-up failed");
-        for (auto _ : state) {
-            if (!check(state, wzHistogramMatchApply(nullptr, table, src.get(), dst.get(), nullptr),
-                       "wzHistogramMatchApply"))
-                break;
-            benchmark::DoNotOptimize(out.data());
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, out.data(), [&] { return wzHistogramMatchApply(nullptr, table, src.get(), dst.get(), nullptr); },
+                  "wzHistogramMatchApply");
     });
 }
 
@@ -190,13 +173,11 @@ void transfer(double mp) {
         std::vector<uint8_t> out(p.bytes());
         cv::Mat src = bgrMat(p, p.source), ref = bgrMat(p, p.reference), dst = bgrMat(p, out);
         cv::Mat lut = lutOf(table), srcHist[3], refHist[3];
-        for (auto _ : state) {
+        timeCalls(state, dst.data, [&] {
             calcHist3(src, srcHist);
             calcHist3(ref, refHist);
             cv::LUT(src, lut, dst);
-            benchmark::DoNotOptimize(dst.data);
-            benchmark::ClobberMemory();
-        }
+        });
     });
 #endif
     for (int contrast = 0; contrast < 2; ++contrast) {
@@ -208,17 +189,11 @@ void transfer(double mp) {
                     [mp, contrast](benchmark::State &state) {
                         const Picture &p = picture(mp);
                         std::vector<uint8_t> out(p.bytes());
-                        for (auto _ : state) {
-                            if (!check(state,
-                                       wzMorvenTransfer(p.width, p.height, p.source.data(),
-                                                        out.data(), p.width, p.height,
-                                                        p.reference.data(), contrast, 255, 1.0f,
-                                                        9.0f, 50.0f, 0.9f),
-                                       "wzMorvenTransfer"))
-                                break;
-                            benchmark::DoNotOptimize(out.data());
-                            benchmark::ClobberMemory();
-                        }
+                        timeCalls(state, out.data(), [&] {
+                            return wzMorvenTransfer(p.width, p.height, p.source.data(), out.data(), p.width,
+                                                    p.height, p.reference.data(), contrast, 255, 1.0f, 9.0f,
+                                                    50.0f, 0.9f);
+                        }, "wzMorvenTransfer");
                     });
     }
 }
@@ -231,11 +206,7 @@ void toGray(double mp) {
         const Picture &p = picture(mp);
         std::vector<uint8_t> out(p.pixels());
         cv::Mat src = bgrMat(p, p.source), dst(p.height, p.width, CV_8UC1, out.data());
-        for (auto _ : state) {
-            cv::cvtColor(src, dst, cv::COLOR_BGR2GRAY);
-            benchmark::DoNotOptimize(dst.data);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, dst.data, [&] { cv::cvtColor(src, dst, cv::COLOR_BGR2GRAY); });
     });
 #endif
     g.addMorven("morven", "wzImageCvtColor BGR>gray", 2.0, 1.0, [mp](benchmark::State &state) {
@@ -245,12 +216,7 @@ void toGray(double mp) {
         Header dst(p.width, p.height, wzEncodingGray, wzType8U, out.data());
         if (!src || !dst)
             state.SkipWithError("allocation failed");
-        for (auto _ : state) {
-            if (!check(state, wzImageCvtColor(src.get(), dst.get()), "wzImageCvtColor"))
-                break;
-            benchmark::DoNotOptimize(out.data());
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, out.data(), [&] { return wzImageCvtColor(src.get(), dst.get()); }, "wzImageCvtColor");
     });
 }
 
@@ -266,15 +232,9 @@ void smooth(double mp) {
         wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
         if (!guide || !input || !output || !params || !smoothSupport())
             state.SkipWithError("allocation failed");
-        for (auto _ : state) {
-            if (!check(state,
-                       wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(),
-                                         output.get(), nullptr),
-                       "wzSelectiveSmooth"))
-                break;
-            benchmark::DoNotOptimize(out.data());
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, out.data(), [&] {
+            return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(), output.get(), nullptr);
+        }, "wzSelectiveSmooth");
         wzSelectiveSmoothParamsRelease(&params);
     });
 }
@@ -330,11 +290,7 @@ void convert(double mp, const Conversion &conv) {
         auto depth = [](uint32_t t) { return t == wzType8U ? CV_8U : t == wzType16U ? CV_16U : CV_32F; };
         cv::Mat src(p.height, p.width, CV_MAKETYPE(depth(conv.from), 3), const_cast<uint8_t *>(b.source));
         cv::Mat dst(p.height, p.width, CV_MAKETYPE(conv.cvType, 3), b.dst.data());
-        for (auto _ : state) {
-            src.convertTo(dst, conv.cvType, conv.cvScale);
-            benchmark::DoNotOptimize(dst.data);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, dst.data, [&] { src.convertTo(dst, conv.cvType, conv.cvScale); });
     });
 #endif
     g.addMorven("morven", std::string("wzImageCvtType ") + conv.label, 1.5, 0.0,
@@ -346,12 +302,8 @@ void convert(double mp, const Conversion &conv) {
                     Header dst(p.width, p.height, wzEncodingBGR, conv.to, b.dst.data());
                     if (!ok || !src || !dst)
                         state.SkipWithError("set-up failed");
-                    for (auto _ : state) {
-                        if (!check(state, wzImageCvtType(src.get(), dst.get()), "wzImageCvtType"))
-                            break;
-                        benchmark::DoNotOptimize(b.dst.data());
-                        benchmark::ClobberMemory();
-                    }
+                    timeCalls(state, b.dst.data(), [&] { return wzImageCvtType(src.get(), dst.get()); },
+                              "wzImageCvtType");
                 });
 }
 

@@ -54,11 +54,7 @@ void product() {
     addCase(peer, [n](benchmark::State &state) {
         std::vector<double> a = randomBlock(size_t(n) * n, 1), b = randomBlock(size_t(n) * n, 2);
         cv::Mat ma(n, n, CV_64F, a.data()), mb(n, n, CV_64F, b.data()), mc(n, n, CV_64F);
-        for (auto _ : state) {
-            cv::gemm(ma, mb, 1.0, cv::noArray(), 0.0, mc);
-            benchmark::DoNotOptimize(mc.data);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, mc.data, [&] { cv::gemm(ma, mb, 1.0, cv::noArray(), 0.0, mc); });
     });
     c.yardsticks.push_back({peer.key, 0.0});
 #endif
@@ -71,12 +67,7 @@ void product() {
             std::memcpy(a->data, va.data(), va.size() * sizeof(double));
             std::memcpy(b->data, vb.data(), vb.size() * sizeof(double));
         }
-        for (auto _ : state) {
-            if (!check(state, wzMatrixProduct(d, a, b), "wzMatrixProduct"))
-                break;
-            benchmark::DoNotOptimize(d->data);
-            benchmark::ClobberMemory();
-        }
+        timeCalls(state, d->data, [&] { return wzMatrixProduct(d, a, b); }, "wzMatrixProduct");
         wzMatrixRelease(&d);
         wzMatrixRelease(&b);
         wzMatrixRelease(&a);
@@ -139,14 +130,11 @@ void svd() {
         double *w = vector(1, n);
         if (!a || !v || !w)
             state.SkipWithError("allocation failed");
-        for (auto _ : state) {
+        timeCalls(state, &w[1], [&] {
             // One contiguous block starting at a[1][0].
             std::memcpy(&a[1][0], input.data(), input.size() * sizeof(double));
-            if (!check(state, uint32_t(svdcmp(a, n, n, w, v)), "svdcmp"))
-                break;
-            benchmark::DoNotOptimize(&w[1]);
-            benchmark::ClobberMemory();
-        }
+            return svdcmp(a, n, n, w, v);
+        }, "svdcmp");
         free_vector(w, 1, n);
         free_matrix(v, 1, n, 0, n - 1);
         free_matrix(a, 1, n, 0, n - 1);
