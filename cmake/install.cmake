@@ -30,6 +30,9 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/morven
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT Development
   FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/include/morven/version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/morven
+  COMPONENT Development)
 
 # ---------------------------------------------------------------------------
 # CMake package: find_package(morven) then target_link_libraries(... morven::morven).

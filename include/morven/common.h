@@ -14,6 +14,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "morven/version.h"
+
 #if defined(_WIN32) && !defined(MORVEN_STATIC)
 #  if defined(MORVEN_BUILDING)
 #    define MORVEN_API __declspec(dllexport)
@@ -41,5 +43,27 @@ typedef uint32_t wzStatus;
 #define WZ_STATUS_ERROR ((wzStatus)1)
 #define WZ_STATUS_CANCELLED ((wzStatus)2)
 #define WZ_STATUS_FAILURE ((wzStatus)0xFFFFFFFFu)
+
+/* ======================================================================== */
+/* Extensions                                                               */
+/* ======================================================================== */
+
+/** Status of the extended filters only: their statistics selected no pixel
+ *  (an empty statistics mask, or an empty target profile), so nothing could
+ *  be matched or stretched; the destination holds the source's values. */
+#define WZ_STATUS_NO_PIXELS ((wzStatus)3)
+
+MORVEN_EXTERN_C_BEGIN
+
+/** The version of the library that is running, for comparison with the
+ *  MORVEN_VERSION_NUMBER a program was compiled with.
+ *  @return MAJOR * 10000 + MINOR * 100 + PATCH. */
+MORVEN_API uint32_t wzMorvenVersionNumber(void);
+
+/** The version of the library that is running.
+ *  @return "MAJOR.MINOR.PATCH", a static string. */
+MORVEN_API const char *wzMorvenVersionString(void);
+
+MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_COMMON_H */

@@ -144,6 +144,58 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
                                             wzImage *source, const wzImage *mask,
                                             wzImage *destination, const uint32_t *cancel);
 
+
+/* ======================================================================== */
+/* Extensions                                                               */
+/*                                                                          */
+/* Contrast statistics under a mask, and the filter for 16-bit images.      */
+/* Masks are 8-bit gray images of the image's full width and height (these  */
+/* operations ignore regions of interest), walked from their own roi origin;*/
+/* a pixel counts where its mask level is non-zero.                         */
+/* ======================================================================== */
+
+/** wzContrastEnhanceStatsRetrieve over the pixels the mask selects: the
+ *  brightness histogram of those pixels, and total = their number. With a
+ *  null mask, or one of all 255, the record equals that of
+ *  wzContrastEnhanceStatsRetrieve (for images of fewer than 2^31 pixels).
+ *  @param stats the record, replaced.
+ *  @param image 8-bit or 16-bit image; a 16-bit brightness b counts in bin
+ *         (b + 128) / 257.
+ *  @param mask statistics mask, or null.
+ *  @param cancel cancel flag read before every row, or null.
+ *  @return 0; 1 for an image that is not 8-bit or 16-bit, an encoding above
+ *          4, or a mask that is not 8-bit gray of the image's size (the
+ *          record is then cleared); 2 when cancelled. */
+MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats *stats,
+                                                         const wzImage *image,
+                                                         const wzImage *mask,
+                                                         const uint32_t *cancel);
+
+/** wzContrastEnhanceFilter with the levels measured under a statistics mask,
+ *  for 8-bit and 16-bit images; the curve is applied to every pixel.
+ *  8-bit images: the design's curve from the masked statistics (bit for bit
+ *  the design's result with no statistics mask). 16-bit images: the same
+ *  rule on a 65536-bin brightness histogram, so the levels low and high are
+ *  16-bit levels (manual levels are 8-bit and scaled by 257), and a value v
+ *  becomes trunc((v - low) * (65535.0 / (high - low))) in double precision,
+ *  clamped to 0..65535 (high = low: 0 at or below low, 65535 above).
+ *  @param params tails or manual levels as for wzContrastEnhanceFilter.
+ *  @param source source image, 8-bit or 16-bit.
+ *  @param statsMask statistics mask, or null.
+ *  @param mask blend mask (8-bit gray), or null: as for
+ *         wzContrastEnhanceFilter, level 255 keeps the enhanced pixel.
+ *  @param destination destination of the source's type and layout; may be
+ *         the source.
+ *  @param cancel cancel flag, or null.
+ *  @return 0; 1 for rejected arguments or an allocation failure (nothing
+ *          written); 2 when cancelled; WZ_STATUS_NO_PIXELS when the mask
+ *          selects no pixel (the destination then holds the source's
+ *          values). */
+MORVEN_API wzStatus wzContrastEnhanceFilterMasked(const wzContrastEnhanceParams *params,
+                                                  wzImage *source, const wzImage *statsMask,
+                                                  const wzImage *mask, wzImage *destination,
+                                                  const uint32_t *cancel);
+
 MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_CONTRAST_H */

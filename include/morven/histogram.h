@@ -159,6 +159,205 @@ MORVEN_API wzStatus wzHistogramEqualization(const wzImage *source, wzImage *dest
  * writing. */
 MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destination);
 
+
+/* ======================================================================== */
+/* Extensions                                                               */
+/*                                                                          */
+/* Beyond the functions above: statistics gathered under a mask, 16-bit     */
+/* pictures and matching in a working colour space. The functions above     */
+/* keep their behaviour exactly; these are separate entry points.           */
+/*                                                                          */
+/* Statistics masks are 8-bit gray images whose roi has the width and      */
+/* height of the region being measured; they are walked from their own roi */
+/* origin, as the blend masks of the filters are. A pixel counts when its  */
+/* mask level is non-zero. A null mask counts every pixel. With a mask of  */
+/* all 255 every result equals that of the unmasked function bit for bit.  */
+/* ======================================================================== */
+
+/** Working colour spaces of histogram matching (wzHistogramMatchOptions.space,
+ *  wzImageFillColorProfile16). The stored values are taken as sRGB-encoded
+ *  wherever a space needs a colorimetric meaning (Lab); any RGB encoding
+ *  converts in and out without loss, since each conversion is inverted
+ *  exactly on the way back. */
+typedef int32_t wzWorkingSpace;
+enum {
+    /** Channels 1, 2, 3 (blue, green, red) each matched on its own. */
+    wzSpaceChannels = 0,
+    /** Only the luma Y' (full-range BT.601 weights of the stored values) is
+     *  matched; every pixel keeps its chroma Cb, Cr. */
+    wzSpaceLuma = 1,
+    /** Full-range BT.601 Y', Cb, Cr, each matched on its own. */
+    wzSpaceYCbCr = 2,
+    /** CIELAB (D65 white): L*, a*, b*, each matched on its own. */
+    wzSpaceLab = 3
+};
+
+/** Number of bins per channel of a wzImageColorProfile16. */
+#define WZ_PROFILE16_BINS 65536
+
+/** A deep colour profile: three 65536-bin histograms of one working space.
+ *
+ *  Bins hold pixel counts as doubles (exact up to 2^53). The arrays follow
+ *  wzImageColorProfile: bins[2] counts channel 1 (blue; the one channel of a
+ *  gray image; Y' or L* in a luma/chroma space), bins[1] channel 2 (green; Cb
+ *  or a*), bins[0] channel 3 (red; Cr or b*).
+ *
+ *  Values are counted on a scale of 0..65535: a 16-bit sample v at bin v, an
+ *  8-bit sample v at bin 257 v; Y' at Y' * 65535, Cb and Cr at
+ *  (C + 0.5) * 65535 (C in -0.5..0.5), L* at L* / 100 * 65535, a* and b* at
+ *  (a + 128) / 256 * 65535, each rounded to the nearest bin and clamped. A
+ *  gray image has the chroma of gray (Cb = Cr = 0, a* = b* = 0). */
+typedef struct wzImageColorProfile16 {
+    int32_t space;    /**< wzWorkingSpace the bins were counted in */
+    int32_t reserved; /**< 0 */
+    double bins[3][WZ_PROFILE16_BINS];
+} wzImageColorProfile16;
+
+/** Options of the extended matching filter and the extended transfer.
+ *  An all-zero record asks for the design's behaviour: channels matched on
+ *  their own, every pixel counted, the 8-bit target profile of the
+ *  parameters. */
+typedef struct wzHistogramMatchOptions {
+    /** wzWorkingSpace of the match; default wzSpaceChannels. */
+    int32_t space;
+    /** 0. */
+    int32_t reserved;
+    /** Source pixels that count in the statistics (non-zero level), or null
+     *  for all. The match is applied to every pixel of the region. */
+    const wzImage *statsMask;
+    /** The target as a deep profile counted in `space`, or null to use the
+     *  8-bit targetProfile of the parameters (possible in wzSpaceChannels
+     *  only). Luma and YCbCr profiles count the same values and serve either
+     *  space. */
+    const wzImageColorProfile16 *targetProfile16;
+} wzHistogramMatchOptions;
+
+/** Creates a zero-filled deep profile (space wzSpaceChannels).
+ *  @return the new profile (about 1.5 MB), or null when the allocation fails. */
+MORVEN_API wzImageColorProfile16 *wzImageColorProfile16Create(void);
+
+/** Frees a deep profile.
+ *  @param profile holder of the profile; when it holds a profile, the profile
+ *         is freed and the holder set to null. Null holders are ignored. */
+MORVEN_API void wzImageColorProfile16Release(wzImageColorProfile16 **profile);
+
+/** Fills an 8-bit colour profile from the pixels of the image's region that
+ *  the mask selects; the unmasked form of wzImageFillColorProfile, extended
+ *  to 16-bit images.
+ *  @param image 8-bit or 16-bit image, any encoding; a 16-bit sample v counts
+ *         in bin (v + 128) / 257 (v / 257 rounded to the nearest level).
+ *  @param mask statistics mask (8-bit gray, the region's size), or null.
+ *  @param profile the profile, replaced; all zeros when the mask selects no
+ *         pixel.
+ *  @return 0; 1 for an image that is not 8-bit or 16-bit, an encoding above
+ *          4, or a mask that is not 8-bit gray of the region's size (the
+ *          profile is then all zeros). */
+MORVEN_API wzStatus wzImageFillColorProfileMasked(const wzImage *image, const wzImage *mask,
+                                                  wzImageColorProfile *profile);
+
+/** Fills a deep profile from the pixels of the image's region that the mask
+ *  selects, counted in a working space (see wzImageColorProfile16).
+ *  @param image 8-bit or 16-bit image, any encoding.
+ *  @param mask statistics mask (8-bit gray, the region's size), or null.
+ *  @param space wzWorkingSpace to count in.
+ *  @param profile the profile, replaced; its space is set to `space`.
+ *  @return 0; 1 for an image that is not 8-bit or 16-bit, an encoding above
+ *          4, an unknown space, or a mask that is not 8-bit gray of the
+ *          region's size (the profile is then all zeros). */
+MORVEN_API wzStatus wzImageFillColorProfile16(const wzImage *image, const wzImage *mask,
+                                              wzWorkingSpace space,
+                                              wzImageColorProfile16 *profile);
+
+/** wzHistogramMatchStatsRetrieve over the pixels the mask selects.
+ *  @param stats statistics record whose profile is replaced.
+ *  @param image 8-bit or 16-bit image (see wzImageFillColorProfileMasked).
+ *  @param mask statistics mask, or null.
+ *  @return the status of wzImageFillColorProfileMasked. */
+MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *stats,
+                                                        const wzImage *image,
+                                                        const wzImage *mask);
+
+/** Histogram matching with statistics masks, 16-bit images and working
+ *  spaces. Matches the source's region into the destination's region, then
+ *  blends with the unmatched values under `mask` as wzHistogramMatchFilter
+ *  does.
+ *
+ *  8-bit images in wzSpaceChannels with the 8-bit target profile run the
+ *  computation of wzHistogramMatchAddParamsCompute on the masked statistics:
+ *  with no statistics mask (or one of all 255) the result is that of
+ *  wzHistogramMatchFilter bit for bit.
+ *
+ *  Everything else (16-bit images, working spaces, deep targets) is matched
+ *  at 16-bit precision: each channel's cumulative distributions are taken
+ *  as piecewise linear over their bins (a bin of an 8-bit profile spans the
+ *  257 sixteen-bit levels that round to it), and a value maps to the point
+ *  of the target distribution at the same cumulative share. Matching a
+ *  picture to its own deep profile thus changes nothing, and a 16-bit
+ *  picture keeps its fine levels. The parameters keep their meaning on the
+ *  16-bit scale: maxStep (0..254) bounds the slope of the curve (its rise
+ *  over one 8-bit step is at most maxStep 8-bit steps), fidelity smooths it
+ *  over 257 * trunc((1 - fidelity) * 50) levels with the weight rising
+ *  toward the bright end, strength blends it with the identity; mode is not
+ *  used. The result is rounded to the nearest level. In a luma/chroma space
+ *  or Lab the pixels go into the space, through the curves and back, row by
+ *  row (wzSpaceLuma maps only Y'); results outside the picture's range are
+ *  clamped. A gray picture in any space other than channels is matched by
+ *  its luma (or L*) alone.
+ *
+ *  A fourth channel of the destination is left as it was.
+ *
+ *  @param params strength, fidelity and maxStep as for
+ *         wzHistogramMatchFilter; targetProfile is the 8-bit target used
+ *         when options->targetProfile16 is null.
+ *  @param options space, statistics mask and deep target; null for the
+ *         all-zero defaults.
+ *  @param source source image, 8-bit or 16-bit.
+ *  @param mask blend mask (8-bit gray), or null.
+ *  @param destination destination of the source's type and channel count;
+ *         may be the source.
+ *  @param cancel cancel flag read before every row of each pass, or null.
+ *  @return 0; 1 for rejected arguments (types, encodings, masks of the wrong
+ *          size, an unknown space, a deep target of another space, no
+ *          target) or an allocation failure, nothing written; 2 when
+ *          cancelled; WZ_STATUS_NO_PIXELS when the statistics mask selects
+ *          no pixel or the target profile is empty: the destination's region
+ *          then holds the source's values unchanged. */
+MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchParams *params,
+                                                      const wzHistogramMatchOptions *options,
+                                                      wzImage *source, const wzImage *mask,
+                                                      wzImage *destination,
+                                                      const uint32_t *cancel);
+
+/** wzHistogramEqualization with statistics gathered under a mask, for 8-bit
+ *  and 16-bit images; the table is applied to every pixel of the region.
+ *  8-bit images give the design's result bit for bit with an all-255 mask;
+ *  16-bit images are equalised at 16-bit precision to a flat distribution
+ *  over 0..65535 (see wzHistogramMatchFilterWithOptions).
+ *  @param source source image, 8-bit or 16-bit.
+ *  @param statsMask statistics mask, or null.
+ *  @param destination destination of the source's type; may be the source.
+ *  @return 0; 1 for rejected arguments or an allocation failure (nothing
+ *          written); WZ_STATUS_NO_PIXELS when the mask selects no pixel (the
+ *          destination's region holds the source's values). */
+MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const wzImage *statsMask,
+                                                  wzImage *destination);
+
+/** wzHistogramStretch with the occupied range measured under a mask, for
+ *  8-bit and 16-bit images: every channel's range lo..hi among the selected
+ *  pixels is mapped onto the full scale and the map applied to every pixel
+ *  of the region (values outside lo..hi saturate). 8-bit entries are as in
+ *  wzHistogramStretch; a 16-bit value v in lo..hi-1 gives
+ *  trunc(65535.0 / (hi - lo) * (v - lo)) in double precision.
+ *  @param source source image, 8-bit or 16-bit.
+ *  @param statsMask statistics mask, or null.
+ *  @param destination destination of the source's type; may be the source.
+ *  @return 0 when stretched; 1 as wzHistogramStretch (every channel holds a
+ *          single value: copied unchanged) and for rejected arguments;
+ *          WZ_STATUS_NO_PIXELS when the mask selects no pixel (the
+ *          destination's region holds the source's values). */
+MORVEN_API wzStatus wzHistogramStretchMasked(const wzImage *source, const wzImage *statsMask,
+                                             wzImage *destination);
+
 MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_HISTOGRAM_H */

@@ -137,6 +137,48 @@ MORVEN_API wzStatus wzMorvenSmooth(int32_t width, int32_t height, const uint8_t 
                                    const uint8_t *input, uint8_t *output, int32_t iterations,
                                    float threshold);
 
+
+/* ======================================================================== */
+/* Extensions                                                               */
+/* ======================================================================== */
+
+/** The transfer filter with statistics masks, 16-bit images and working
+ *  colour spaces.
+ *
+ *  Runs the stages of wzHistogramTransferFilter in the same order with the
+ *  same copies: matching by wzHistogramMatchFilterWithOptions (options
+ *  choose the space, the source's statistics mask and a deep target),
+ *  contrast by wzContrastEnhanceFilterMasked with the same statistics mask
+ *  (so excluded pixels count in no statistics), selective smoothing (8-bit
+ *  images only), and the blend under `mask`. With null options, or an
+ *  all-zero record, on 8-bit images the result is that of
+ *  wzHistogramTransferFilter bit for bit.
+ *
+ *  @param params the flat parameters; targetProfile is the 8-bit target
+ *         used when options->targetProfile16 is null.
+ *  @param options matching options, or null for the defaults.
+ *  @param support the support object (its smoothing tables).
+ *  @param source source image, 8-bit or 16-bit (wzType16U).
+ *  @param mask blend mask (8-bit gray), or null.
+ *  @param destination destination of the source's type and layout; may be
+ *         the source.
+ *  @param cancel cancel flag handed to every stage, or null.
+ *  @return 0; 1 for rejected arguments (see
+ *          wzHistogramMatchFilterWithOptions; also smoothing of a 16-bit
+ *          image, a 16-bit destination of another layout, and a statistics
+ *          mask with contrast on a source whose region is not the whole
+ *          image) or an allocation failure; 2 when cancelled;
+ *          WZ_STATUS_NO_PIXELS when there was nothing to measure (the
+ *          destination holds the source unchanged); otherwise the first
+ *          failing stage's status. The destination's region of interest is
+ *          reset to the whole image on success. */
+MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransferParams *params,
+                                                         const wzHistogramMatchOptions *options,
+                                                         const wzHistogramTransferSupport *support,
+                                                         wzImage *source, const wzImage *mask,
+                                                         wzImage *destination,
+                                                         const uint32_t *cancel);
+
 MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_TRANSFER_H */

@@ -5,6 +5,7 @@
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
+#include "contrast/contrast_internal.hpp"
 #include "image/kernels.hpp"
 #include "morven/color.h"
 #include "morven/contrast.h"
@@ -100,25 +101,30 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
     wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
     stats.reset();
 
+    return applyCurveMasked(curve.get(), source, mask, destination, cancel);
+}
+
+}  // extern "C"
+
+namespace morven {
+
+wzStatus applyCurveMasked(const uint8_t curve[256], wzImage *source, const wzImage *mask,
+                          wzImage *destination, const uint32_t *cancel) noexcept {
     // In place with a mask: keep the unprocessed pixels for the blend. The
     // copy takes the source's region so that the copy and the blend cover
     // the same pixels of both images.
     wzImage *copy = nullptr;
     ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
-    const bool inPlace = source == destination;
-    if (mask && inPlace) {
+    if (mask && source == destination) {
         copy = wzImageCreate(source->width, source->height, source->encoding);
         if (!copy) return WZ_STATUS_ERROR;
         wzImageSetROI(copy, &source->roi);
         wzCopy(source, copy);
     }
-
-    const wzStatus applied = wzContrastEnhanceApply(curve.get(), source, destination, cancel);
-    curve.reset();
-    if (applied != WZ_STATUS_OK) return applied;
-    if (!mask) return WZ_STATUS_OK;
+    const wzStatus applied = wzContrastEnhanceApply(curve, source, destination, cancel);
+    if (applied != WZ_STATUS_OK || !mask) return applied;
     if (copy) return wzAddWeigthedM(copy, source, source, mask);
     return wzAddWeigthedM(source, destination, destination, mask);
 }
 
-}  // extern "C"
+}  // namespace morven

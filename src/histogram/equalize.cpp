@@ -1,5 +1,6 @@
 // Histogram equalisation (a match to the flat profile) and linear stretch of
 // the occupied range.
+#include "histogram/match_internal.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
 
@@ -21,9 +22,23 @@ MORVEN_API wzStatus wzHistogramEqualization(const wzImage *source, wzImage *dest
 MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destination) {
     wzImageColorProfile profile;
     if (wzImageFillColorProfile(source, &profile) != WZ_STATUS_OK) return WZ_STATUS_ERROR;
+    uint8_t table[768];
+    switch (morven::stretchTable8(profile, table)) {
+        case morven::Stretch::Empty: return WZ_STATUS_ERROR;
+        case morven::Stretch::Flat: wzCopy(source, destination); return WZ_STATUS_ERROR;
+        case morven::Stretch::Done: break;
+    }
+    wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+    return WZ_STATUS_OK;
+}
+
+}  // extern "C"
+
+namespace morven {
+
+Stretch stretchTable8(const wzImageColorProfile &profile, uint8_t table[768]) noexcept {
     // Block b serves channel b + 1, counted in array 2 - b; a gray image has
     // the same histogram in every array and uses block 0 alone.
-    uint8_t table[768];
     bool stretched = false;
     bool occupied = false;
     for (int b = 0; b < 3; ++b) {
@@ -32,12 +47,8 @@ MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destinati
         int lo = 0, hi = 255;
         while (lo < 256 && bins[lo] == 0.0f) ++lo;
         while (hi >= 0 && bins[hi] == 0.0f) --hi;
-        if (lo > hi) {  // empty region
-            for (int i = 0; i < 256; ++i) block[i] = static_cast<uint8_t>(i);
-            continue;
-        }
-        occupied = true;
-        if (lo == hi) {  // a single value: that channel stays as it is
+        occupied = occupied || lo <= hi;
+        if (lo >= hi) {  // empty, or a single value: that channel stays as it is
             for (int i = 0; i < 256; ++i) block[i] = static_cast<uint8_t>(i);
             continue;
         }
@@ -47,13 +58,7 @@ MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destinati
         for (int i = lo; i < hi; ++i) block[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
         for (int i = hi; i < 256; ++i) block[i] = 255;
     }
-    if (!occupied) return WZ_STATUS_ERROR;
-    if (!stretched) {
-        wzCopy(source, destination);
-        return WZ_STATUS_ERROR;
-    }
-    wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
-    return WZ_STATUS_OK;
+    return !occupied ? Stretch::Empty : (stretched ? Stretch::Done : Stretch::Flat);
 }
 
-}  // extern "C"
+}  // namespace morven

@@ -11,6 +11,7 @@
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
 #include "image/kernels.hpp"
+#include "histogram/match_internal.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
 
@@ -102,14 +103,6 @@ void smoothBlock(uint8_t *block, int32_t r) {
         const float smooth = static_cast<float>(t[i]) * w;
         block[i] = clampToByte(keep + smooth);
     }
-}
-
-// Radius trunc((1 - fidelity) * 50) in float; anything from 255 up averages
-// the whole block, so larger radii (and out-of-range products) become 255.
-int32_t smoothingRadius(float fidelity) {
-    const float r = (1.0f - fidelity) * 50.0f;
-    if (!(r < 255.0f)) return 255;
-    return r < 0.0f ? 0 : static_cast<int32_t>(r);
 }
 
 // One region row of the plain apply, pixel by pixel, advancing both cursors
@@ -282,7 +275,15 @@ MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params,
     if (filled != WZ_STATUS_OK) return filled;
     uint8_t table[768];
     wzHistogramMatchAddParamsCompute(&stats, params, table);
+    return applyTableMasked(table, source, mask, destination, cancel);
+}
 
+}  // extern "C"
+
+namespace morven {
+
+wzStatus applyTableMasked(const uint8_t table[768], wzImage *source, const wzImage *mask,
+                          wzImage *destination, const uint32_t *cancel) noexcept {
     if (mask && source == destination) {
         wzImage *copy = wzImageCreate(source->roi.width, source->roi.height, source->encoding);
         if (!copy) return WZ_STATUS_ERROR;
@@ -297,4 +298,4 @@ MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params,
     return status;
 }
 
-}  // extern "C"
+}  // namespace morven

@@ -1,4 +1,5 @@
-// Weighted blending of two 8-bit images and masked substitution.
+// Weighted blending of two images and masked substitution.
+#include "image/extension_support.hpp"
 #include "image/image_internal.hpp"
 #include "morven/color.h"
 
@@ -146,3 +147,46 @@ MORVEN_API wzStatus wzSubstitute(const wzImage *src, wzImage *dst, const wzImage
 }
 
 }  // extern "C"
+
+namespace morven {
+
+bool blendMasked16(const wzImage &a, const wzImage &b, wzImage &dst, const wzImage &mask) noexcept {
+    const auto sameLayout = [&](const wzImage &img) {
+        return img.type == wzType16U && img.encoding == a.encoding;
+    };
+    if (!sameLayout(a) || !sameLayout(b) || !sameLayout(dst) || !isValidEncoding(a.encoding) ||
+        mask.type != wzType8U || mask.encoding != wzEncodingGray)
+        return false;
+    const bool gray = a.encoding == wzEncodingGray;
+    const ChannelBytes o = channelBytes(a);
+    const int channels = gray ? 1 : 3;
+    Cursor ca = regionCursor(a), cb = regionCursor(b), cd = regionCursor(dst);
+    Cursor m = regionCursor(mask, 1);
+    for (int32_t y = 0; y < a.roi.height; ++y) {
+        for (int32_t x = 0; x < a.roi.width; ++x) {
+            const double w = *m.p++ / 255.0;
+            for (int k = 0; k < channels; ++k) {
+                const double p = loadElement<uint16_t>(ca.p + o.c[k]);
+                const double q = loadElement<uint16_t>(cb.p + o.c[k]);
+                const double r = p + w * (q - p);  // stays within p..q
+                storeRaw<uint16_t>(cd.p + o.c[k], static_cast<uint16_t>(r + 0.5));
+            }
+            ca.p += ca.step;
+            cb.p += cb.step;
+            cd.p += cd.step;
+        }
+        ca.p += ca.gap;
+        cb.p += cb.gap;
+        cd.p += cd.gap;
+        m.p += m.gap;
+    }
+    return true;
+}
+
+wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst, const wzImage &mask) noexcept {
+    if (a.type == wzType16U)
+        return blendMasked16(a, b, dst, mask) ? WZ_STATUS_OK : WZ_STATUS_ERROR;
+    return wzAddWeigthedM(&a, &b, &dst, &mask);
+}
+
+}  // namespace morven

@@ -1,9 +1,14 @@
 # Compares the dynamic symbols that a shared library defines with the names
 # that the public headers declare with MORVEN_API: both sets must be equal, so
 # that no internal symbol leaks and no declared function or table is missing.
+# Each header declares the library's core functions first and its extensions
+# after a comment line starting "/* Extensions"; the core names must be
+# exactly those listed in DESIGN_LIST (one per line), so that no core
+# function disappears or changes its name and nothing new is added to the
+# core unnoticed. The exports must then be the core plus the extensions.
 #
-#   cmake -DLIBRARY=<libmorven.so> -DHEADER_DIR=<include/morven> [-DNM=nm]
-#         -P check_symbols.cmake
+#   cmake -DLIBRARY=<libmorven.so> -DHEADER_DIR=<include/morven>
+#         -DDESIGN_LIST=<design_symbols.txt> [-DNM=nm] -P check_symbols.cmake
 #
 # Declarations are found by pattern, not by a C parser: after comments and
 # preprocessor lines are removed, every declaration containing MORVEN_API
@@ -12,7 +17,7 @@
 
 cmake_minimum_required(VERSION 3.20)
 
-foreach(var LIBRARY HEADER_DIR)
+foreach(var LIBRARY HEADER_DIR DESIGN_LIST)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "check_symbols.cmake: -D${var}=... is required")
   endif()
@@ -72,9 +77,9 @@ if(NOT headers)
   message(FATAL_ERROR "no headers under ${HEADER_DIR}")
 endif()
 
-set(declared "")
-foreach(header ${headers})
-  file(READ "${header}" text)
+# Appends the MORVEN_API names declared in text to the list named by out.
+function(collect_declared text header out)
+  set(names ${${out}})
   # Semicolons end declarations; turn them into newlines before anything
   # treats the text as a CMake list, and keep newlines only as separators.
   string(REPLACE "\\\n" " " text "${text}")
@@ -99,9 +104,29 @@ foreach(header ${headers})
     if(name STREQUAL "" OR name STREQUAL "MORVEN_API")
       message(FATAL_ERROR "cannot find the declared name in ${header}: ${decl}")
     endif()
-    list(APPEND declared "${name}")
+    list(APPEND names "${name}")
   endforeach()
+  set(${out} ${names} PARENT_SCOPE)
+endfunction()
+
+set(core "")
+set(extensions "")
+foreach(header ${headers})
+  file(READ "${header}" text)
+  # Everything from the "/* Extensions" heading on is an extension.
+  string(REGEX MATCH "\n/\\* Extensions" marker "${text}")
+  if(marker)
+    string(FIND "${text}" "${marker}" at)
+    string(SUBSTRING "${text}" 0 ${at} core_text)
+    string(SUBSTRING "${text}" ${at} -1 extension_text)
+  else()
+    set(core_text "${text}")
+    set(extension_text "")
+  endif()
+  collect_declared("${core_text}" "${header}" core)
+  collect_declared("${extension_text}" "${header}" extensions)
 endforeach()
+set(declared ${core} ${extensions})
 list(REMOVE_DUPLICATES declared)
 list(SORT declared)
 if(NOT declared)
@@ -136,6 +161,21 @@ endforeach()
 list(REMOVE_DUPLICATES exported)
 list(SORT exported)
 
+# --- Core declarations against the design list ------------------------------
+
+file(STRINGS "${DESIGN_LIST}" design REGEX "^[A-Za-z_]")
+list(SORT design)
+list(SORT core)
+if(NOT core STREQUAL design)
+  set(gone ${design})
+  list(REMOVE_ITEM gone ${core})
+  set(added ${core})
+  list(REMOVE_ITEM added ${design})
+  message(FATAL_ERROR "core declarations differ from ${DESIGN_LIST}:\n"
+                      "  missing: ${gone}\n  not in the list (declare extensions after the "
+                      "Extensions heading): ${added}")
+endif()
+
 # --- Compare ----------------------------------------------------------------
 
 set(missing ${declared})
@@ -161,4 +201,7 @@ if(missing OR extra)
   endif()
   message(FATAL_ERROR "${report}")
 endif()
-message(STATUS "${n_exported} exported symbols match the ${n_declared} MORVEN_API declarations")
+list(LENGTH core n_core)
+list(LENGTH extensions n_extensions)
+message(STATUS "${n_exported} exported symbols match the ${n_declared} MORVEN_API declarations: "
+               "${n_core} core functions and tables, ${n_extensions} extensions")

@@ -61,6 +61,7 @@ set(expected
   "${includedir}/morven/morven.h"
   "${includedir}/morven/common.h"
   "${includedir}/morven/image.h"
+  "${includedir}/morven/version.h"
   "${libdir}/cmake/morven/morvenConfig.cmake"
   "${libdir}/cmake/morven/morvenConfigVersion.cmake"
   "${libdir}/cmake/morven/morvenTargets.cmake"

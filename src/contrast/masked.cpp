@@ -1,0 +1,196 @@
+// Extended contrast enhancement: brightness statistics under a mask, and the
+// levels stretch of 16-bit images on a 65536-bin brightness histogram.
+#include <cstdlib>
+#include <cstring>
+
+#include "common/cancel.hpp"
+#include "common/memory.hpp"
+#include "contrast/contrast_internal.hpp"
+#include "image/extension_support.hpp"
+#include "image/image_internal.hpp"
+#include "morven/color.h"
+#include "morven/contrast.h"
+
+using namespace morven;
+
+namespace {
+
+constexpr int kLevels = 65536;
+
+// A whole image (contrast ignores regions) that is 8- or 16-bit with a known
+// encoding, and a statistics mask of its full size.
+bool imageAndMaskFit(const wzImage &image, const wzImage *mask) {
+    return (image.type == wzType8U || image.type == wzType16U) && isValidEncoding(image.encoding) &&
+           image.width >= 0 && image.height >= 0 && statsMaskFits(mask, image.width, image.height);
+}
+
+// Counts the brightness (the largest of channels 1..3) of the selected
+// pixels of the whole image, each brightness b in bins[bin(b)]; returns the
+// number counted, or -1 when cancelled (the flag is read before every row).
+template <typename Bin>
+int64_t countBrightness(const wzImage &image, const wzImage *mask, uint64_t *bins, Bin bin,
+                        const uint32_t *cancel) {
+    const bool wide = image.type == wzType16U;
+    const ChannelBytes o = channelBytes(image);
+    const ptrdiff_t step = pixelStride(image);
+    const MaskRows maskRows(mask);
+    int64_t counted = 0;
+    for (int32_t y = 0; y < image.height; ++y) {
+        if (cancelRequested(cancel)) return -1;
+        const uint8_t *selected = maskRows.row(y);
+        const uint8_t *p = image.data + static_cast<ptrdiff_t>(y) * image.width * step;
+        for (int32_t x = 0; x < image.width; ++x, p += step) {
+            if (selected && !selected[x]) continue;
+            uint32_t b = sampleAt(p + o.c[0], wide, 0);
+            for (int k = 1; k < 3; ++k) {
+                const uint32_t v = sampleAt(p + o.c[k], wide, 0);
+                b = v > b ? v : b;
+            }
+            ++bins[bin(b)];
+            ++counted;
+        }
+    }
+    return counted;
+}
+
+// The outcome of a filter that found nothing to measure: the destination
+// gets the whole source picture.
+wzStatus unchangedWhole(const wzImage *source, wzImage *destination) {
+    if (source != destination) {
+        wzImage from = *source, to = *destination;
+        wzImageResetROI(&from);
+        wzImageResetROI(&to);
+        wzCopy(&from, &to);
+    }
+    return WZ_STATUS_NO_PIXELS;
+}
+
+void storeHistogram(const uint64_t *counts, float *hist) {
+    constexpr uint64_t kFloatLimit = uint64_t{1} << 24;  // where a float bin grown by 1 stops
+    for (int v = 0; v < 256; ++v) hist[v] = static_cast<float>(counts[v] < kFloatLimit ? counts[v] : kFloatLimit);
+}
+
+// The levels of the 16-bit stretch: the rule of the 8-bit curve on 65536
+// bins, in double precision.
+void levels16(const wzContrastEnhanceParams &params, const uint64_t *bins, double total,
+              int32_t &low, int32_t &high) {
+    if (params.manual) {
+        low = params.manualLow * 257;
+        high = params.manualHigh * 257;
+        return;
+    }
+    const double highCount = (params.highTail * total) / 1000.0;
+    const double lowCount = (total * params.lowTail) / 1000.0;
+    double sum = 0.0;
+    low = kLevels - 1;
+    for (int k = 0; k < kLevels - 1; ++k) {
+        sum += static_cast<double>(bins[k]);
+        if (sum > lowCount) {
+            low = k;
+            break;
+        }
+    }
+    sum = 0.0;
+    high = 0;
+    for (int k = kLevels - 1; k >= 1; --k) {
+        sum += static_cast<double>(bins[k]);
+        if (sum > highCount) {
+            high = k;
+            break;
+        }
+    }
+}
+
+// Applies the 16-bit levels to channels 1..3 of the whole image.
+void applyLevels16(const uint16_t *curve, const wzImage &source, wzImage &destination) {
+    const ChannelBytes o = channelBytes(source);
+    const int channels = source.encoding == wzEncodingGray ? 1 : 3;
+    const ptrdiff_t step = pixelStride(source);
+    const int64_t pixels = int64_t{source.width} * source.height;
+    const uint8_t *s = source.data;
+    uint8_t *d = destination.data;
+    for (int64_t i = 0; i < pixels; ++i, s += step, d += step)
+        for (int k = 0; k < channels; ++k)
+            storeRaw<uint16_t>(d + o.c[k], curve[loadElement<uint16_t>(s + o.c[k])]);
+}
+
+wzStatus filter16(const wzContrastEnhanceParams &params, wzImage *source, const wzImage *statsMask,
+                  const wzImage *mask, wzImage *destination, const uint32_t *cancel) {
+    if (destination->type != wzType16U || destination->encoding != source->encoding ||
+        destination->width != source->width || destination->height != source->height)
+        return WZ_STATUS_ERROR;
+    FreePtr<uint64_t> bins(static_cast<uint64_t *>(std::calloc(kLevels, sizeof(uint64_t))));
+    FreePtr<uint16_t> curve(static_cast<uint16_t *>(std::malloc(kLevels * sizeof(uint16_t))));
+    if (!bins || !curve) return WZ_STATUS_ERROR;
+    const int64_t counted = countBrightness(*source, statsMask, bins.get(), [](uint32_t b) { return b; }, cancel);
+    if (counted < 0) return WZ_STATUS_CANCELLED;
+    if (counted == 0 && int64_t{source->width} * source->height > 0)
+        return unchangedWhole(source, destination);
+    int32_t low = 0, high = 0;
+    levels16(params, bins.get(), static_cast<double>(counted), low, high);
+    const double scale = 65535.0 / (high - low);
+    for (int32_t v = 0; v < kLevels; ++v) {
+        double level;
+        if (high == low)
+            level = v > low ? 65535.0 : 0.0;
+        else
+            level = (v - low) * scale;
+        level = level > 0.0 ? (level < 65535.0 ? level : 65535.0) : 0.0;
+        curve.get()[v] = static_cast<uint16_t>(level);
+    }
+    wzImage *copy = nullptr;
+    ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
+    if (mask && source == destination) {
+        copy = wzImageCreateAs(source);
+        if (!copy) return WZ_STATUS_ERROR;
+        wzImageSetROI(copy, &source->roi);
+        wzCopy(source, copy);
+    }
+    if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+    applyLevels16(curve.get(), *source, *destination);
+    if (!mask) return WZ_STATUS_OK;
+    const bool blended = copy ? blendMasked16(*copy, *source, *source, *mask)
+                              : blendMasked16(*source, *destination, *destination, *mask);
+    return blended ? WZ_STATUS_OK : WZ_STATUS_ERROR;
+}
+
+}  // namespace
+
+extern "C" {
+
+MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats *stats,
+                                                         const wzImage *image, const wzImage *mask,
+                                                         const uint32_t *cancel) {
+    std::memset(stats, 0, sizeof *stats);
+    if (!imageAndMaskFit(*image, mask)) return WZ_STATUS_ERROR;
+    if (!mask && image->type == wzType8U) return wzContrastEnhanceStatsRetrieve(stats, image, cancel);
+    uint64_t counts[256] = {};
+    const bool wide = image->type == wzType16U;
+    const int64_t counted = countBrightness(
+        *image, mask, counts, [wide](uint32_t b) { return wide ? level8Of16(b) : b; }, cancel);
+    if (counted < 0) return WZ_STATUS_CANCELLED;
+    storeHistogram(counts, stats->hist);
+    stats->total = static_cast<float>(counted);
+    return WZ_STATUS_OK;
+}
+
+MORVEN_API wzStatus wzContrastEnhanceFilterMasked(const wzContrastEnhanceParams *params,
+                                                  wzImage *source, const wzImage *statsMask,
+                                                  const wzImage *mask, wzImage *destination,
+                                                  const uint32_t *cancel) {
+    if (!imageAndMaskFit(*source, statsMask) ||
+        (mask && (mask->type != wzType8U || mask->encoding != wzEncodingGray)))
+        return WZ_STATUS_ERROR;
+    if (source->type == wzType16U) return filter16(*params, source, statsMask, mask, destination, cancel);
+    if (!statsMask) return wzContrastEnhanceFilter(params, source, mask, destination, cancel);
+    wzContrastEnhanceStats stats;
+    const wzStatus gathered = wzContrastEnhanceStatsRetrieveMasked(&stats, source, statsMask, cancel);
+    if (gathered != WZ_STATUS_OK) return gathered;
+    if (stats.total == 0.0f && int64_t{source->width} * source->height > 0)
+        return unchangedWhole(source, destination);
+    uint8_t curve[256];
+    wzContrastEnhanceAddParamsCompute(&stats, params, curve);
+    return applyCurveMasked(curve, source, mask, destination, cancel);
+}
+
+}  // extern "C"
