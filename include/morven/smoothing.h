@@ -82,6 +82,37 @@ MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
                                       const wzImage *guide, const wzImage *input, wzImage *output,
                                       const uint32_t *cancel);
 
+
+/* ======================================================================== */
+/* Extensions                                                               */
+/* ======================================================================== */
+
+/** Selective smoothing of 16-bit images: the rule of wzSelectiveSmooth on
+ *  the 16-bit scale, with no tables.
+ *
+ *  t = trunc(threshold * 65535) (a float product). For every unordered pair
+ *  of 8-connected neighbours p, q with guide difference d = |G(p) - G(q)|
+ *  below t and input difference e = |X(p) - X(q)| of at least 1, the pair is
+ *  accepted when e > 2d; each pixel then becomes (X(p) + the proposals
+ *  X(q) + G(p) - G(q) of its accepted neighbours) / (1 + their number),
+ *  truncated toward zero and clamped to 0..65535. Channels 1, 2, 3 (the one
+ *  channel of a gray image) are smoothed in turn, `iterations` passes each;
+ *  a fourth channel of the output is left as it was. Regions are ignored.
+ *
+ *  @param params threshold (a fraction of the full scale) and passes.
+ *  @param guide 16-bit guide of the input's size and layout.
+ *  @param input 16-bit input, gray or colour.
+ *  @param output 16-bit output of the input's size and layout; may be the
+ *         input.
+ *  @param cancel cancel flag read before every pass, or null.
+ *  @return 0 (t < 1, no passes or an image under 2 x 2 pixels: the input is
+ *          copied); 1 for images that are not 16-bit of one size and layout,
+ *          or when working memory cannot be allocated (nothing written); 2
+ *          when cancelled (finished channels stay written). */
+MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params,
+                                        const wzImage *guide, const wzImage *input,
+                                        wzImage *output, const uint32_t *cancel);
+
 MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_SMOOTHING_H */

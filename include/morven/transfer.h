@@ -149,8 +149,9 @@ MORVEN_API wzStatus wzMorvenSmooth(int32_t width, int32_t height, const uint8_t 
  *  same copies: matching by wzHistogramMatchFilterWithOptions (options
  *  choose the space, the source's statistics mask and a deep target),
  *  contrast by wzContrastEnhanceFilterMasked with the same statistics mask
- *  (so excluded pixels count in no statistics), selective smoothing (8-bit
- *  images only), and the blend under `mask`. With null options, or an
+ *  (so excluded pixels count in no statistics), selective smoothing
+ *  (wzSelectiveSmooth, or wzSelectiveSmooth16 for 16-bit images), and the
+ *  blend under `mask`. With null options, or an
  *  all-zero record, on 8-bit images the result is that of
  *  wzHistogramTransferFilter bit for bit.
  *
@@ -164,8 +165,8 @@ MORVEN_API wzStatus wzMorvenSmooth(int32_t width, int32_t height, const uint8_t 
  *         the source.
  *  @param cancel cancel flag handed to every stage, or null.
  *  @return 0; 1 for rejected arguments (see
- *          wzHistogramMatchFilterWithOptions; also smoothing of a 16-bit
- *          image, a 16-bit destination of another layout, and a statistics
+ *          wzHistogramMatchFilterWithOptions; also a 16-bit destination of
+ *          another layout, and a statistics
  *          mask with contrast on a source whose region is not the whole
  *          image) or an allocation failure; 2 when cancelled;
  *          WZ_STATUS_NO_PIXELS when there was nothing to measure (the

@@ -19,8 +19,7 @@ MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransf
     const wzHistogramMatchOptions &o = options ? *options : defaults;
     const bool wide = source->type == wzType16U;
     if (source->type != wzType8U && !wide) return WZ_STATUS_ERROR;
-    if (wide && (params->smoothEnabled || destination->encoding != source->encoding))
-        return WZ_STATUS_ERROR;
+    if (wide && destination->encoding != source->encoding) return WZ_STATUS_ERROR;
     // Contrast measures whole pictures: the statistics mask must cover one.
     if (o.statsMask && params->contrastEnabled &&
         (source->roi.x != 0 || source->roi.y != 0 || source->roi.width != source->width ||
@@ -56,8 +55,9 @@ MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransf
     }
     if (params->smoothEnabled) {
         const wzSelectiveSmoothParams smooth{params->smoothThreshold, params->smoothIterations};
-        status = wzSelectiveSmooth(&smooth, support->smoothSupport, untouched, destination,
-                                   destination, cancel);
+        status = wide ? wzSelectiveSmooth16(&smooth, untouched, destination, destination, cancel)
+                      : wzSelectiveSmooth(&smooth, support->smoothSupport, untouched, destination,
+                                          destination, cancel);
         if (status != WZ_STATUS_OK) return status;
     }
     if (mask) {
