@@ -232,6 +232,25 @@ typedef struct wzHistogramMatchOptions {
     const wzImageColorProfile16 *targetProfile16;
 } wzHistogramMatchOptions;
 
+/** Matching curves at 16-bit precision, channel by channel (or plane by
+ *  plane of a working space): the computed half of the extended matching
+ *  filter, for callers that gather statistics from many pieces of a picture
+ *  (tiles, chunks, a collection) and apply one mapping to every piece.
+ *
+ *  Index k serves channel k + 1 (blue, green, red) in wzSpaceChannels and
+ *  plane k + 1 (Y' or L*, Cb or a*, Cr or b*) in the other spaces, on the
+ *  0..65535 scale of wzImageColorProfile16. centre[k][u] is the level that
+ *  level u becomes; lower[k][u] and upper[k][u] are where u - 0.5 and
+ *  u + 0.5 go, so that working values between levels keep their place
+ *  inside their level's bin. About 2.4 MB. */
+typedef struct wzHistogramMatchCurves {
+    int32_t space;  /**< wzWorkingSpace the curves map in */
+    int32_t mapped; /**< bit k set: index k is mapped; the others pass unchanged */
+    float centre[3][WZ_PROFILE16_BINS];
+    float lower[3][WZ_PROFILE16_BINS];
+    float upper[3][WZ_PROFILE16_BINS];
+} wzHistogramMatchCurves;
+
 /** Creates a zero-filled deep profile (space wzSpaceChannels).
  *  @return the new profile (about 1.5 MB), or null when the allocation fails. */
 MORVEN_API wzImageColorProfile16 *wzImageColorProfile16Create(void);
@@ -267,6 +286,55 @@ MORVEN_API wzStatus wzImageFillColorProfileMasked(const wzImage *image, const wz
 MORVEN_API wzStatus wzImageFillColorProfile16(const wzImage *image, const wzImage *mask,
                                               wzWorkingSpace space,
                                               wzImageColorProfile16 *profile);
+
+/** Creates curves that map nothing (every level to itself).
+ *  @return the new record, or null when the allocation fails. */
+MORVEN_API wzHistogramMatchCurves *wzHistogramMatchCurvesCreate(void);
+
+/** Frees curves.
+ *  @param curves holder of the record; when it holds one, the record is
+ *         freed and the holder set to null. Null holders are ignored. */
+MORVEN_API void wzHistogramMatchCurvesRelease(wzHistogramMatchCurves **curves);
+
+/** Computes the curves that match a source distribution onto a target, at
+ *  16-bit precision (see wzHistogramMatchFilterWithOptions for the method
+ *  and the meaning of the parameters there).
+ *  @param source the source's deep profile; its space is the curves' space.
+ *  @param params strength, fidelity and maxStep; targetProfile is the 8-bit
+ *         target when target16 is null.
+ *  @param target16 the target as a deep profile of the same space (luma and
+ *         Y'CbCr profiles serve either), or null for params->targetProfile
+ *         (wzSpaceChannels only).
+ *  @param channels 3 to map every channel (plane), 1 to map the first only
+ *         (gray pictures); wzSpaceLuma maps the first only in any case.
+ *  @param curves the result, replaced.
+ *  @return 0; 1 for rejected arguments (the curves are then left as they
+ *          were); WZ_STATUS_NO_PIXELS when the source or the target
+ *          distribution of a channel to be mapped is empty (the curves are
+ *          then the identity, mapping nothing). */
+MORVEN_API wzStatus wzHistogramMatchCurvesCompute(const wzImageColorProfile16 *source,
+                                                  const wzHistogramMatchParams *params,
+                                                  const wzImageColorProfile16 *target16,
+                                                  int32_t channels,
+                                                  wzHistogramMatchCurves *curves);
+
+/** Applies curves from the source's region into the destination's region:
+ *  in wzSpaceChannels each mapped channel's sample v becomes centre[k][v]
+ *  (an 8-bit sample v: centre[k][257 v] / 257), rounded; in the other spaces
+ *  each pixel goes into the space, through the mapped planes' curves
+ *  (interpolated between levels) and back, clamped and rounded. A gray
+ *  picture uses index 0 only. A fourth destination channel is left as it
+ *  was.
+ *  @param curves the curves.
+ *  @param source 8-bit or 16-bit image.
+ *  @param destination of the source's type, gray if and only if the source
+ *         is, region at least the source's; may be the source.
+ *  @param cancel cancel flag read before every row, or null.
+ *  @return 0; 1 for rejected arguments or when the space's tables cannot be
+ *          allocated (nothing written); 2 when cancelled. */
+MORVEN_API wzStatus wzHistogramMatchCurvesApply(const wzHistogramMatchCurves *curves,
+                                                const wzImage *source, wzImage *destination,
+                                                const uint32_t *cancel);
 
 /** wzHistogramMatchStatsRetrieve over the pixels the mask selects.
  *  @param stats statistics record whose profile is replaced.

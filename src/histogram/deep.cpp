@@ -121,13 +121,13 @@ void smoothCurve(double *m, double *prefix, int32_t r) noexcept {
 
 }  // namespace
 
-bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scratch,
-                const Curve &curve) noexcept {
+bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scratch, float *centre,
+                float *lower, float *upper) noexcept {
     const double ns = total(source), nt = total(target);
     if (!(ns > 0.0) || !(nt > 0.0)) return false;
     double *m = scratch;
     double *work = scratch + kLevels;
-    matchLevels(source, target, nt == ns ? 1.0 : nt / ns, m, curve.lower, curve.upper);
+    matchLevels(source, target, nt == ns ? 1.0 : nt / ns, m, lower, upper);
     if (shape.maxStep <= 254) limitSlope(m, work, shape.maxStep < 0 ? 0.0 : shape.maxStep);
     if (shape.fidelity < 1.0f) {
         const int32_t r = smoothingRadius(shape.fidelity) * 257;
@@ -137,12 +137,12 @@ bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scrat
     const auto clamp = [](double v) { return static_cast<float>(v > 0.0 ? (v < kTop ? v : kTop) : 0.0); };
     for (int u = 0; u < kLevels; ++u) {
         const double c = s * m[u] + (1.0 - s) * u;
-        curve.centre[u] = clamp(c);
-        if (curve.lower) {
+        centre[u] = clamp(c);
+        if (lower) {
             // The bin's ends keep their offsets from the centre, blended with
             // the identity's (half a level each way) as the centre is.
-            curve.lower[u] = clamp(c + (s * curve.lower[u] - (1.0 - s) * 0.5));
-            curve.upper[u] = clamp(c + (s * curve.upper[u] + (1.0 - s) * 0.5));
+            lower[u] = clamp(c + (s * lower[u] - (1.0 - s) * 0.5));
+            upper[u] = clamp(c + (s * upper[u] + (1.0 - s) * 0.5));
         }
     }
     return true;

@@ -43,17 +43,18 @@ constexpr size_t kCurveScratch = 2 * kLevels;
 // place: matching a picture to its own distribution then changes nothing.
 // lower and upper are null where only whole levels are mapped.
 struct Curve {
-    float *centre;
-    float *lower;
-    float *upper;
+    const float *centre;
+    const float *lower;
+    const float *upper;
 };
 
-// Builds one channel's curve: the match of source onto target, then the
-// step limit and smoothing of the shape (on the whole levels; the bin ends
-// keep their offsets), then its strength. False, writing nothing, when
-// either distribution is empty.
-bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scratch,
-                const Curve &curve) noexcept;
+// Builds one channel's curve into centre, lower and upper (kLevels floats
+// each; lower and upper may be null): the match of source onto target, then
+// the step limit and smoothing of the shape (on the whole levels; the bin
+// ends keep their offsets), then its strength. False when either
+// distribution is empty.
+bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scratch, float *centre,
+                float *lower, float *upper) noexcept;
 
 // Adds the pixels of the image's region that the mask selects into
 // bins[2 - k] for channel k + 1 (k = 0 for a gray image, whose count goes

@@ -19,7 +19,6 @@ using namespace morven;
 namespace {
 
 constexpr int kLevels = deep::kLevels;
-using LevelBins = double[kLevels];
 
 bool knownSpace(int32_t space) { return space >= wzSpaceChannels && space <= wzSpaceLab; }
 
@@ -70,60 +69,85 @@ wzStatus unchanged(const wzImage *source, wzImage *destination) {
     return WZ_STATUS_NO_PIXELS;
 }
 
-// Memory of one deep match: source counts, curves, the curve scratch and a
-// row of working planes.
-struct DeepWork {
-    FreePtr<LevelBins> counts;  // [3]
-    FreePtr<float> arrays;      // 3 (or 9, with bin ends) * kLevels
-    deep::Curve curves[3] = {};
-    FreePtr<double> scratch;    // deep::kCurveScratch
-    FreePtr<float> planes;      // 3 * width
+// Working memory of computing curves and of walking rows in a space.
+struct CurveWork {
+    FreePtr<double> scratch;  // deep::kCurveScratch
+    FreePtr<float> planes;    // 3 * width + 1
     WorkingSpace space;
 
-    bool init(int32_t spaceCode, bool wide, int32_t width, bool needCounts) {
-        if (needCounts) counts.reset(static_cast<LevelBins *>(std::calloc(3, sizeof(LevelBins))));
-        // Working values fall between levels: their curves need bin ends.
-        const size_t per = spaceCode == wzSpaceChannels ? 1 : 3;
-        arrays.reset(static_cast<float *>(std::malloc(3 * per * kLevels * sizeof(float))));
-        for (int k = 0; arrays && k < 3; ++k) {
-            float *base = arrays.get() + static_cast<size_t>(k) * per * kLevels;
-            curves[k] = {base, per == 3 ? base + kLevels : nullptr, per == 3 ? base + 2 * kLevels : nullptr};
-        }
+    bool initCompute() {
         scratch.reset(static_cast<double *>(std::malloc(deep::kCurveScratch * sizeof(double))));
+        return scratch != nullptr;
+    }
+    bool initRows(int32_t spaceCode, bool wide, int32_t width) {
         planes.reset(static_cast<float *>(std::malloc((3 * static_cast<size_t>(width) + 1) * sizeof(float))));
-        return (counts || !needCounts) && arrays && scratch && planes &&
-               space.init(spaceCode == wzSpaceChannels ? wzSpaceYCbCr : spaceCode, wide);
+        return planes && space.init(spaceCode == wzSpaceChannels ? wzSpaceYCbCr : spaceCode, wide);
     }
 };
 
-// The 256 bins of an 8-bit profile array as doubles.
-void widen256(const float *bins, double *out) {
-    for (int i = 0; i < 256; ++i) out[i] = bins[i];
+void setIdentity(wzHistogramMatchCurves &c, int32_t space) {
+    c.space = space;
+    c.mapped = 0;
+    for (int k = 0; k < 3; ++k)
+        for (int u = 0; u < kLevels; ++u) {
+            c.centre[k][u] = static_cast<float>(u);
+            c.lower[k][u] = u > 0 ? u - 0.5f : 0.0f;
+            c.upper[k][u] = u < kLevels - 1 ? u + 0.5f : static_cast<float>(kLevels - 1);
+        }
 }
 
-// Runs the curves from source to destination, blending under the mask as
-// the matching filter does (in place with a mask, over a copy of the
-// source's region).
-wzStatus applyWithBlend(const deep::Curve *const curves[3], int32_t space, DeepWork &work, wzImage *source,
-                        const wzImage *mask, wzImage *destination, const uint32_t *cancel) {
-    if (space == wzSpaceChannels && source->type == wzType8U) {
+template <typename T>
+FreePtr<T> allocRecord() {
+    return FreePtr<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
+}
+
+// Counts the selected pixels of the image's region into a deep profile.
+wzStatus fillDeep(const wzImage &image, const wzImage *mask, int32_t space,
+                  wzImageColorProfile16 &profile, const uint32_t *cancel) {
+    std::memset(&profile, 0, sizeof profile);
+    profile.space = space;
+    CurveWork work;
+    if (!work.initRows(space, image.type == wzType16U, image.roi.width)) return WZ_STATUS_ERROR;
+    return deep::countLevels(image, mask, countingSpace(space), work.space, profile.bins,
+                             work.planes.get(), cancel);
+}
+
+// Applies a curves record from source to destination's region.
+wzStatus applyRecord(const wzHistogramMatchCurves &c, const wzImage &source, wzImage &destination,
+                     const uint32_t *cancel) {
+    const bool gray = source.encoding == wzEncodingGray;
+    deep::Curve views[3];
+    const deep::Curve *curves[3] = {nullptr, nullptr, nullptr};
+    for (int k = 0; k < (gray ? 1 : 3); ++k) {
+        if (!(c.mapped >> k & 1)) continue;
+        views[k] = deep::Curve{c.centre[k], c.lower[k], c.upper[k]};
+        curves[k] = &views[k];
+    }
+    if (c.space == wzSpaceChannels && source.type == wzType8U) {
         uint8_t table[768];
         deep::curvesToTable8(curves, table);
-        return applyTableMasked(table, source, mask, destination, cancel);
+        return wzHistogramMatchApply(nullptr, table, &source, &destination, cancel);
     }
+    CurveWork work;
+    if (!work.initRows(c.space, source.type == wzType16U, source.roi.width)) return WZ_STATUS_ERROR;
+    return deep::applyCurves(curves, c.space, work.space, source, destination, work.planes.get(), cancel);
+}
+
+// Applies curves and blends with the unmatched values under the mask as the
+// matching filter does (in place with a mask, from a copy of the region).
+wzStatus applyBlended(const wzHistogramMatchCurves &c, wzImage *source, const wzImage *mask,
+                      wzImage *destination, const uint32_t *cancel) {
     if (mask && source == destination) {
         wzImage *copy = wzImageCreateWithType(source->roi.width, source->roi.height,
                                               source->encoding, source->type);
         if (!copy) return WZ_STATUS_ERROR;
         ScopeGuard release([&] { wzImageRelease(&copy); });
         wzCopy(source, copy);
-        wzStatus status = deep::applyCurves(curves, space, work.space, *copy, *source,
-                                            work.planes.get(), cancel);
+        wzStatus status = applyRecord(c, *copy, *source, cancel);
         if (status == WZ_STATUS_OK) status = blendMaskedAny(*copy, *source, *source, *mask);
         return status;
     }
-    wzStatus status = deep::applyCurves(curves, space, work.space, *source, *destination,
-                                        work.planes.get(), cancel);
+    wzStatus status = applyRecord(c, *source, *destination, cancel);
     if (status == WZ_STATUS_OK && mask) status = blendMaskedAny(*source, *destination, *destination, *mask);
     return status;
 }
@@ -141,6 +165,13 @@ bool blendMaskFits(const wzImage *mask, const wzImage &source) {
     return statsMaskFits(mask, source.roi.width, source.roi.height);
 }
 
+// A deep target that serves a space, or else an 8-bit one in channels.
+bool targetServes(const wzImageColorProfile16 *target16, const wzHistogramMatchParams &params,
+                  int32_t space) {
+    return target16 ? countingSpace(target16->space) == countingSpace(space)
+                    : params.targetProfile && space == wzSpaceChannels;
+}
+
 }  // namespace
 
 extern "C" {
@@ -153,6 +184,18 @@ MORVEN_API void wzImageColorProfile16Release(wzImageColorProfile16 **profile) {
     if (!profile || !*profile) return;
     std::free(*profile);
     *profile = nullptr;
+}
+
+MORVEN_API wzHistogramMatchCurves *wzHistogramMatchCurvesCreate(void) {
+    auto *curves = static_cast<wzHistogramMatchCurves *>(std::malloc(sizeof(wzHistogramMatchCurves)));
+    if (curves) setIdentity(*curves, wzSpaceChannels);
+    return curves;
+}
+
+MORVEN_API void wzHistogramMatchCurvesRelease(wzHistogramMatchCurves **curves) {
+    if (!curves || !*curves) return;
+    std::free(*curves);
+    *curves = nullptr;
 }
 
 MORVEN_API wzStatus wzImageFillColorProfileMasked(const wzImage *image, const wzImage *mask,
@@ -171,18 +214,51 @@ MORVEN_API wzStatus wzImageFillColorProfile16(const wzImage *image, const wzImag
     if (!isDeepCapable(*image) || !knownSpace(space) ||
         !statsMaskFits(mask, image->roi.width, image->roi.height))
         return WZ_STATUS_ERROR;
-    profile->space = space;
-    WorkingSpace ws;
-    const size_t n = static_cast<size_t>(image->roi.width);
-    FreePtr<float> planes(static_cast<float *>(std::malloc((3 * n + 1) * sizeof(float))));
-    if (!planes || !ws.init(space == wzSpaceChannels ? wzSpaceYCbCr : space, image->type == wzType16U))
-        return WZ_STATUS_ERROR;
-    return deep::countLevels(*image, mask, countingSpace(space), ws, profile->bins, planes.get(), nullptr);
+    return fillDeep(*image, mask, space, *profile, nullptr);
 }
 
 MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *stats,
                                                         const wzImage *image, const wzImage *mask) {
     return wzImageFillColorProfileMasked(image, mask, stats->profile);
+}
+
+MORVEN_API wzStatus wzHistogramMatchCurvesCompute(const wzImageColorProfile16 *source,
+                                                  const wzHistogramMatchParams *params,
+                                                  const wzImageColorProfile16 *target16,
+                                                  int32_t channels, wzHistogramMatchCurves *curves) {
+    const int32_t space = source->space;
+    if (!knownSpace(space) || !targetServes(target16, *params, space) || (channels != 1 && channels != 3))
+        return WZ_STATUS_ERROR;
+    CurveWork work;
+    if (!work.initCompute()) return WZ_STATUS_ERROR;
+    const deep::CurveShape shape{params->strength, params->fidelity, params->maxStep};
+    const int matched = channels == 1 || space == wzSpaceLuma ? 1 : 3;
+    setIdentity(*curves, space);
+    for (int k = 0; k < matched; ++k) {
+        const int a = 2 - k;  // profile array of channel (or plane) k + 1
+        double t8[256];
+        deep::Bins target{t8, 256};
+        if (target16) {
+            target = deep::Bins{target16->bins[a], kLevels};
+        } else {
+            for (int v = 0; v < 256; ++v) t8[v] = params->targetProfile->bins[a][v];
+        }
+        const deep::Bins from{source->bins[a], kLevels};
+        if (!deep::buildCurve(from, target, shape, work.scratch.get(), curves->centre[k],
+                              curves->lower[k], curves->upper[k])) {
+            setIdentity(*curves, space);
+            return WZ_STATUS_NO_PIXELS;
+        }
+    }
+    curves->mapped = (1 << matched) - 1;
+    return WZ_STATUS_OK;
+}
+
+MORVEN_API wzStatus wzHistogramMatchCurvesApply(const wzHistogramMatchCurves *curves,
+                                                const wzImage *source, wzImage *destination,
+                                                const uint32_t *cancel) {
+    if (!pairFits(*source, *destination) || !knownSpace(curves->space)) return WZ_STATUS_ERROR;
+    return applyRecord(*curves, *source, *destination, cancel);
 }
 
 MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchParams *params,
@@ -191,19 +267,13 @@ MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchPara
                                                       wzImage *destination, const uint32_t *cancel) {
     const wzHistogramMatchOptions defaults{};
     const wzHistogramMatchOptions &o = options ? *options : defaults;
-    const wzImageColorProfile16 *deepTarget = o.targetProfile16;
-    const int32_t roiW = source->roi.width, roiH = source->roi.height;
     if (!pairFits(*source, *destination) || !knownSpace(o.space) ||
-        !statsMaskFits(o.statsMask, roiW, roiH) || !blendMaskFits(mask, *source))
+        !statsMaskFits(o.statsMask, source->roi.width, source->roi.height) ||
+        !blendMaskFits(mask, *source) || !targetServes(o.targetProfile16, *params, o.space))
         return WZ_STATUS_ERROR;
-    if (deepTarget ? countingSpace(deepTarget->space) != countingSpace(o.space)
-                   : (!params->targetProfile || o.space != wzSpaceChannels))
-        return WZ_STATUS_ERROR;
-    const bool wide = source->type == wzType16U;
-    const bool gray = source->encoding == wzEncodingGray;
 
     // 8-bit channels against an 8-bit target: the core computation.
-    if (!wide && !deepTarget && o.space == wzSpaceChannels) {
+    if (source->type == wzType8U && !o.targetProfile16 && o.space == wzSpaceChannels) {
         wzImageColorProfile profile;
         wzHistogramMatchStats stats{&profile};
         wzImageFillColorProfileMasked(source, o.statsMask, &profile);
@@ -215,48 +285,34 @@ MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchPara
         return applyTableMasked(table, source, mask, destination, cancel);
     }
 
-    // Everything else at 16-bit precision. Source statistics: the 8-bit
-    // profile for 8-bit channels, else counts of every level.
-    const bool count8 = !wide && o.space == wzSpaceChannels;
-    DeepWork work;
-    if (!work.init(o.space, wide, roiW, !count8)) return WZ_STATUS_ERROR;
-    wzImageColorProfile profile8;
-    if (count8) {
-        wzImageFillColorProfileMasked(source, o.statsMask, &profile8);
-    } else {
-        const wzStatus counted = deep::countLevels(*source, o.statsMask, countingSpace(o.space),
-                                                   work.space, work.counts.get(),
-                                                   work.planes.get(), cancel);
-        if (counted != WZ_STATUS_OK) return counted;
+    // Everything else at 16-bit precision.
+    FreePtr<wzImageColorProfile16> profile = allocRecord<wzImageColorProfile16>();
+    FreePtr<wzHistogramMatchCurves> curves(static_cast<wzHistogramMatchCurves *>(
+        std::malloc(sizeof(wzHistogramMatchCurves))));
+    if (!profile || !curves) return WZ_STATUS_ERROR;
+    wzStatus status = fillDeep(*source, o.statsMask, o.space, *profile, cancel);
+    if (status != WZ_STATUS_OK) return status;
+    status = wzHistogramMatchCurvesCompute(profile.get(), params, o.targetProfile16,
+                                           source->encoding == wzEncodingGray ? 1 : 3, curves.get());
+    profile.reset();
+    if (status == WZ_STATUS_NO_PIXELS)
+        return regionEmpty(*source) ? WZ_STATUS_OK : unchanged(source, destination);
+    if (status != WZ_STATUS_OK) return status;
+    if (o.space == wzSpaceChannels && source->type == wzType8U) {
+        uint8_t table[768];
+        const deep::Curve views[3] = {{curves->centre[0], nullptr, nullptr},
+                                      {curves->centre[1], nullptr, nullptr},
+                                      {curves->centre[2], nullptr, nullptr}};
+        const deep::Curve *mapped[3] = {&views[0], &views[1], &views[2]};
+        deep::curvesToTable8(mapped, table);
+        curves.reset();
+        return applyTableMasked(table, source, mask, destination, cancel);
     }
-    const deep::CurveShape shape{params->strength, params->fidelity, params->maxStep};
-    const int matched = gray || o.space == wzSpaceLuma ? 1 : 3;
-    const deep::Curve *curves[3] = {nullptr, nullptr, nullptr};
-    for (int k = 0; k < matched; ++k) {
-        const int a = 2 - k;  // profile array of channel (or plane) k + 1
-        double s8[256], t8[256];
-        deep::Bins src{work.counts ? work.counts.get()[a] : s8, kLevels};
-        if (count8) {
-            widen256(profile8.bins[a], s8);
-            src.size = 256;
-        }
-        deep::Bins tgt{deepTarget ? deepTarget->bins[a] : t8, kLevels};
-        if (!deepTarget) {
-            widen256(params->targetProfile->bins[a], t8);
-            tgt.size = 256;
-        }
-        if (!deep::buildCurve(src, tgt, shape, work.scratch.get(), work.curves[k])) {
-            if (regionEmpty(*source)) return WZ_STATUS_OK;
-            return unchanged(source, destination);
-        }
-        curves[k] = &work.curves[k];
-    }
-    return applyWithBlend(curves, o.space, work, source, mask, destination, cancel);
+    return applyBlended(*curves, source, mask, destination, cancel);
 }
 
 MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const wzImage *statsMask,
                                                   wzImage *destination) {
-    wzImage *src = const_cast<wzImage *>(source);  // only read: no blend mask is given
     if (!pairFits(*source, *destination) ||
         !statsMaskFits(statsMask, source->roi.width, source->roi.height))
         return WZ_STATUS_ERROR;
@@ -275,14 +331,14 @@ MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const w
         return WZ_STATUS_OK;
     }
     // 16-bit: a match to the flat distribution over every level.
-    wzImageColorProfile16 *flat = wzImageColorProfile16Create();
+    FreePtr<wzImageColorProfile16> flat = allocRecord<wzImageColorProfile16>();
     if (!flat) return WZ_STATUS_ERROR;
-    ScopeGuard release([&] { wzImageColorProfile16Release(&flat); });
     for (auto &array : flat->bins)
         for (double &bin : array) bin = 1.0;
     wzImageColorProfile unused{};
     const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &unused};
-    const wzHistogramMatchOptions options{wzSpaceChannels, 0, statsMask, flat};
+    const wzHistogramMatchOptions options{wzSpaceChannels, 0, statsMask, flat.get()};
+    wzImage *src = const_cast<wzImage *>(source);  // only read: no blend mask is given
     return wzHistogramMatchFilterWithOptions(&params, &options, src, nullptr, destination, nullptr);
 }
 
@@ -326,25 +382,24 @@ MORVEN_API wzStatus wzHistogramStretchMasked(const wzImage *source, const wzImag
         }
     }
     if (!any) return unchanged(source, destination);
-    DeepWork work;
-    if (!work.init(wzSpaceChannels, true, cols, false)) return WZ_STATUS_ERROR;
-    const deep::Curve *curves[3] = {nullptr, nullptr, nullptr};
+    FreePtr<wzHistogramMatchCurves> curves(static_cast<wzHistogramMatchCurves *>(
+        std::malloc(sizeof(wzHistogramMatchCurves))));
+    if (!curves) return WZ_STATUS_ERROR;
+    setIdentity(*curves, wzSpaceChannels);
     for (int k = 0; k < channels; ++k) {
         if (lo[k] == hi[k]) continue;  // a single value: that channel stays as it is
-        float *curve = work.curves[k].centre;
         const double scale = 65535.0 / (hi[k] - lo[k]);
         for (uint32_t v = 0; v < static_cast<uint32_t>(kLevels); ++v)
-            curve[v] = v < lo[k] ? 0.0f
-                     : v >= hi[k] ? 65535.0f
-                                  : static_cast<float>(static_cast<uint32_t>(scale * (v - lo[k])));
-        curves[k] = &work.curves[k];
+            curves->centre[k][v] = v < lo[k] ? 0.0f
+                                 : v >= hi[k] ? 65535.0f
+                                              : static_cast<float>(static_cast<uint32_t>(scale * (v - lo[k])));
+        curves->mapped |= 1 << k;
     }
-    if (!curves[0] && !curves[1] && !curves[2]) {
+    if (!curves->mapped) {
         wzCopy(source, destination);
         return WZ_STATUS_ERROR;
     }
-    return deep::applyCurves(curves, wzSpaceChannels, work.space, *source, *destination,
-                             work.planes.get(), nullptr);
+    return applyRecord(*curves, *source, *destination, nullptr);
 }
 
 }  // extern "C"
