@@ -171,6 +171,52 @@ MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats 
                                                          const wzImage *mask,
                                                          const uint32_t *cancel);
 
+/** Brightness histogram of a 16-bit image at full resolution: hist[b]
+ *  counts the selected pixels whose brightness (the largest of channels
+ *  1..3) is b, as exact whole numbers; total is their number. */
+typedef struct wzContrastEnhanceStats16 {
+    double hist[65536];
+    double total;
+} wzContrastEnhanceStats16;
+
+/** Fills a full-resolution brightness histogram over the whole image
+ *  (regions are ignored), counting the pixels the mask selects.
+ *  @param stats the record, replaced.
+ *  @param image 16-bit image (an 8-bit image counts brightness b at 257 b).
+ *  @param mask statistics mask of the image's size, or null.
+ *  @param cancel cancel flag read before every row, or null.
+ *  @return 0; 1 for an image that is not 8-bit or 16-bit, an encoding above
+ *          4, or a mask that does not fit (the record is then cleared); 2
+ *          when cancelled. */
+MORVEN_API wzStatus wzContrastEnhanceStatsRetrieve16(wzContrastEnhanceStats16 *stats,
+                                                     const wzImage *image, const wzImage *mask,
+                                                     const uint32_t *cancel);
+
+/** The 16-bit tone curve of wzContrastEnhanceFilterMasked: the levels low
+ *  and high by the rule of wzContrastEnhanceAddParamsCompute applied to the
+ *  65536 bins in double precision (manual levels scaled by 257), then
+ *  curve[v] = trunc((v - low) * (65535.0 / (high - low))) clamped to
+ *  0..65535 (high = low: 0 at or below low, 65535 above).
+ *  @param stats brightness histogram (hist and total).
+ *  @param params tails or manual levels.
+ *  @param curve the 65536 entries, written. */
+MORVEN_API void wzContrastEnhanceAddParamsCompute16(const wzContrastEnhanceStats16 *stats,
+                                                    const wzContrastEnhanceParams *params,
+                                                    uint16_t curve[65536]);
+
+/** Applies a 16-bit tone curve to channels 1..3 (the one channel of a gray
+ *  image) of the whole source into the same positions of the destination;
+ *  a fourth channel is left as it was.
+ *  @param curve the 65536-entry curve.
+ *  @param source 16-bit image.
+ *  @param destination 16-bit image of the source's size and encoding; may
+ *         be the source.
+ *  @param cancel cancel flag read before every row, or null.
+ *  @return 0; 1 for images that do not fit (nothing written); 2 when
+ *          cancelled. */
+MORVEN_API wzStatus wzContrastEnhanceApply16(const uint16_t curve[65536], const wzImage *source,
+                                             wzImage *destination, const uint32_t *cancel);
+
 /** wzContrastEnhanceFilter with the levels measured under a statistics mask,
  *  for 8-bit and 16-bit images; the curve is applied to every pixel.
  *  8-bit images: the design's curve from the masked statistics (bit for bit

@@ -24,11 +24,11 @@ bool imageAndMaskFit(const wzImage &image, const wzImage *mask) {
            image.width >= 0 && image.height >= 0 && statsMaskFits(mask, image.width, image.height);
 }
 
-// Counts the brightness (the largest of channels 1..3) of the selected
-// pixels of the whole image, each brightness b in bins[bin(b)]; returns the
-// number counted, or -1 when cancelled (the flag is read before every row).
-template <typename Bin>
-int64_t countBrightness(const wzImage &image, const wzImage *mask, uint64_t *bins, Bin bin,
+// Hands the brightness (the largest of channels 1..3) of every selected
+// pixel of the whole image to count(b); returns the number of pixels, or -1
+// when cancelled (the flag is read before every row).
+template <typename Count>
+int64_t countBrightness(const wzImage &image, const wzImage *mask, Count count,
                         const uint32_t *cancel) {
     const bool wide = image.type == wzType16U;
     const ChannelBytes o = channelBytes(image);
@@ -46,7 +46,7 @@ int64_t countBrightness(const wzImage &image, const wzImage *mask, uint64_t *bin
                 const uint32_t v = sampleAt(p + o.c[k], wide, 0);
                 b = v > b ? v : b;
             }
-            ++bins[bin(b)];
+            count(b);
             ++counted;
         }
     }
@@ -72,8 +72,8 @@ void storeHistogram(const uint64_t *counts, float *hist) {
 
 // The levels of the 16-bit stretch: the rule of the 8-bit curve on 65536
 // bins, in double precision.
-void levels16(const wzContrastEnhanceParams &params, const uint64_t *bins, double total,
-              int32_t &low, int32_t &high) {
+void levels16(const wzContrastEnhanceParams &params, const double *bins, double total, int32_t &low,
+              int32_t &high) {
     if (params.manual) {
         low = params.manualLow * 257;
         high = params.manualHigh * 257;
@@ -84,7 +84,7 @@ void levels16(const wzContrastEnhanceParams &params, const uint64_t *bins, doubl
     double sum = 0.0;
     low = kLevels - 1;
     for (int k = 0; k < kLevels - 1; ++k) {
-        sum += static_cast<double>(bins[k]);
+        sum += bins[k];
         if (sum > lowCount) {
             low = k;
             break;
@@ -93,7 +93,7 @@ void levels16(const wzContrastEnhanceParams &params, const uint64_t *bins, doubl
     sum = 0.0;
     high = 0;
     for (int k = kLevels - 1; k >= 1; --k) {
-        sum += static_cast<double>(bins[k]);
+        sum += bins[k];
         if (sum > highCount) {
             high = k;
             break;
@@ -101,43 +101,21 @@ void levels16(const wzContrastEnhanceParams &params, const uint64_t *bins, doubl
     }
 }
 
-// Applies the 16-bit levels to channels 1..3 of the whole image.
-void applyLevels16(const uint16_t *curve, const wzImage &source, wzImage &destination) {
-    const ChannelBytes o = channelBytes(source);
-    const int channels = source.encoding == wzEncodingGray ? 1 : 3;
-    const ptrdiff_t step = pixelStride(source);
-    const int64_t pixels = int64_t{source.width} * source.height;
-    const uint8_t *s = source.data;
-    uint8_t *d = destination.data;
-    for (int64_t i = 0; i < pixels; ++i, s += step, d += step)
-        for (int k = 0; k < channels; ++k)
-            storeRaw<uint16_t>(d + o.c[k], curve[loadElement<uint16_t>(s + o.c[k])]);
-}
-
 wzStatus filter16(const wzContrastEnhanceParams &params, wzImage *source, const wzImage *statsMask,
                   const wzImage *mask, wzImage *destination, const uint32_t *cancel) {
     if (destination->type != wzType16U || destination->encoding != source->encoding ||
         destination->width != source->width || destination->height != source->height)
         return WZ_STATUS_ERROR;
-    FreePtr<uint64_t> bins(static_cast<uint64_t *>(std::calloc(kLevels, sizeof(uint64_t))));
+    FreePtr<wzContrastEnhanceStats16> stats(
+        static_cast<wzContrastEnhanceStats16 *>(std::malloc(sizeof(wzContrastEnhanceStats16))));
     FreePtr<uint16_t> curve(static_cast<uint16_t *>(std::malloc(kLevels * sizeof(uint16_t))));
-    if (!bins || !curve) return WZ_STATUS_ERROR;
-    const int64_t counted = countBrightness(*source, statsMask, bins.get(), [](uint32_t b) { return b; }, cancel);
-    if (counted < 0) return WZ_STATUS_CANCELLED;
-    if (counted == 0 && int64_t{source->width} * source->height > 0)
+    if (!stats || !curve) return WZ_STATUS_ERROR;
+    const wzStatus gathered = wzContrastEnhanceStatsRetrieve16(stats.get(), source, statsMask, cancel);
+    if (gathered != WZ_STATUS_OK) return gathered;
+    if (stats->total == 0.0 && int64_t{source->width} * source->height > 0)
         return unchangedWhole(source, destination);
-    int32_t low = 0, high = 0;
-    levels16(params, bins.get(), static_cast<double>(counted), low, high);
-    const double scale = 65535.0 / (high - low);
-    for (int32_t v = 0; v < kLevels; ++v) {
-        double level;
-        if (high == low)
-            level = v > low ? 65535.0 : 0.0;
-        else
-            level = (v - low) * scale;
-        level = level > 0.0 ? (level < 65535.0 ? level : 65535.0) : 0.0;
-        curve.get()[v] = static_cast<uint16_t>(level);
-    }
+    wzContrastEnhanceAddParamsCompute16(stats.get(), &params, curve.get());
+    stats.reset();
     wzImage *copy = nullptr;
     ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
     if (mask && source == destination) {
@@ -146,9 +124,8 @@ wzStatus filter16(const wzContrastEnhanceParams &params, wzImage *source, const 
         wzImageSetROI(copy, &source->roi);
         wzCopy(source, copy);
     }
-    if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-    applyLevels16(curve.get(), *source, *destination);
-    if (!mask) return WZ_STATUS_OK;
+    const wzStatus applied = wzContrastEnhanceApply16(curve.get(), source, destination, cancel);
+    if (applied != WZ_STATUS_OK || !mask) return applied;
     const bool blended = copy ? blendMasked16(*copy, *source, *source, *mask)
                               : blendMasked16(*source, *destination, *destination, *mask);
     return blended ? WZ_STATUS_OK : WZ_STATUS_ERROR;
@@ -167,10 +144,60 @@ MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats 
     uint64_t counts[256] = {};
     const bool wide = image->type == wzType16U;
     const int64_t counted = countBrightness(
-        *image, mask, counts, [wide](uint32_t b) { return wide ? level8Of16(b) : b; }, cancel);
+        *image, mask, [&counts, wide](uint32_t b) { ++counts[wide ? level8Of16(b) : b]; }, cancel);
     if (counted < 0) return WZ_STATUS_CANCELLED;
     storeHistogram(counts, stats->hist);
     stats->total = static_cast<float>(counted);
+    return WZ_STATUS_OK;
+}
+
+MORVEN_API wzStatus wzContrastEnhanceStatsRetrieve16(wzContrastEnhanceStats16 *stats,
+                                                     const wzImage *image, const wzImage *mask,
+                                                     const uint32_t *cancel) {
+    std::memset(stats, 0, sizeof *stats);
+    if (!imageAndMaskFit(*image, mask)) return WZ_STATUS_ERROR;
+    const uint32_t scale = image->type == wzType16U ? 1 : 257;
+    // Counted straight into the doubles: whole numbers stay exact to 2^53.
+    double *hist = stats->hist;
+    const int64_t counted = countBrightness(
+        *image, mask, [hist, scale](uint32_t b) { hist[b * scale] += 1.0; }, cancel);
+    if (counted < 0) return WZ_STATUS_CANCELLED;
+    stats->total = static_cast<double>(counted);
+    return WZ_STATUS_OK;
+}
+
+MORVEN_API void wzContrastEnhanceAddParamsCompute16(const wzContrastEnhanceStats16 *stats,
+                                                    const wzContrastEnhanceParams *params,
+                                                    uint16_t curve[65536]) {
+    int32_t low = 0, high = 0;
+    levels16(*params, stats->hist, stats->total, low, high);
+    const double scale = 65535.0 / (high - low);
+    for (int32_t v = 0; v < kLevels; ++v) {
+        double level = high == low ? (v > low ? 65535.0 : 0.0) : (v - low) * scale;
+        level = level > 0.0 ? (level < 65535.0 ? level : 65535.0) : 0.0;
+        curve[v] = static_cast<uint16_t>(level);
+    }
+}
+
+MORVEN_API wzStatus wzContrastEnhanceApply16(const uint16_t curve[65536], const wzImage *source,
+                                             wzImage *destination, const uint32_t *cancel) {
+    if (source->type != wzType16U || !isValidEncoding(source->encoding) ||
+        destination->type != wzType16U || destination->encoding != source->encoding ||
+        destination->width != source->width || destination->height != source->height ||
+        source->width < 0 || source->height < 0)
+        return WZ_STATUS_ERROR;
+    const ChannelBytes o = channelBytes(*source);
+    const int channels = source->encoding == wzEncodingGray ? 1 : 3;
+    const ptrdiff_t step = pixelStride(*source);
+    const ptrdiff_t row = step * source->width;
+    for (int32_t y = 0; y < source->height; ++y) {
+        if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+        const uint8_t *s = source->data + y * row;
+        uint8_t *d = destination->data + y * row;
+        for (int32_t x = 0; x < source->width; ++x, s += step, d += step)
+            for (int k = 0; k < channels; ++k)
+                storeRaw<uint16_t>(d + o.c[k], curve[loadElement<uint16_t>(s + o.c[k])]);
+    }
     return WZ_STATUS_OK;
 }
 
