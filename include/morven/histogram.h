@@ -365,8 +365,9 @@ MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *s
  *  16-bit scale: maxStep (0..254) bounds the slope of the curve (its rise
  *  over one 8-bit step is at most maxStep 8-bit steps), fidelity smooths it
  *  over 257 * trunc((1 - fidelity) * 50) levels with the weight rising
- *  toward the bright end, strength blends it with the identity; mode is not
- *  used. The result is rounded to the nearest level. In a luma/chroma space
+ *  toward the bright end (for the chroma planes Cb, Cr, a*, b*: rising from
+ *  neutral toward either end, so that near-neutral colours keep their exact
+ *  match), strength blends it with the identity; mode is not used. The result is rounded to the nearest level. In a luma/chroma space
  *  or Lab the pixels go into the space, through the curves and back, row by
  *  row (wzSpaceLuma maps only Y'); results outside the picture's range are
  *  clamped. A gray picture in any space other than channels is matched by

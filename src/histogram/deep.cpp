@@ -101,9 +101,11 @@ void limitSlope(double *m, double *down, double s) noexcept {
 
 // The fidelity smoothing of the 8-bit table on the 16-bit scale: a moving
 // average of radius r levels (shortened at the ends), made non-decreasing,
-// blended in with weight u / 65535. The window sums come from prefix sums of
-// the unsmoothed curve, so the curve can be overwritten as the pass goes.
-void smoothCurve(double *m, double *prefix, int32_t r) noexcept {
+// blended in with weight u / 65535 (for a chroma plane, with a weight that
+// grows from 0 at neutral to 1 at either end). The window sums come from
+// prefix sums of the unsmoothed curve, so the curve can be overwritten as the
+// pass goes.
+void smoothCurve(double *m, double *prefix, int32_t r, bool chroma) noexcept {
     prefix[0] = 0.0;  // prefix[i] = m[0] + ... + m[i - 1]
     for (int i = 1; i < kLevels; ++i) prefix[i] = prefix[i - 1] + m[i - 1];
     const double all = prefix[kLevels - 1] + m[kLevels - 1];
@@ -114,7 +116,7 @@ void smoothCurve(double *m, double *prefix, int32_t r) noexcept {
         const double upper = hi + 1 < kLevels ? prefix[hi + 1] : all;
         const double mean = (upper - prefix[lo]) / (hi - lo + 1);
         runningMax = i == 0 || mean > runningMax ? mean : runningMax;
-        const double w = i / kTop;
+        const double w = chroma ? (i > kTop / 2 ? i - kTop / 2 : kTop / 2 - i) / (kTop / 2) : i / kTop;
         m[i] = m[i] * (1.0 - w) + runningMax * w;
     }
 }
@@ -131,7 +133,7 @@ bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scrat
     if (shape.maxStep <= 254) limitSlope(m, work, shape.maxStep < 0 ? 0.0 : shape.maxStep);
     if (shape.fidelity < 1.0f) {
         const int32_t r = smoothingRadius(shape.fidelity) * 257;
-        if (r > 0) smoothCurve(m, work, r);
+        if (r > 0) smoothCurve(m, work, r, shape.chroma);
     }
     const double s = shape.strength < 1.0f ? shape.strength : 1.0;
     const auto clamp = [](double v) { return static_cast<float>(v > 0.0 ? (v < kTop ? v : kTop) : 0.0); };

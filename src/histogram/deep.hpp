@@ -31,6 +31,7 @@ struct CurveShape {
     float strength;
     float fidelity;
     int32_t maxStep;
+    bool chroma;  // a chroma plane: smoothing weighs away from neutral, not toward white
 };
 
 // Scratch memory of buildCurve: 2 * kLevels doubles.

@@ -231,7 +231,6 @@ MORVEN_API wzStatus wzHistogramMatchCurvesCompute(const wzImageColorProfile16 *s
         return WZ_STATUS_ERROR;
     CurveWork work;
     if (!work.initCompute()) return WZ_STATUS_ERROR;
-    const deep::CurveShape shape{params->strength, params->fidelity, params->maxStep};
     const int matched = channels == 1 || space == wzSpaceLuma ? 1 : 3;
     setIdentity(*curves, space);
     for (int k = 0; k < matched; ++k) {
@@ -244,6 +243,8 @@ MORVEN_API wzStatus wzHistogramMatchCurvesCompute(const wzImageColorProfile16 *s
             for (int v = 0; v < 256; ++v) t8[v] = params->targetProfile->bins[a][v];
         }
         const deep::Bins from{source->bins[a], kLevels};
+        const deep::CurveShape shape{params->strength, params->fidelity, params->maxStep,
+                                     space != wzSpaceChannels && k > 0};
         if (!deep::buildCurve(from, target, shape, work.scratch.get(), curves->centre[k],
                               curves->lower[k], curves->upper[k])) {
             setIdentity(*curves, space);
