@@ -176,7 +176,7 @@ wzStatus countLevels(const wzImage &image, const wzImage *mask, int32_t space,
             continue;
         }
         ws.forward(c.p, layout, n, planes);
-        for (int k = 0; k < channels; ++k) {
+        for (int k = 0; k < 3; ++k) {  // a gray pixel has the chroma of gray
             double *out = bins[2 - k];
             const float *w = planes[k];
             for (int32_t x = 0; x < cols; ++x) {
@@ -187,7 +187,7 @@ wzStatus countLevels(const wzImage &image, const wzImage *mask, int32_t space,
             }
         }
     }
-    if (channels == 1) {
+    if (channels == 1 && space == wzSpaceChannels) {
         std::memcpy(bins[1], bins[2], sizeof bins[2]);
         std::memcpy(bins[0], bins[2], sizeof bins[2]);
     }

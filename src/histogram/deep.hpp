@@ -58,10 +58,10 @@ bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scrat
                 float *lower, float *upper) noexcept;
 
 // Adds the pixels of the image's region that the mask selects into
-// bins[2 - k] for channel k + 1 (k = 0 for a gray image, whose count goes
-// into all three arrays): in wzSpaceChannels the samples themselves (an
-// 8-bit sample v at 257 v), otherwise their working values rounded to the
-// nearest level. The image is 8- or 16-bit; `ws` is prepared for `space`.
+// bins[2 - k] for channel (plane) k + 1: in wzSpaceChannels the samples
+// themselves (an 8-bit sample v at 257 v; a gray image's one channel goes
+// into all three arrays), otherwise their working values rounded to the
+// nearest level (a gray image has the chroma of gray). The image is 8- or 16-bit; `ws` is prepared for `space`.
 // Returns 0, or 2 when cancelled (read before every row).
 wzStatus countLevels(const wzImage &image, const wzImage *mask, int32_t space,
                      const WorkingSpace &ws, double (*bins)[kLevels], float *rowPlanes,
