@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         fuzz::checkRoundTrip(data + start, size_t(end - start), saved, 16, 20);
 
         // Whole-block operations (regions are not checked against the image
-        // size by design, so region-aware ones are left out).
+        // size on purpose, so region-aware ones are left out).
         wzImage *wide = wzImageCreateWithType(image->width, image->height, image->encoding, wzType64F);
         FUZZ_CHECK(wide != nullptr);
         FUZZ_CHECK(wzImageCvtType(image, wide) == 0);

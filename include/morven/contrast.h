@@ -219,8 +219,9 @@ MORVEN_API wzStatus wzContrastEnhanceApply16(const uint16_t curve[65536], const 
 
 /** wzContrastEnhanceFilter with the levels measured under a statistics mask,
  *  for 8-bit and 16-bit images; the curve is applied to every pixel.
- *  8-bit images: the design's curve from the masked statistics (bit for bit
- *  the design's result with no statistics mask). 16-bit images: the same
+ *  8-bit images: the curve of wzContrastEnhanceAddParamsCompute from the masked
+ *  statistics (bit for bit wzContrastEnhanceFilter's result with no
+ *  statistics mask). 16-bit images: the same
  *  rule on a 65536-bin brightness histogram, so the levels low and high are
  *  16-bit levels (manual levels are 8-bit and scaled by 257), and a value v
  *  becomes trunc((v - low) * (65535.0 / (high - low))) in double precision,

@@ -214,7 +214,8 @@ typedef struct wzImageColorProfile16 {
 } wzImageColorProfile16;
 
 /** Options of the extended matching filter and the extended transfer.
- *  An all-zero record asks for the design's behaviour: channels matched on
+ *  An all-zero record asks for the behaviour of wzHistogramMatchFilter:
+ *  channels matched on
  *  their own, every pixel counted, the 8-bit target profile of the
  *  parameters. */
 typedef struct wzHistogramMatchOptions {
@@ -399,7 +400,8 @@ MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchPara
 
 /** wzHistogramEqualization with statistics gathered under a mask, for 8-bit
  *  and 16-bit images; the table is applied to every pixel of the region.
- *  8-bit images give the design's result bit for bit with an all-255 mask;
+ *  8-bit images give wzHistogramEqualization's result bit for bit with an
+ *  all-255 mask;
  *  16-bit images are equalised at 16-bit precision to a flat distribution
  *  over 0..65535 (see wzHistogramMatchFilterWithOptions).
  *  @param source source image, 8-bit or 16-bit.

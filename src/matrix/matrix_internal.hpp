@@ -16,7 +16,7 @@ inline int64_t matrixElements(int32_t rows, int32_t cols) noexcept {
 }
 
 // The address one element before p, for the one-based arrays of svdcmp
-// (formed on addresses: it lies outside the block by design).
+// (formed on addresses: it lies outside the block on purpose).
 template <typename T>
 T *oneBefore(T *p) noexcept {
     return reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(p) - sizeof(T));

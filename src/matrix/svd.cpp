@@ -29,7 +29,7 @@ using namespace morven;
 namespace {
 
 // p + k elements, formed on addresses in wrapping arithmetic: offset arrays
-// point outside their blocks by design, and k may be any 64-bit offset.
+// point outside their blocks deliberately, and k may be any 64-bit offset.
 template <typename T>
 T *offsetBy(T *p, uint64_t k) noexcept {
     return reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(p) +

@@ -3,12 +3,12 @@
 # that no internal symbol leaks and no declared function or table is missing.
 # Each header declares the library's core functions first and its extensions
 # after a comment line starting "/* Extensions"; the core names must be
-# exactly those listed in DESIGN_LIST (one per line), so that no core
+# exactly those listed in CORE_LIST (one per line), so that no core
 # function disappears or changes its name and nothing new is added to the
 # core unnoticed. The exports must then be the core plus the extensions.
 #
 #   cmake -DLIBRARY=<libmorven.so> -DHEADER_DIR=<include/morven>
-#         -DDESIGN_LIST=<design_symbols.txt> [-DNM=nm] -P check_symbols.cmake
+#         -DCORE_LIST=<core_symbols.txt> [-DNM=nm] -P check_symbols.cmake
 #
 # Declarations are found by pattern, not by a C parser: after comments and
 # preprocessor lines are removed, every declaration containing MORVEN_API
@@ -17,7 +17,7 @@
 
 cmake_minimum_required(VERSION 3.20)
 
-foreach(var LIBRARY HEADER_DIR DESIGN_LIST)
+foreach(var LIBRARY HEADER_DIR CORE_LIST)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "check_symbols.cmake: -D${var}=... is required")
   endif()
@@ -161,17 +161,17 @@ endforeach()
 list(REMOVE_DUPLICATES exported)
 list(SORT exported)
 
-# --- Core declarations against the design list ------------------------------
+# --- Core declarations against the core list -- ------------------------------
 
-file(STRINGS "${DESIGN_LIST}" design REGEX "^[A-Za-z_]")
-list(SORT design)
+file(STRINGS "${CORE_LIST}" listed REGEX "^[A-Za-z_]")
+list(SORT listed)
 list(SORT core)
-if(NOT core STREQUAL design)
-  set(gone ${design})
+if(NOT core STREQUAL listed)
+  set(gone ${listed})
   list(REMOVE_ITEM gone ${core})
   set(added ${core})
-  list(REMOVE_ITEM added ${design})
-  message(FATAL_ERROR "core declarations differ from ${DESIGN_LIST}:\n"
+  list(REMOVE_ITEM added ${listed})
+  message(FATAL_ERROR "core declarations differ from ${CORE_LIST}:\n"
                       "  missing: ${gone}\n  not in the list (declare extensions after the "
                       "Extensions heading): ${added}")
 endif()

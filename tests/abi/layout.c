@@ -32,6 +32,7 @@ int main(void) {
     wzImage *header;
     uint8_t block[2 * 3 * 3];
     wzRect roi = {1, 2, 1, 1};
+    char version[40];
 
     /* Scalar types of the interface. */
     EXPECT_SIZE(wzStatus, 4);
@@ -86,6 +87,35 @@ int main(void) {
     EXPECT_VALUE(WZ_STATUS_ERROR, 1);
     EXPECT_VALUE(WZ_STATUS_CANCELLED, 2);
     EXPECT_VALUE(WZ_STATUS_FAILURE, 0xFFFFFFFFul);
+
+    /* Extensions: the extra status, the working spaces, the deep profile
+     * (two 32-bit fields, then three arrays of 65536 doubles) and the
+     * matching options (two 32-bit fields, then two pointers). */
+    EXPECT_VALUE(WZ_STATUS_NO_PIXELS, 3);
+    EXPECT_SIZE(wzWorkingSpace, 4);
+    EXPECT_VALUE(wzSpaceChannels, 0);
+    EXPECT_VALUE(wzSpaceLuma, 1);
+    EXPECT_VALUE(wzSpaceYCbCr, 2);
+    EXPECT_VALUE(wzSpaceLab, 3);
+    EXPECT_VALUE(WZ_PROFILE16_BINS, 65536);
+    EXPECT_OFFSET(wzImageColorProfile16, space, 0);
+    EXPECT_OFFSET(wzImageColorProfile16, reserved, 4);
+    EXPECT_OFFSET(wzImageColorProfile16, bins, 8);
+    EXPECT_SIZE(wzImageColorProfile16, 8 + 3 * 65536 * 8);
+    EXPECT_OFFSET(wzHistogramMatchOptions, space, 0);
+    EXPECT_OFFSET(wzHistogramMatchOptions, reserved, 4);
+    EXPECT_OFFSET(wzHistogramMatchOptions, statsMask, 8);
+    EXPECT_OFFSET(wzHistogramMatchOptions, targetProfile16, 8 + sizeof(void *));
+    EXPECT_SIZE(wzHistogramMatchOptions, 8 + 2 * sizeof(void *));
+
+    /* The version the library reports is the one of these headers. */
+    EXPECT_VALUE(MORVEN_VERSION_NUMBER,
+                 MORVEN_VERSION_MAJOR * 10000ul + MORVEN_VERSION_MINOR * 100ul + MORVEN_VERSION_PATCH);
+    expect("wzMorvenVersionNumber()", (unsigned long)wzMorvenVersionNumber(), MORVEN_VERSION_NUMBER);
+    sprintf(version, "%d.%d.%d", MORVEN_VERSION_MAJOR, MORVEN_VERSION_MINOR, MORVEN_VERSION_PATCH);
+    expect("MORVEN_VERSION_STRING is MAJOR.MINOR.PATCH", strcmp(MORVEN_VERSION_STRING, version) == 0, 1);
+    expect("wzMorvenVersionString() is MORVEN_VERSION_STRING",
+           strcmp(wzMorvenVersionString(), MORVEN_VERSION_STRING) == 0, 1);
 
     /* The gray table is an array of 768 32-bit entries. */
     EXPECT_SIZE(wz_toGray_tab, 768 * 4);

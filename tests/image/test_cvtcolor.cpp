@@ -102,7 +102,7 @@ TEST(CvtColor, EveryPairMatchesReference) {
             }
 }
 
-// Destination (x, y) is source (y, x): 8-bit as designed, wider types move whole pixels.
+// Destination (x, y) is source (y, x): 8-bit as documented, wider types move whole pixels.
 TEST(Transpose, MirrorsAboutTheDiagonal) {
     std::mt19937 rng(3);
     for (uint32_t type : {wzType8U, wzType16U}) {

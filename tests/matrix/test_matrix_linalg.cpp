@@ -400,7 +400,7 @@ TEST(MatrixSvd, SingularValuesMatchLapack) {
 // another shape stays unwritten. Then the four Moore-Penrose conditions on
 // square and tall matrices (padded zero columns give singular values of
 // exactly 0; padded rows of a wide matrix can leave tiny non-zero values,
-// which are inverted by design).
+// which are inverted on purpose).
 TEST(MatrixPseudoInverse, WorkedAndMoorePenrose) {
     Mat a = make(2, 2, {2, 0, 0, 0}), p = make(2, 2, {}, 9.0), col = make(2, 1), wrong = make(2, 3, {}, 4.0);
     ASSERT_EQ(wzMatrixPseudoInverse(a, p), 0u);
