@@ -255,7 +255,7 @@ TEST(ExtMasks, FiltersSeeOnlyTheSelectedPixels) {
                 if (!whole) {
                     filters.push_back({"equalization", [](wzImage *s, const wzImage *m, const wzImage *, wzImage *d) { return wzHistogramEqualizationMasked(s, m, d); }});
                     filters.push_back({"stretch", [](wzImage *s, const wzImage *m, const wzImage *, wzImage *d) { return wzHistogramStretchMasked(s, m, d); }});
-                    for (int32_t space : type == wzType8U ? std::vector{-1, 2} : std::vector{-1, 0, 1})  // -1: the 8-bit target
+                    for (int32_t space : type == wzType8U ? std::vector{-1, 2} : std::vector{0, 1})  // -1: the 8-bit target
                         filters.push_back({"match in space " + std::to_string(space), [&, space](wzImage *s, const wzImage *m, const wzImage *b, wzImage *d) {
                                                const wzHistogramMatchOptions o{std::max(space, 0), 0, m, space < 0 ? nullptr : deep[space].get()};
                                                return wzHistogramMatchFilterWithOptions(&mp, &o, s, b, d, nullptr);

@@ -55,8 +55,10 @@ wzStatus match(const wzHistogramMatchParams &p, const wzHistogramMatchOptions *o
 // Every level u of a 16-bit gray ramp matched to a photograph's 8-bit
 // profile at fidelity 1 has the share (u + 0.5) / 65536 and goes to the
 // point of the target's piecewise linear distribution (8-bit bin k spread
-// over 257 k - 128.5 .. 257 k + 128.5) at that share, rounded. At fidelity
-// 0.9 the result still rises along the ramp through 4096 levels or more.
+// over 257 k - 128.5 .. 257 k + 128.5) at that share, rounded; at strength
+// 0.5 halfway from u to there. maxStep 3 bounds the rise over any 257
+// levels to 3 * 257. At fidelity 0.9 the result still rises along the ramp
+// through 4096 levels or more.
 TEST(ExtDeep, RampFollowsThePiecewiseLinearTarget) {
     ImagePtr photo = ext::photo("chelsea.png");
     if (!photo) GTEST_SKIP() << "built without PNG support";
@@ -64,21 +66,25 @@ TEST(ExtDeep, RampFollowsThePiecewiseLinearTarget) {
     ASSERT_EQ(wzImageFillColorProfile(photo.get(), &target), 0u);
     ImagePtr ramp = ramp16(), out = ramp16();
     const float *t = target.bins[2];  // a gray picture matches channel 1
-    double cum[257] = {0.0};
+    std::vector<double> cum(257), want(65536);
     for (int k = 0; k < 256; ++k) cum[k + 1] = cum[k] + t[k];
-    wzHistogramMatchParams params{1.0f, 1.0f, 0, 255, &target};
-    ASSERT_EQ(match(params, nullptr, ramp.get(), out.get()), 0u);
-    int worst = 0;
     for (int u = 0, k = 0; u < 65536; ++u) {
         const double q = (u + 0.5) / 65536.0 * cum[256];
         while (cum[k + 1] <= q) ++k;
         const double lo = std::max(257.0 * k - 128.5, -0.5), hi = std::min(257.0 * k + 128.5, 65535.5);
-        worst = std::max(worst, std::abs(get(out.get(), u % 256, u / 256) - int(std::lround(std::clamp(lo + (q - cum[k]) / t[k] * (hi - lo), 0.0, 65535.0)))));
+        want[u] = std::clamp(lo + (q - cum[k]) / t[k] * (hi - lo), 0.0, 65535.0);
     }
-    EXPECT_LE(worst, 1);
-    params.fidelity = 0.9f;
-    ASSERT_EQ(match(params, nullptr, ramp.get(), out.get()), 0u);
     const uint16_t *o = reinterpret_cast<const uint16_t *>(out->data);
+    for (float strength : {1.0f, 0.5f}) {
+        const wzHistogramMatchParams params{strength, 1.0f, 0, 255, &target};
+        ASSERT_EQ(match(params, nullptr, ramp.get(), out.get()), 0u);
+        int worst = 0;
+        for (int u = 0; u < 65536; ++u) worst = std::max(worst, std::abs(o[u] - int(std::lround(strength * want[u] + (1.0 - strength) * u))));
+        EXPECT_LE(worst, 1) << "strength " << strength;
+    }
+    ASSERT_EQ(match({1.0f, 1.0f, 0, 3, &target}, nullptr, ramp.get(), out.get()), 0u);
+    for (int u = 0; u + 257 < 65536; ++u) ASSERT_LE(o[u + 257] - o[u], 3 * 257 + 1) << u;
+    ASSERT_EQ(match({1.0f, 0.9f, 0, 255, &target}, nullptr, ramp.get(), out.get()), 0u);
     EXPECT_TRUE(std::is_sorted(o, o + 65536));
     EXPECT_GE(std::set<uint16_t>(o, o + 65536).size(), 4096u);
 }
@@ -143,13 +149,13 @@ TEST(ExtSpaces, StrengthZeroGivesThePictureBack) {
 
 // White, black, mid gray and pure red land in the bins worked out here in
 // double precision (Lab within a bin: published primaries differ in their
-// last digits), as 8-bit and 16-bit colour pictures, and the grays as gray
-// pictures too, which have the chroma of gray. Luma counts as Y'CbCr does.
+// last digits), as 8-bit and 16-bit BGR and RGBA pictures, and the grays as
+// gray pictures too, which have the chroma of gray. Luma counts as Y'CbCr does.
 TEST(ExtSpaces, KnownColoursLandInTheirBins) {
     const std::array<int, 3> known[] = {{255, 255, 255}, {0, 0, 0}, {128, 128, 128}, {255, 0, 0}};  // r, g, b
     for (const auto &[r, g, b] : known)
         for (uint32_t type : {wzType8U, wzType16U})
-            for (uint32_t enc : {wzEncodingBGR, wzEncodingGray}) {
+            for (uint32_t enc : {wzEncodingBGR, wzEncodingRGBA, wzEncodingGray}) {
                 if (enc == wzEncodingGray && r != g) continue;
                 ImagePtr img = makeImage(3, 2, enc, type);
                 for (int i = 0; i < 6; ++i)
