@@ -100,10 +100,10 @@ TEST(ExtDeep, PhotographMatchedToItsOwnProfileStays) {
     std::mt19937 rng(5);
     for (uint32_t enc : {wzEncodingBGR, wzEncodingGray}) {
         SCOPED_TRACE(enc);
-        ImagePtr src = makeImage(300, 200, enc, wzType16U), out = makeImage(300, 200, enc, wzType16U);
-        for (int i = 0; i < 300 * 200; ++i)  // the middle of the picture; gray takes green
+        ImagePtr src = makeImage(200, 150, enc, wzType16U), out = makeImage(200, 150, enc, wzType16U);
+        for (int i = 0; i < 200 * 150; ++i)  // the middle of the picture; gray takes green
             for (int c = 1; c <= colours(src.get()); ++c)
-                put(src.get(), i % 300, i / 300, c, std::clamp(get(photo.get(), 150 + i % 300, 100 + i / 300, c + (enc == wzEncodingGray)) * 257 + int(rng() % 257) - 128, 0, 65535));
+                put(src.get(), i % 200, i / 200, c, std::clamp(get(photo.get(), 200 + i % 200, 125 + i / 200, c + (enc == wzEncodingGray)) * 257 + int(rng() % 257) - 128, 0, 65535));
         wzImageColorProfile own;
         ASSERT_EQ(wzImageFillColorProfileMasked(src.get(), nullptr, &own), 0u);
         const wzHistogramMatchParams params{1.0f, 1.0f, 0, 255, &own};
@@ -119,15 +119,15 @@ TEST(ExtDeep, PhotographMatchedToItsOwnProfileStays) {
 }
 
 // At strength 0 nothing is matched: in every space every pixel comes back
-// within a level. 8-bit colours on a grid of every fifth level of each
-// channel, 16-bit ones on a grid of every 4369th level plus random ones
-// (whose fourth channel stays), and gray ramps of every level.
+// within a level. Colours on a grid of every 15th (8-bit) or 4369th (16-bit)
+// level of each channel plus random ones (a fourth channel stays), and gray
+// ramps of every level.
 TEST(ExtSpaces, StrengthZeroGivesThePictureBack) {
     std::mt19937 rng(6);
-    ImagePtr grid8 = makeImage(52 * 52, 52, wzEncodingBGR), grid16 = randomImage(64, 128, wzEncodingRGBA, wzType16U, rng);
+    ImagePtr grid8 = randomImage(160, 200, wzEncodingBGR, wzType8U, rng), grid16 = randomImage(64, 128, wzEncodingRGBA, wzType16U, rng);
     ImagePtr gray8 = makeImage(256, 1, wzEncodingGray), gray16 = ramp16();
-    for (int i = 0; i < 52 * 52 * 52; ++i)
-        for (int c = 0, step = 1; c < 3; ++c, step *= 52) put(grid8.get(), i % 2704, i / 2704, c + 1, 5 * (i / step % 52));
+    for (int i = 0; i < 18 * 18 * 18; ++i)
+        for (int c = 0, step = 1; c < 3; ++c, step *= 18) put(grid8.get(), i % 160, i / 160, c + 1, 15 * (i / step % 18));
     for (int i = 0; i < 4096; ++i)
         for (int c = 0; c < 3; ++c) put(grid16.get(), i % 64, i / 64, c + 1, 4369 * (i >> (4 * c) & 15));
     for (int u = 0; u < 256; ++u) put(gray8.get(), u, 0, 1, u);
