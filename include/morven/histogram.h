@@ -383,8 +383,10 @@ MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *s
  *         all-zero defaults.
  *  @param source source image, 8-bit or 16-bit.
  *  @param mask blend mask (8-bit gray), or null.
- *  @param destination destination of the source's type and channel count;
- *         may be the source.
+ *  @param destination destination of the source's type, gray if and only if
+ *         the source is (channels are matched by number, so a three-channel
+ *         source may fill a four-channel destination); its region at least
+ *         the source's; may be the source.
  *  @param cancel cancel flag read before every row of each pass, or null.
  *  @return 0; 1 for rejected arguments (types, encodings, masks of the wrong
  *          size, an unknown space, a deep target of another space, no
