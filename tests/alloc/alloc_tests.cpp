@@ -477,6 +477,9 @@ TEST(AllocFailure, Extensions) {
     wzHistogramTransferSupport *support = wzHistogramTransferSupportCreate();
     const wzHistogramTransferParams full{target, 0.9f, 0.8f, 1, 9.0f, 50.0f, 1, 0.2f, 2, 255};
     wzHistogramTransferParams matchOnly = full, matchContrast = full, smooth16 = full;
+    wzHistogramMatchCurves *curves = wzHistogramMatchCurvesCreate(), *labCurves = wzHistogramMatchCurvesCreate();
+    wzHistogramMatchCurvesCompute(lab, &match, lab, 3, labCurves);
+    wzImage *out = wzImageCreateAs(source);
     matchOnly.contrastEnabled = matchOnly.smoothEnabled = matchContrast.smoothEnabled = smooth16.contrastEnabled = 0;
     smooth16.smoothThreshold = 0.05f;
     const auto transfer = [&](const wzHistogramTransferParams *p, const wzImage *m, wzImage *from, wzImage *to) {
@@ -508,7 +511,16 @@ TEST(AllocFailure, Extensions) {
                  {transfer(&matchOnly, nullptr, noisy16, out16)}),
         statusOp("wzSelectiveSmooth16", {span(out16)}, false,
                  [=] { return long(wzSelectiveSmooth16(&smooth, guide16, noisy16, out16, nullptr)); }, atLeast(1)),
+        made("wzHistogramMatchCurvesCreate", wzHistogramMatchCurvesCreate, wzHistogramMatchCurvesRelease,
+             [](auto *c) { EXPECT_EQ(c->mapped, 0); }, exactly(1)),
+        statusOp("wzHistogramMatchCurvesCompute (Lab)", {Span{curves, sizeof *curves}}, false,
+                 [=] { return long(wzHistogramMatchCurvesCompute(lab, &match, lab, 3, curves)); }, exactly(1)),
+        statusOp("wzHistogramMatchCurvesApply (Lab)", {span(out)}, false,
+                 [=] { return long(wzHistogramMatchCurvesApply(labCurves, source, out, nullptr)); }, atLeast(2)),
     });
+    wzHistogramMatchCurvesRelease(&curves);
+    wzHistogramMatchCurvesRelease(&labCurves);
+    wzImageRelease(&out);
     for (wzImage **img : {&reference, &source, &statsMask, &mask, &source16, &out16, &guide16, &noisy16}) wzImageRelease(img);
     wzImageColorProfileRelease(&target);
     wzImageColorProfile16Release(&lab);
