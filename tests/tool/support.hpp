@@ -13,6 +13,12 @@
 
 namespace tooltest {
 
+#ifdef MORVEN_TOOL_TEST_EXIV2
+constexpr bool kHaveExiv2 = true;
+#else
+constexpr bool kHaveExiv2 = false;  // the tool was built without it; so are these helpers
+#endif
+
 // Interleaved samples: 1 gray, 2 gray + alpha, 3 RGB, 4 RGBA; 8 or 16 bits.
 struct Pic {
     int w = 0, h = 0, c = 0, depth = 8;

@@ -48,8 +48,8 @@ void printChannel(const char *name, const double *bins, int depth) {
 }
 
 void printInfo(const std::string &path, const Picture &p, const std::vector<std::string> &notes) {
-    std::printf("%s: %s, %d x %d, %s, %d bits per sample", path.c_str(), formatName(p.format), p.width, p.height,
-                layoutName(p.channels), p.fileDepth);
+    std::printf("%s: %s, %d x %d, %s, %d bit%s per sample", path.c_str(), formatName(p.format), p.width, p.height,
+                layoutName(p.channels), p.fileDepth, p.fileDepth == 1 ? "" : "s");
     if (p.fileDepth != p.depth) std::printf(" (read as %d)", p.depth);
     std::printf("\n");
     if (p.orientation != 1)

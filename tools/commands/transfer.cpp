@@ -95,7 +95,11 @@ int run(TransferOptions &o, const CLI::App &app) {
     Reference reference(std::move(referencePicture), std::move(referenceMask), s);
     const Support support = makeSupport();
     setup.library = clock.seconds();
-    if (settings.verbose) printLine("morven: reference " + referencePath + ": " + describeTimings(setup));
+    if (settings.verbose) {
+        char text[96];
+        std::snprintf(text, sizeof text, ": decode %.1f ms, library %.1f ms", setup.decode * 1e3, setup.library * 1e3);
+        printLine("morven: reference " + referencePath + text);
+    }
 
     const Operation transfer = [&](const std::string &path, Picture &picture, std::vector<std::string> &notes) {
         if (!blendMask.empty()) checkSize(o.mask, blendWidth, blendHeight, path, picture);
