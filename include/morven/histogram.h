@@ -425,7 +425,8 @@ MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const w
  *  @param statsMask statistics mask, or null.
  *  @param destination destination of the source's type; may be the source.
  *  @return 0 when stretched; 1 as wzHistogramStretch (every channel holds a
- *          single value: copied unchanged) and for rejected arguments;
+ *          single value: copied unchanged) and for rejected arguments (no
+ *          memory is allocated);
  *          WZ_STATUS_NO_PIXELS when the mask selects no pixel (the
  *          destination's region holds the source's values). */
 MORVEN_API wzStatus wzHistogramStretchMasked(const wzImage *source, const wzImage *statsMask,

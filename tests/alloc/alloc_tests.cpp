@@ -499,7 +499,7 @@ TEST(AllocFailure, Extensions) {
         statusOp("wzHistogramEqualizationMasked (16-bit)", {span(out16)}, false,
                  [=] { return long(wzHistogramEqualizationMasked(source16, statsMask, out16)); }, atLeast(1)),
         statusOp("wzHistogramStretchMasked (16-bit)", {span(out16)}, false,
-                 [=] { return long(wzHistogramStretchMasked(source16, statsMask, out16)); }, atLeast(1)),
+                 [=] { return long(wzHistogramStretchMasked(source16, statsMask, out16)); }, exactly(0)),
         statusOp("wzContrastEnhanceFilterMasked (16-bit, in place, masks)", {span(source16)}, true,
                  [=] { return long(wzContrastEnhanceFilterMasked(&contrast, source16, statsMask, mask, source16, nullptr)); },
                  atLeast(2)),
