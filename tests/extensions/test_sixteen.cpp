@@ -117,3 +117,20 @@ TEST(ExtEqualize16, SpreadsTheLevelsEvenly) {
     EXPECT_TRUE(std::is_sorted(pairs.begin(), pairs.end(), [](auto a, auto b) { return a.second < b.second; }));
     for (int b = 0; b < 16; ++b) EXPECT_NEAR(buckets[b], 256, 26) << "levels " << b * 4096 << "..";
 }
+
+// The 16-bit blend: a + w (b - a) rounded, w = mask / 255; the refusals.
+TEST(ExtBlend16, WeighsByTheMaskRounded) {
+    ImagePtr a = makeImage(4, 1, wzEncodingGray, wzType16U), b = makeImage(4, 1, wzEncodingGray, wzType16U);
+    ImagePtr out = makeImage(4, 1, wzEncodingGray, wzType16U), mask = makeImage(4, 1, wzEncodingGray);
+    const int from[4] = {1000, 1000, 65535, 7}, to[4] = {3000, 3000, 0, 8}, level[4] = {0, 128, 255, 128};
+    const int want[4] = {1000, 2004, 0, 8};  // 1000 + 2000 * 128 / 255 = 2003.92; 7.502 rounds up
+    for (int x = 0; x < 4; ++x) put(a.get(), x, 0, 1, from[x]), put(b.get(), x, 0, 1, to[x]), mask->data[x] = uint8_t(level[x]);
+    ASSERT_EQ(wzAddWeigthedM16(a.get(), b.get(), out.get(), mask.get()), 0u);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(get(out.get(), x, 0), want[x]) << x;
+    ImagePtr a8 = makeImage(4, 1, wzEncodingGray), rgb = makeImage(4, 1, wzEncodingRGB, wzType16U);
+    const Bytes before = snapshot(out.get());
+    EXPECT_EQ(wzAddWeigthedM16(a8.get(), b.get(), out.get(), mask.get()), 1u);
+    EXPECT_EQ(wzAddWeigthedM16(a.get(), rgb.get(), out.get(), mask.get()), 1u);
+    EXPECT_EQ(wzAddWeigthedM16(a.get(), b.get(), out.get(), b.get()), 1u);
+    EXPECT_EQ(snapshot(out.get()), before);
+}
