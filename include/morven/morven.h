@@ -1,7 +1,11 @@
-/*
- * Morven: image processing with a flat C interface.
+/**
+ * @file
+ * @brief Morven: image processing with a flat C interface.
  *
- * The umbrella header: includes every family of the public interface.
+ * The umbrella header: includes every family of the public interface
+ * (see the modules: common definitions, images, colour conversion and
+ * blending, histograms, contrast enhancement, dense matrices, selective
+ * smoothing, histogram transfer, volumes).
  */
 #ifndef MORVEN_MORVEN_H
 #define MORVEN_MORVEN_H

@@ -1,5 +1,13 @@
-/*
- * Morven: selective smoothing.
+/**
+ * @file
+ * @brief Selective smoothing.
+ * @ingroup morven_smoothing
+ */
+/**
+ * @defgroup morven_smoothing Selective smoothing
+ * @brief Smoothing of a processed picture where its unprocessed original is
+ *        flat: the support tables, the parameters and the filters for 8-bit
+ *        and 16-bit images.
  *
  * Pulls the local differences of a processed image back toward those of a
  * guide image (as a rule the same picture before processing). Wherever the
@@ -13,6 +21,7 @@
  * and ratios) built once; it is read-only afterwards and may serve concurrent
  * calls. Cancel flags (may be null) are read before the passes of each
  * channel.
+ * @{
  */
 #ifndef MORVEN_SMOOTHING_H
 #define MORVEN_SMOOTHING_H
@@ -22,61 +31,75 @@
 
 MORVEN_EXTERN_C_BEGIN
 
-/* The precomputed tables, both 256 x 256 and owned by the record:
- * absDiff[i][j] = |i - j| exactly; ratio[a][b] = a / b computed as a 32-bit
- * float quotient and widened to double for b in 1..255, and 0 in column 0. */
+/** The precomputed tables, both 256 x 256 and owned by the record.
+ *
+ *  absDiff[i][j] = |i - j| exactly; ratio[a][b] = a / b computed as a 32-bit
+ *  float quotient and widened to double for b in 1..255, and 0 in column 0. */
 typedef struct wzSelectiveSmoothSupport {
-    wzMatrix *absDiff;
-    wzMatrix *ratio;
+    wzMatrix *absDiff; /**< absDiff[i][j] = |i - j| */
+    wzMatrix *ratio;   /**< ratio[a][b] = a / b, 0 in column 0 */
 } wzSelectiveSmoothSupport;
 
-/* Parameters of selective smoothing. */
+/** Parameters of selective smoothing. */
 typedef struct wzSelectiveSmoothParams {
-    float threshold;    /* largest guide difference that allows smoothing, as a fraction of 255; default 0.1 */
-    int32_t iterations; /* passes per channel; default 2 */
+    float threshold;    /**< largest guide difference that allows smoothing, as a fraction of 255; default 0.1 */
+    int32_t iterations; /**< passes per channel; default 2 */
 } wzSelectiveSmoothParams;
 
-/* New support object with both tables filled, or null when an allocation
- * fails (nothing is leaked). */
+/** New support object with both tables filled.
+ *  @return the new object (release it with wzSelectiveSmoothSupportRelease),
+ *          or null when an allocation fails (nothing is leaked). */
 MORVEN_API wzSelectiveSmoothSupport *wzSelectiveSmoothSupportCreate(void);
 
-/* Releases both tables and the record and sets *support to null; nothing for
- * null. */
+/** Releases both tables and the record and sets `*support` to null; nothing
+ *  for null.
+ *  @param[in,out] support holder of the object. */
 MORVEN_API void wzSelectiveSmoothSupportRelease(wzSelectiveSmoothSupport **support);
 
-/* New parameter record with the defaults (threshold 0.1, iterations 2), or
- * null when the allocation fails. */
+/** New parameter record with the defaults (threshold 0.1, iterations 2).
+ *  @return the new record (release it with wzSelectiveSmoothParamsRelease),
+ *          or null when the allocation fails. */
 MORVEN_API wzSelectiveSmoothParams *wzSelectiveSmoothParamsDefault(void);
 
-/* Frees *params and sets it to null; nothing for null. */
+/** Frees `*params` and sets it to null; nothing for null.
+ *  @param[in,out] params holder of the record. */
 MORVEN_API void wzSelectiveSmoothParamsRelease(wzSelectiveSmoothParams **params);
 
-/* Smooths input into output under the guide, channel 1, then 2, then 3.
- * t = trunc(threshold * 255) (a float product; 0.1 gives 25). With t < 1 or
- * iterations < 1 the input is copied to the output (wzCopy) and 0 returned.
- * Otherwise each channel runs `iterations` passes over gray working planes:
- * for every unordered pair {p, q} of 8-connected neighbours with guide
- * difference d < t and input difference e >= 1, the pair is accepted when
- * ratio[d][e] < 0.5 (that is, e > 2d); then p counts q once and adds the
- * proposal X(q) + G(p) - G(q), and q likewise. Each pixel becomes
- * (sum of proposals + X(p)) / (1 + accepted neighbours), truncated, low 8
- * bits kept. The finished channel is inserted into the output.
- * output may be the same record as input. Regions of interest are ignored
- * (a choice of this library): the whole images are smoothed, or copied.
- * Returns 0; 1 when working memory cannot be allocated; 2 when the cancel
- * flag is found set (it is read at least before each channel's passes: the
- * channels already finished stay written, the others untouched).
- * Choices of this library, checked before anything is written:
- *  - input, guide or output not 8-bit or with fewer than three channels
- *    (gray or an encoding above 4): returns 1;
- *  - guide or output of a width or height different from the input's:
- *    returns 1;
- *  - an input narrower or shorter than 2 pixels has no neighbour pairs to
- *    smooth: it is copied as for t < 1 (wzCopy) and 0 is returned;
- *  - on the smoothing path, a support whose tables are smaller than
- *    256 x 256, or whose absDiff holds a value outside 0..255 or one that
- *    is not a function of i - j (not made by wzSelectiveSmoothSupportCreate):
- *    returns 1. */
+/** Smooths input into output under the guide, channel 1, then 2, then 3.
+ *
+ *  t = trunc(threshold * 255) (a float product; 0.1 gives 25). With t < 1 or
+ *  iterations < 1 the input is copied to the output (wzCopy) and 0 returned.
+ *  Otherwise each channel runs `iterations` passes over gray working planes:
+ *  for every unordered pair {p, q} of 8-connected neighbours with guide
+ *  difference d < t and input difference e >= 1, the pair is accepted when
+ *  ratio[d][e] < 0.5 (that is, e > 2d); then p counts q once and adds the
+ *  proposal X(q) + G(p) - G(q), and q likewise. Each pixel becomes
+ *  (sum of proposals + X(p)) / (1 + accepted neighbours), truncated, low 8
+ *  bits kept. The finished channel is inserted into the output.
+ *  Regions of interest are ignored (a choice of this library): the whole
+ *  images are smoothed, or copied.
+ *
+ *  Choices of this library, checked before anything is written:
+ *   - input, guide or output not 8-bit or with fewer than three channels
+ *     (gray or an encoding above 4): returns 1;
+ *   - guide or output of a width or height different from the input's:
+ *     returns 1;
+ *   - an input narrower or shorter than 2 pixels has no neighbour pairs to
+ *     smooth: it is copied as for t < 1 (wzCopy) and 0 is returned;
+ *   - on the smoothing path, a support whose tables are smaller than
+ *     256 x 256, or whose absDiff holds a value outside 0..255 or one that
+ *     is not a function of i - j (not made by wzSelectiveSmoothSupportCreate):
+ *     returns 1.
+ *  @param params threshold and passes per channel.
+ *  @param support the support tables.
+ *  @param guide the unprocessed picture.
+ *  @param input the processed picture.
+ *  @param output the result; may be the same record as input.
+ *  @param cancel cancel flag, or null.
+ *  @return 0; 1 when working memory cannot be allocated (and in the cases
+ *          above); 2 when the cancel flag is found set (it is read at least
+ *          before each channel's passes: the channels already finished stay
+ *          written, the others untouched). */
 MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
                                       const wzSelectiveSmoothSupport *support,
                                       const wzImage *guide, const wzImage *input, wzImage *output,
@@ -86,6 +109,9 @@ MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
 /* ======================================================================== */
 /* Extensions                                                               */
 /* ======================================================================== */
+
+/** @name Extensions: 16-bit images
+ *  @{ */
 
 /** Selective smoothing of 16-bit images: the rule of wzSelectiveSmooth on
  *  the 16-bit scale, with no tables.
@@ -113,6 +139,10 @@ MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params,
                                         const wzImage *guide, const wzImage *input,
                                         wzImage *output, const uint32_t *cancel);
 
+/** @} */
+
 MORVEN_EXTERN_C_END
+
+/** @} */
 
 #endif /* MORVEN_SMOOTHING_H */
