@@ -233,18 +233,6 @@ MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destinati
 /* Extensions                                                               */
 /* ======================================================================== */
 
-/** @name Extensions: statistics masks, 16-bit pictures, working colour spaces
- *  Beyond the functions above: statistics gathered under a mask, 16-bit
- *  pictures and matching in a working colour space. The functions above keep
- *  their behaviour exactly; these are separate entry points.
- *
- *  Statistics masks are 8-bit gray images whose roi has the width and height
- *  of the region being measured; they are walked from their own roi origin,
- *  as the blend masks of the filters are. A pixel counts when its mask level
- *  is non-zero. A null mask counts every pixel. With a mask of all 255 every
- *  result equals that of the unmasked function bit for bit.
- *  @{ */
-
 /** Working colour spaces of histogram matching (wzHistogramMatchOptions.space,
  *  wzImageFillColorProfile16). The stored values are taken as sRGB-encoded
  *  wherever a space needs a colorimetric meaning (Lab); any RGB encoding
@@ -323,6 +311,18 @@ typedef struct wzHistogramMatchCurves {
     float lower[3][WZ_PROFILE16_BINS];  /**< lower[k][u]: where u - 0.5 goes */
     float upper[3][WZ_PROFILE16_BINS];  /**< upper[k][u]: where u + 0.5 goes */
 } wzHistogramMatchCurves;
+
+/** @name Extensions: statistics masks, 16-bit pictures, working colour spaces
+ *  Beyond the core functions: statistics gathered under a mask, 16-bit
+ *  pictures and matching in a working colour space. The core functions keep
+ *  their behaviour exactly; these are separate entry points.
+ *
+ *  Statistics masks are 8-bit gray images whose roi has the width and height
+ *  of the region being measured; they are walked from their own roi origin,
+ *  as the blend masks of the filters are. A pixel counts when its mask level
+ *  is non-zero. A null mask counts every pixel. With a mask of all 255 every
+ *  result equals that of the unmasked function bit for bit.
+ *  @{ */
 
 /** Creates a zero-filled deep profile (space wzSpaceChannels).
  *  @return the new profile (about 1.5 MB), or null when the allocation fails. */
