@@ -129,7 +129,7 @@ int run(TransferOptions &o, const Options &given) {
     if (compare && result.outcome == Outcome::Written) {
         const ComparePanel panels[3] = {{&before, "source"},
                                         {&reference.picture(), "reference"},
-                                        {&after, std::string("result (") + spaceName(s.space) + ")"}};
+                                        {&after, std::string("result (") + spaceName(reference.targetFor(before).space) + ")"}};
         WriteSettings plain = settings.write;
         plain.strip = true;
         const std::vector<uint8_t> bytes =
