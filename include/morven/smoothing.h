@@ -110,7 +110,7 @@ MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
 /* Extensions                                                               */
 /* ======================================================================== */
 
-/** @name Extensions: 16-bit images
+/** @name Extensions: 16-bit and gray images
  *  @{ */
 
 /** Selective smoothing of 16-bit images: the rule of wzSelectiveSmooth on
@@ -138,6 +138,24 @@ MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
 MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params,
                                         const wzImage *guide, const wzImage *input,
                                         wzImage *output, const uint32_t *cancel);
+
+/** Selective smoothing of an 8-bit gray image: exactly what
+ *  wzSelectiveSmooth gives a three-channel image that holds the gray level
+ *  in every channel, read back from one channel.
+ *  @param params threshold and passes, as for wzSelectiveSmooth.
+ *  @param support the support object's tables.
+ *  @param guide 8-bit gray guide of the input's size.
+ *  @param input 8-bit gray input.
+ *  @param output 8-bit gray output of the input's size; may be the input.
+ *  @param cancel cancel flag, read as wzSelectiveSmooth reads it, or null.
+ *  @return as wzSelectiveSmooth (0, 1 when working memory cannot be
+ *          allocated, 2 when cancelled: the output then holds the input's
+ *          values); 1, writing nothing, for images that are not 8-bit gray
+ *          of one size. */
+MORVEN_API wzStatus wzSelectiveSmoothGray(const wzSelectiveSmoothParams *params,
+                                          const wzSelectiveSmoothSupport *support,
+                                          const wzImage *guide, const wzImage *input,
+                                          wzImage *output, const uint32_t *cancel);
 
 /** @} */
 

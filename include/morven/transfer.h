@@ -213,10 +213,12 @@ MORVEN_API wzStatus wzMorvenSmooth(int32_t width, int32_t height, const uint8_t 
  *  choose the space, the source's statistics mask and a deep target),
  *  contrast by wzContrastEnhanceFilterMasked with the same statistics mask
  *  (so excluded pixels count in no statistics), selective smoothing
- *  (wzSelectiveSmooth, or wzSelectiveSmooth16 for 16-bit images), and the
+ *  (wzSelectiveSmooth; wzSelectiveSmooth16 for 16-bit images,
+ *  wzSelectiveSmoothGray for 8-bit gray ones), and the
  *  blend under `mask`. With null options, or an
  *  all-zero record, on 8-bit images the result is that of
- *  wzHistogramTransferFilter bit for bit.
+ *  wzHistogramTransferFilter bit for bit (which refuses to smooth gray
+ *  pictures, where this filter smooths them).
  *
  *  @param params the flat parameters; targetProfile is the 8-bit target
  *         used when options->targetProfile16 is null.

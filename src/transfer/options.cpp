@@ -55,9 +55,14 @@ MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransf
     }
     if (params->smoothEnabled) {
         const wzSelectiveSmoothParams smooth{params->smoothThreshold, params->smoothIterations};
-        status = wide ? wzSelectiveSmooth16(&smooth, untouched, destination, destination, cancel)
-                      : wzSelectiveSmooth(&smooth, support->smoothSupport, untouched, destination,
-                                          destination, cancel);
+        if (wide)
+            status = wzSelectiveSmooth16(&smooth, untouched, destination, destination, cancel);
+        else if (source->encoding == wzEncodingGray)
+            status = wzSelectiveSmoothGray(&smooth, support->smoothSupport, untouched, destination,
+                                           destination, cancel);
+        else
+            status = wzSelectiveSmooth(&smooth, support->smoothSupport, untouched, destination,
+                                       destination, cancel);
         if (status != WZ_STATUS_OK) return status;
     }
     if (mask) {

@@ -94,6 +94,7 @@ TEST(ExtMasks, AllSelectedEqualsUnmasked) {
             const wzHistogramMatchOptions zero{}, all{0, 0, ws, nullptr};
             for (const wzHistogramMatchOptions *opt : {static_cast<const wzHistogramMatchOptions *>(nullptr), &zero, &all})
                 for (int stages = 0; stages < 4; ++stages) {  // contrast, smoothing
+                    if (enc == wzEncodingGray && stages >> 1) continue;  // the core refuses to smooth gray
                     const wzHistogramTransferParams p{&target, 0.9f, 0.8f, stages & 1, 9.0f, 50.0f, stages >> 1, 0.2f, 2, 60};
                     same("transfer", [&](wzImage *s, wzImage *d) { return wzHistogramTransferFilterWithOptions(&p, opt, support.get(), s, wbm, d, nullptr); },
                          [&](wzImage *s, wzImage *d) { return wzHistogramTransferFilter(&p, support.get(), s, wbm, d, nullptr); }, true);

@@ -87,3 +87,20 @@ TEST(ExtSmooth16, FollowsThePlainRule) {
         EXPECT_EQ(snapshot(out.get()), snapshot(input.get())) << w << " x " << h << " threshold " << threshold << " passes " << passes;
     }
 }
+
+// 8-bit gray smoothing equals the three-channel filter on the gray level
+// copied into every channel; in the extended transfer too.
+TEST(ExtSmoothGray, EqualsTheThreeChannelFilter) {
+    std::mt19937 rng(21);
+    SupportPtr support(wzHistogramTransferSupportCreate());
+    ImagePtr guide = randomImage(27, 19, wzEncodingGray, wzType8U, rng), input = randomImage(27, 19, wzEncodingGray, wzType8U, rng);
+    for (size_t i = 0; i < blockBytes(guide.get()); ++i) guide->data[i] = uint8_t(100 + guide->data[i] % 16);
+    const wzSelectiveSmoothParams params{0.1f, 3};
+    ImagePtr g3 = makeImage(27, 19, wzEncodingBGR), x3 = makeImage(27, 19, wzEncodingBGR), out = makeImage(27, 19, wzEncodingGray);
+    for (size_t i = 0; i < 3 * blockBytes(guide.get()); ++i) g3->data[i] = guide->data[i / 3], x3->data[i] = input->data[i / 3];
+    ASSERT_EQ(wzSelectiveSmooth(&params, support->smoothSupport, g3.get(), x3.get(), x3.get(), nullptr), 0u);
+    ASSERT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, guide.get(), input.get(), out.get(), nullptr), 0u);
+    for (size_t i = 0; i < blockBytes(out.get()); ++i) ASSERT_EQ(out->data[i], x3->data[3 * i]) << i;
+    EXPECT_NE(snapshot(out.get()), snapshot(input.get()));
+    EXPECT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, g3.get(), input.get(), out.get(), nullptr), 1u);
+}
