@@ -194,6 +194,15 @@ TEST_F(Tool, ConvertsTheReferenceIntoTheSourcesColourSpace) {
         EXPECT_EQ(readPic(at("out.png")), libraryTransfer(readPic(at(source)), seen, t));
         EXPECT_EQ(iccOf(at("out.png")), icc);
     }
+    // In one batch, in either order, a source without a profile and one with
+    // the reference's own each match the reference as their space shows it.
+    png(at("adobe-source.png"), 30, 20, 3, 8, 9, adobe);
+    for (const Args &order : {Args{at("plain.png"), at("adobe-source.png")}, Args{at("adobe-source.png"), at("plain.png")}}) {
+        fs::remove_all(at("batch"));
+        ok({"transfer", "--reference", at("adobe.png"), "-o", at("batch"), order[0], order[1], "-j", "1"});
+        EXPECT_EQ(readPic(at("batch/plain.png")), libraryTransfer(readPic(at("plain.png")), convert(adobeRef, adobe, {}), t));
+        EXPECT_EQ(readPic(at("batch/adobe-source.png")), libraryTransfer(readPic(at("adobe-source.png")), adobeRef, t));
+    }
 
     // The same colours stored as sRGB in the reference and as Display P3 in
     // the source (which holds all of sRGB): matching changes almost nothing,

@@ -23,21 +23,11 @@ struct TransferOptions {
     OutputOptions out;
 };
 
-std::vector<uint8_t> readMask(const std::string &path, const RunSettings &settings, int *width, int *height) {
+MaskFile readMask(const std::string &path, const RunSettings &settings) {
     std::vector<std::string> notes;
-    const Picture mask = readPicture(path, &notes);
+    MaskFile mask = readMaskFile(path, &notes);
     printNotes(settings, path, notes);
-    *width = mask.width;
-    *height = mask.height;
-    return grayPlane(mask);
-}
-
-void checkSize(const std::string &maskPath, int maskWidth, int maskHeight, const std::string &path,
-               const Picture &picture) {
-    if (maskWidth != picture.width || maskHeight != picture.height)
-        throw FileError(maskPath, "the mask is " + std::to_string(maskWidth) + " x " + std::to_string(maskHeight) +
-                                      " but " + path + " is " + std::to_string(picture.width) + " x " +
-                                      std::to_string(picture.height));
+    return mask;
 }
 
 int run(TransferOptions &o, const Options &given) {
@@ -87,17 +77,12 @@ int run(TransferOptions &o, const Options &given) {
     std::vector<std::string> notes;
     Picture referencePicture = readPicture(referencePath, &notes);
     printNotes(settings, referencePath, notes);
-    std::vector<uint8_t> referenceMask, blendMask, sourceMask;
-    int w = 0, h = 0, blendWidth = 0, blendHeight = 0, sourceWidth = 0, sourceHeight = 0;
-    if (!o.referenceMask.empty()) {
-        referenceMask = readMask(o.referenceMask, settings, &w, &h);
-        checkSize(o.referenceMask, w, h, referencePath, referencePicture);
-    }
-    if (!o.mask.empty()) blendMask = readMask(o.mask, settings, &blendWidth, &blendHeight);
-    if (!o.sourceMask.empty()) sourceMask = readMask(o.sourceMask, settings, &sourceWidth, &sourceHeight);
+    MaskFile referenceMask = readMask(o.referenceMask, settings);
+    if (!referenceMask.empty()) referenceMask.checkSize(referencePath, referencePicture);
+    const MaskFile blendMask = readMask(o.mask, settings), sourceMask = readMask(o.sourceMask, settings);
     setup.decode = clock.seconds();
     clock = Stopwatch();
-    Reference reference(std::move(referencePicture), std::move(referenceMask), s);
+    Reference reference(std::move(referencePicture), std::move(referenceMask.plane), s);
     const Support support = makeSupport();
     setup.library = clock.seconds();
     if (settings.verbose) {
@@ -107,15 +92,7 @@ int run(TransferOptions &o, const Options &given) {
     }
 
     const Operation transfer = [&](const std::string &path, Picture &picture, std::vector<std::string> &notes) {
-        if (!blendMask.empty()) checkSize(o.mask, blendWidth, blendHeight, path, picture);
-        if (!sourceMask.empty()) checkSize(o.sourceMask, sourceWidth, sourceHeight, path, picture);
-        const Stopwatch setupClock;
-        const Target &target = reference.targetFor(picture);
-        if (!target.note.empty()) notes.push_back(target.note);
-        const MaskImage stats(bothMasks(opaqueMask(picture), sourceMask), picture.width, picture.height);
-        const MaskImage blend(blendMask, picture.width, picture.height);
-        return setupClock.seconds() +
-               transferPicture(path, picture, target, stats, blend, s, support.get(), notes);
+        return transferOne(path, picture, reference, blendMask, sourceMask, s, support.get(), notes);
     };
 
     if (batch) {

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "colour/colour.hpp"
+#include "io/picture_io.hpp"
 
 namespace morven::tool {
 
@@ -37,10 +38,32 @@ Reference::Reference(Picture picture, std::vector<uint8_t> mask, const TransferS
     mask_ = MaskImage(bothMasks(opaqueMask(picture_), mask), w, h);
 }
 
+std::string Reference::targetKey(const Picture &source) const {
+    // A source without a profile (sRGB) and one with the reference's own
+    // profile need different targets when the reference has a profile.
+    std::string key(source.isGray() ? "gray" : "colour");
+    if (settings_.manageColour && source.icc != picture_.icc) {
+        key += ':';
+        key.append(source.icc.begin(), source.icc.end());
+    }
+    return key;
+}
+
+std::vector<std::pair<std::string, const Target *>> Reference::targets() {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::pair<std::string, const Target *>> made;
+    for (const auto &[key, target] : targets_) made.emplace_back(key, target.get());
+    return made;
+}
+
+void Reference::addTarget(std::string key, std::unique_ptr<Target> target) {
+    const std::lock_guard lock(mutex_);
+    targets_.emplace(std::move(key), std::move(target));
+}
+
 const Target &Reference::targetFor(const Picture &source) {
     const bool convert = settings_.manageColour && source.icc != picture_.icc;
-    std::string key(source.isGray() ? "gray:" : "colour:");
-    if (convert) key.append(source.icc.begin(), source.icc.end());
+    std::string key = targetKey(source);
     const std::lock_guard lock(mutex_);
     if (const auto it = targets_.find(key); it != targets_.end()) return *it->second;
 
@@ -58,6 +81,37 @@ const Target &Reference::targetFor(const Picture &source) {
     else
         target->profile16 = deepProfileOf(reference, mask_.get(), target->space);
     return *targets_.emplace(std::move(key), std::move(target)).first->second;
+}
+
+void MaskFile::checkSize(const std::string &picturePath, const Picture &picture) const {
+    if (width != picture.width || height != picture.height)
+        throw FileError(path, "the mask is " + std::to_string(width) + " x " + std::to_string(height) + " but " +
+                                  picturePath + " is " + std::to_string(picture.width) + " x " +
+                                  std::to_string(picture.height));
+}
+
+MaskFile readMaskFile(const std::string &path, std::vector<std::string> *notes) {
+    MaskFile mask;
+    if (path.empty()) return mask;
+    const Picture picture = readPicture(path, notes);
+    mask.path = path;
+    mask.width = picture.width;
+    mask.height = picture.height;
+    mask.plane = grayPlane(picture);
+    return mask;
+}
+
+double transferOne(const std::string &path, Picture &picture, Reference &reference, const MaskFile &blend,
+                   const MaskFile &sourceMask, const TransferSettings &settings,
+                   const wzHistogramTransferSupport *support, std::vector<std::string> &notes) {
+    if (!blend.empty()) blend.checkSize(path, picture);
+    if (!sourceMask.empty()) sourceMask.checkSize(path, picture);
+    const Stopwatch setupClock;
+    const Target &target = reference.targetFor(picture);
+    if (!target.note.empty()) notes.push_back(target.note);
+    const MaskImage stats(bothMasks(opaqueMask(picture), sourceMask.plane), picture.width, picture.height);
+    const MaskImage weights(blend.plane, picture.width, picture.height);
+    return setupClock.seconds() + transferPicture(path, picture, target, stats, weights, settings, support, notes);
 }
 
 namespace {

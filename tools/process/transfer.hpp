@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "process/library.hpp"
@@ -53,6 +54,17 @@ public:
     const Picture &picture() const { return picture_; }
     const Target &targetFor(const Picture &source);
 
+    // Which target a source needs: its layout, and its profile when the
+    // reference is converted into it.
+    std::string targetKey(const Picture &source) const;
+    // The statistics mask (the given one and the opaque pixels); handing it
+    // to the constructor again gives the same statistics.
+    const std::vector<uint8_t> &statsMask() const { return mask_.plane(); }
+    // The targets made so far, and one made elsewhere (a copy of the
+    // reference in another process keeps the statistics already counted).
+    std::vector<std::pair<std::string, const Target *>> targets();
+    void addTarget(std::string key, std::unique_ptr<Target> target);
+
 private:
     Picture picture_;
     MaskImage mask_;
@@ -60,6 +72,28 @@ private:
     std::mutex mutex_;
     std::map<std::string, std::unique_ptr<Target>> targets_;
 };
+
+// A mask file of a run (--mask, --source-mask, --reference-mask), read once
+// as an 8-bit gray plane; empty when not given.
+struct MaskFile {
+    std::string path;
+    std::vector<uint8_t> plane;
+    int width = 0, height = 0;
+    bool empty() const { return plane.empty(); }
+    // Throws FileError naming the mask unless the picture at path has its size.
+    void checkSize(const std::string &path, const Picture &picture) const;
+};
+// Reads a mask (nothing for an empty path); what the reader had to say is
+// added to *notes. Throws FileError.
+MaskFile readMaskFile(const std::string &path, std::vector<std::string> *notes);
+
+// The transfer of one picture of a run, in place: the masks checked against
+// its size, the reference's target for it (with its note), its opaque
+// pixels under the source mask counted, the blend mask applied. Returns the
+// seconds spent; throws as transferPicture does.
+double transferOne(const std::string &path, Picture &picture, Reference &reference, const MaskFile &blend,
+                   const MaskFile &sourceMask, const TransferSettings &settings,
+                   const wzHistogramTransferSupport *support, std::vector<std::string> &notes);
 
 // The working space a source is matched in: luminance alone when a colour
 // source meets a gray reference, and for a gray source in rgb space.

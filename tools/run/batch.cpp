@@ -60,13 +60,8 @@ std::string plural(size_t n, const char *one, const char *many) {
 
 }  // namespace
 
-int runBatch(const BatchSettings &batch, const Operation &operation, const RunSettings &settings,
-             const std::vector<std::string> &protectedInputs) {
-    struct Item {
-        std::string input, output;
-    };
-    std::vector<Item> items;
-    size_t failed = 0;
+BatchPlan planBatch(const BatchSettings &batch) {
+    BatchPlan plan;
     std::vector<fs::path> seen;  // a file named twice (or also through its folder) is done once
     const auto add = [&](std::string path) {
         // By name, not by target: two links to one file give two outputs.
@@ -74,7 +69,7 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
         const fs::path normal = fs::absolute(path, error).lexically_normal();
         if (!error && std::find(seen.begin(), seen.end(), normal) != seen.end()) return;
         seen.push_back(normal);
-        items.push_back({std::move(path), {}});
+        plan.items.push_back({std::move(path), {}});
     };
     for (const std::string &input : batch.inputs) {
         std::error_code error;
@@ -86,30 +81,47 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
         try {
             listing = listFolder(input);
         } catch (const fs::filesystem_error &e) {
-            reportFailure(input, "cannot list the folder: " + e.code().message());
-            ++failed;
+            plan.messages.push_back({true, input, "cannot list the folder: " + e.code().message()});
             continue;
         }
-        if (!listing.others.empty() && !settings.quiet) {
+        if (!listing.others.empty()) {
             std::string names;
             for (size_t i = 0; i < listing.others.size() && i < 3; ++i) names += (i ? ", " : "") + listing.others[i];
             if (listing.others.size() > 3) names += ", ...";
-            printLine("morven: note: " + input + ": " + plural(listing.others.size(), "file", "files") +
-                      " of other kinds left out (" + names + "); PNG, JPEG, TIFF and WebP files are taken");
+            plan.messages.push_back({false, input, plural(listing.others.size(), "file", "files") +
+                                                       " of other kinds left out (" + names +
+                                                       "); PNG, JPEG, TIFF and WebP files are taken"});
         }
-        if (listing.pictures.empty() && !settings.quiet)
-            printLine("morven: note: " + input + ": no PNG, JPEG, TIFF or WebP files in this folder");
+        if (listing.pictures.empty())
+            plan.messages.push_back({false, input, "no PNG, JPEG, TIFF or WebP files in this folder"});
         for (std::string &file : listing.pictures) add(std::move(file));
     }
 
     std::map<std::string, std::string> claimed;  // output -> input
-    for (Item &item : items) {
+    for (BatchPlan::Item &item : plan.items) {
         item.output = (fs::path(batch.folder) / outputName(item.input, batch.format)).string();
         const auto [it, fresh] = claimed.emplace(item.output, item.input);
-        if (!fresh)
-            throw UsageError(it->second + " and " + item.input + " would both be written to " + item.output +
-                             " (use separate runs)");
+        if (!fresh && plan.clash.empty())
+            plan.clash = it->second + " and " + item.input + " would both be written to " + item.output +
+                         " (use separate runs)";
     }
+    return plan;
+}
+
+int runBatch(const BatchSettings &batch, const Operation &operation, const RunSettings &settings,
+             const std::vector<std::string> &protectedInputs) {
+    BatchPlan plan = planBatch(batch);
+    size_t failed = 0;
+    for (const BatchPlan::Message &message : plan.messages) {
+        if (message.failure) {
+            reportFailure(message.file, message.text);
+            ++failed;
+        } else if (!settings.quiet) {
+            printLine("morven: note: " + message.file + ": " + message.text);
+        }
+    }
+    if (!plan.clash.empty()) throw UsageError(plan.clash);
+    const std::vector<BatchPlan::Item> &items = plan.items;
     if (items.empty() && failed == 0) {
         printLine("morven: nothing to do: no input images");
         return kExitFailure;

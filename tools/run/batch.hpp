@@ -17,6 +17,23 @@ struct BatchSettings {
     std::string verb = "processed";   // for the summary: "12 of 12 images transferred"
 };
 
+// What a batch is to do, found before anything runs: every file once, with
+// the output it is written to, and what listing the folders had to say, in
+// order (notes, and folders that could not be listed, which count as failed).
+struct BatchPlan {
+    struct Item {
+        std::string input, output;
+    };
+    struct Message {
+        bool failure;
+        std::string file, text;
+    };
+    std::vector<Item> items;
+    std::vector<Message> messages;
+    std::string clash;  // when not empty: two inputs would be written to one output
+};
+BatchPlan planBatch(const BatchSettings &batch);
+
 // Runs the operation on every input (folders: the picture files they hold,
 // by extension; other files are counted in one note) into the output
 // folder with `jobs` threads, showing a progress bar when stderr is a

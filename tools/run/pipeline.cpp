@@ -25,22 +25,25 @@ FileResult processFile(const std::string &input, const std::string &output, Form
     checkOutputPath(output, inputs, settings.force);
 
     std::vector<std::string> notes;
+    const auto say = [&](const std::string &file) {
+        printNotes(settings, file, notes);
+        for (std::string &text : notes) result.notes.emplace_back(file, std::move(text));
+        notes.clear();
+    };
     Stopwatch clock;
     Picture picture = readPicture(input, &notes);
     result.timings.decode = clock.seconds();
-    printNotes(settings, input, notes);
-    notes.clear();
+    say(input);
     if (before) *before = picture;
     if (cancelled()) throw Interrupted();
 
     result.timings.library = operation(input, picture, notes);
-    printNotes(settings, input, notes);
-    notes.clear();
+    say(input);
 
     clock = Stopwatch();
     const std::vector<uint8_t> bytes = encodePicture(picture, format, settings.write, &notes);
     result.timings.encode = clock.seconds();
-    printNotes(settings, output, notes);
+    say(output);
 
     clock = Stopwatch();
     writeFileAtomically(output, bytes, settings.force);

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/common.hpp"
@@ -30,6 +31,7 @@ enum class Outcome { Written, Skipped };
 struct FileResult {
     Outcome outcome = Outcome::Written;
     Timings timings;
+    std::vector<std::pair<std::string, std::string>> notes;  // (file, text), printed or not
 };
 
 // Reads input, runs the operation and writes output in the given format.
