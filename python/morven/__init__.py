@@ -265,5 +265,5 @@ def smooth(image, guide, *, threshold=0.1, iterations=2, order="RGB", out=None):
     """Selective smoothing: where ``guide`` (as a rule the picture before
     processing) is locally flat, neighbouring steps of ``image`` are pulled
     back toward the guide's (``threshold`` is a fraction of the full scale;
-    ``iterations`` passes). 8-bit pictures need three or four channels."""
+    ``iterations`` passes)."""
     return _morven.smooth(image, guide, out, threshold, iterations, order)

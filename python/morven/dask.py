@@ -186,8 +186,7 @@ def transfer(array, reference, *, strength=1.0, fidelity=0.9, max_step=255, cont
     ``reference`` a picture (NumPy or Dask) or a :class:`morven.Profile`;
     the masks are NumPy or Dask arrays of the picture's height and width,
     rechunked to its chunks. The options are those of
-    :func:`morven.transfer`, with the same results. A blend ``mask`` on a
-    16-bit picture is refused: the library has no public 16-bit blend.
+    :func:`morven.transfer`, with the same results.
     """
     _space_code(space)
     array = _picture(_as_array(array, "array"), "array", order)
@@ -195,12 +194,6 @@ def transfer(array, reference, *, strength=1.0, fidelity=0.9, max_step=255, cont
     stats_mask = _as_array(source_mask, "source_mask", array) if source_mask is not None else None
     wide = array.dtype == np.uint16
     gray = array.ndim == 2
-    if blend is not None and wide:
-        raise ValueError("mask: blending 16-bit pictures chunk by chunk needs a 16-bit blend that the library "
-                         "does not offer; use morven.transfer on the whole picture, or an 8-bit picture")
-    if smooth and gray and not wide:
-        raise ValueError("smooth: the library smooths 8-bit pictures of three or four channels only, "
-                         "not 8-bit gray ones")
     if contrast and not wide and stats_mask is None and array.shape[0] * array.shape[1] > 2**31 - 1:
         raise ValueError("contrast: the library counts the pixels of an 8-bit picture in 32 bits; "
                          "this one has 2^31 or more")

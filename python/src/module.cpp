@@ -149,9 +149,6 @@ py::tuple transfer(py::handle source, py::handle out, py::handle target8, py::ha
     View src = imageOf(source, "source", order);
     const View blend = View::mask(mask, "mask", src.width(), src.height());
     const View stats = View::mask(sourceMask, "source_mask", src.width(), src.height());
-    if (smooth && src.gray() && !src.wide())
-        throw py::value_error("smooth: the library smooths 8-bit pictures of three or four channels only, "
-                              "not 8-bit gray ones");
     if (contrast && !src.wide() && !stats && src.pixels() > INT32_MAX)
         throw py::value_error("contrast: the library counts the pixels of an 8-bit picture in 32 bits; "
                               "this one has 2^31 or more");
@@ -265,18 +262,18 @@ py::array smoothFilter(py::handle image, py::handle guideObject, py::handle out,
     requireSameSize(src, "image", guide, "guide");
     if (guide.get()->encoding != src.get()->encoding || guide.wide() != src.wide())
         throw py::value_error("guide must have the image's dtype and number of channels");
-    if (src.gray() && !src.wide())
-        throw py::value_error("smooth: the library smooths 8-bit pictures of three or four channels only, "
-                              "not 8-bit gray ones");
     const wzSelectiveSmoothParams params{finite(threshold, "threshold"), passes(iterations, "iterations")};
     Destination dst = destinationOf(src, out);
     if (dst.array.data() == guide.data() && guide.data() != src.data())
         throw py::value_error("out must not be the guide");
     const wzStatus status = runReleased(
         [&](const uint32_t *cancel) {
-            return src.wide() ? wzSelectiveSmooth16(&params, guide.get(), src.get(), dst.header, cancel)
-                              : wzSelectiveSmooth(&params, transferSupport->smoothSupport, guide.get(), src.get(),
-                                                  dst.header, cancel);
+            if (src.wide()) return wzSelectiveSmooth16(&params, guide.get(), src.get(), dst.header, cancel);
+            if (src.gray())
+                return wzSelectiveSmoothGray(&params, transferSupport->smoothSupport, guide.get(), src.get(),
+                                             dst.header, cancel);
+            return wzSelectiveSmooth(&params, transferSupport->smoothSupport, guide.get(), src.get(), dst.header,
+                                     cancel);
         },
         3 * src.pixels() * (params.iterations + 1));
     checkStatus(status, "smooth");
@@ -501,19 +498,22 @@ py::array applyContrast(py::handle curveObject, py::handle image, py::handle out
 }
 
 // out = untouched where the mask is 0, processed where it is 255, weighted
-// in between (8-bit pictures).
+// in between.
 py::array blend(py::handle untouchedObject, py::handle processedObject, py::handle mask, py::handle out,
                 const std::string &order) {
     const View untouched = imageOf(untouchedObject, "untouched", order);
     const View processed = imageOf(processedObject, "processed", order);
     requireSameSize(untouched, "untouched", processed, "processed");
-    if (untouched.wide() || processed.wide())
-        throw py::type_error("the library's public blend takes 8-bit pictures only");
+    if (untouched.wide() != processed.wide() || untouched.get()->encoding != processed.get()->encoding)
+        throw py::value_error("untouched and processed must have one dtype and layout");
     const View weights = View::mask(mask, "mask", untouched.width(), untouched.height());
     if (!weights) throw py::value_error("blend needs a mask");
     Destination dst = destinationOf(processed, out);
     const wzStatus status = runReleased(
-        [&](const uint32_t *) { return wzAddWeigthedM(untouched.get(), processed.get(), dst.header, weights.get()); },
+        [&](const uint32_t *) {
+            return untouched.wide() ? wzAddWeigthedM16(untouched.get(), processed.get(), dst.header, weights.get())
+                                    : wzAddWeigthedM(untouched.get(), processed.get(), dst.header, weights.get());
+        },
         untouched.pixels());
     checkStatus(status, "blend");
     return dst.array;

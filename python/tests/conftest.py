@@ -117,6 +117,9 @@ class Library:
             guide = self.header(kw["guide"], encoding)
             if image.dtype == np.uint16:
                 self.lib.wzSelectiveSmooth16(C.byref(params), guide, src, dst, None)
+            elif image.ndim == 2:
+                self.lib.wzSelectiveSmoothGray(C.byref(params), C.c_void_p(self.smooth_support), guide, src, dst,
+                                               None)
             else:
                 self.lib.wzSelectiveSmooth(C.byref(params), C.c_void_p(self.smooth_support), guide, src, dst, None)
         return out
