@@ -10,7 +10,8 @@ array keeps its own.
 
 Every function releases the GIL while the library works, and Ctrl-C stops a
 long call from the main thread within a row or a pass (KeyboardInterrupt).
-Pictures larger than memory, and scale-out, are in :mod:`morven.dask`.
+Pictures larger than memory, and files transferred on a cluster with the
+command-line tool's own readers and writers, are in :mod:`morven.dask`.
 """
 
 import warnings
@@ -20,7 +21,7 @@ import numpy as np
 from . import _morven
 
 __all__ = [
-    "Profile", "NoPixelsWarning", "transfer", "match_histograms", "profile", "equalize", "stretch",
+    "Profile", "NoPixelsWarning", "FileError", "transfer", "match_histograms", "profile", "equalize", "stretch",
     "contrast", "smooth", "library_version",
 ]
 
@@ -36,6 +37,19 @@ _SPACE_NAMES = {code: name for name, code in SPACES.items()}
 
 class NoPixelsWarning(UserWarning):
     """The statistics selected no pixel: the result holds the source's values."""
+
+
+class FileError(Exception):
+    """A file could not be read, processed or written (:func:`morven.dask.transfer_files`):
+    ``file`` names it (the input, the output or a mask), ``reason`` is the
+    command-line tool's one-line reason."""
+
+    def __init__(self, file, reason):
+        super().__init__(file, reason)
+        self.file, self.reason = file, reason
+
+    def __str__(self):
+        return f"{self.file}: {self.reason}"
 
 
 class Profile(np.ndarray):

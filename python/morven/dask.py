@@ -17,6 +17,9 @@ that add up over chunks, curves computed once from the sums, and per-pixel
 Every pass reads the source again rather than keeping it: a picture larger
 than memory streams through in chunks. Runs on any Dask scheduler, the
 distributed one included.
+
+:func:`transfer_files` runs the command-line tool's own file pipeline on a
+Dask distributed cluster, one task per file (see ``morven._files``).
 """
 
 import functools
@@ -30,7 +33,9 @@ from dask.graph_manipulation import bind
 from . import (SPACES, NoPixelsWarning, _checked_profile, _effective_space, _is_profile, _library_rows, _morven,
                _space_code, _target)
 
-__all__ = ["transfer"]
+from ._files import FileBatch, FileResult, transfer_files  # noqa: E402,F401
+
+__all__ = ["transfer", "transfer_files", "FileResult", "FileBatch"]
 
 _NO_PIXELS = _morven.NO_PIXELS
 _FLOAT_LIMIT = float(1 << 24)
