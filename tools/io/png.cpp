@@ -89,6 +89,8 @@ Picture decodePng(const std::string &path, Bytes bytes) {
         const int depth = png_get_bit_depth(png, info);
         const int type = png_get_color_type(png, info);
         checkDeclaredSize(path, width, height);
+        const uint64_t storedBits = uint64_t(width) * height * png_get_channels(png, info) * uint64_t(depth);
+        checkDeflateCanHold(path, "PNG", storedBits / 8, src.bytes.size());
 
         pic.fileDepth = depth;
         if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
