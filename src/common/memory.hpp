@@ -22,6 +22,15 @@ FreePtr<T> allocZeroed() noexcept {
     return FreePtr<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
 }
 
+// Uninitialised array of n elements from malloc (at least one byte), or null,
+// also when n is negative or n elements would not fit in memory.
+template <typename T>
+FreePtr<T> allocArray(int64_t n) noexcept {
+    if (n < 0 || static_cast<uint64_t>(n) > SIZE_MAX / sizeof(T)) return nullptr;
+    const size_t bytes = static_cast<size_t>(n) * sizeof(T);
+    return FreePtr<T>(static_cast<T *>(std::malloc(bytes ? bytes : 1)));
+}
+
 // Multiplies non-negative 64-bit sizes; false when a factor is negative or the
 // product does not fit in a signed 64-bit value.
 inline bool checkedMul(int64_t a, int64_t b, int64_t &out) noexcept {

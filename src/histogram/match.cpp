@@ -10,7 +10,7 @@
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
-#include "image/kernels.hpp"
+#include "kernels/kernels.hpp"
 #include "histogram/match_internal.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
@@ -245,7 +245,7 @@ MORVEN_API wzStatus wzHistogramMatchApply(const void *reserved, const uint8_t ta
     const ChannelBytes od = channelBytes(*destination);
     LutLayout layout;
     const bool kernel = rowKernelLayout(table, *source, os, *destination, od, layout);
-    const Isa isa = bestIsa();
+    const Kernels &kernels = bestKernels();
     Cursor s = regionCursor(*source);
     Cursor d = regionCursor(*destination);
     const int32_t rows = source->roi.height;
@@ -254,7 +254,7 @@ MORVEN_API wzStatus wzHistogramMatchApply(const void *reserved, const uint8_t ta
     for (int32_t y = 0; y < rows; ++y) {
         if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
         if (kernel && rowBytes > 0 && (s.p == d.p || disjoint(s.p, rowBytes, d.p, rowBytes))) {
-            lutRow(isa, layout, s.p, d.p, static_cast<size_t>(cols));
+            kernels.lutRow(layout, s.p, d.p, static_cast<size_t>(cols));
             s.p += rowBytes;
             d.p += rowBytes;
         } else {

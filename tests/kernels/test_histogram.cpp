@@ -1,6 +1,6 @@
 // Counting in 16-bit sub-tables: colour profiles, brightness histograms and
 // the byte counter against plain counting, also past the flush window.
-#include "image/kernels.hpp"
+#include "kernels/count.hpp"
 #include "kernel_support.hpp"
 
 using namespace kernel_test;
