@@ -4,33 +4,42 @@
 #include <cstring>
 
 namespace morven {
+namespace {
+
+inline uint32_t word(const uint8_t *p) {
+    uint32_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+}
+
+// The samples to take now: at most n, and not past the window.
+inline size_t takeFrom(size_t n, uint32_t used, uint32_t window) {
+    const size_t room = window - used;
+    return n < room ? n : room;
+}
+
+}  // namespace
 
 void ByteCounter::add(const uint8_t *p, size_t n) noexcept {
     while (n > 0) {
-        if (used_ == kWindow) flush();
-        const size_t take = n < kWindow - used_ ? n : kWindow - used_;
-        // Byte j in counting order goes to table j % 8: single bytes up to a
-        // multiple of eight, then eight at a time from one 64-bit load.
-        unsigned k = used_ % kTables;
-        const uint8_t *end = p + take;
-        for (; p < end && k != 0; ++p, k = (k + 1) % kTables) ++sub_[k][*p];
-        for (; end - p >= 8; p += 8) {
-            uint64_t w;
-            std::memcpy(&w, p, 8);
-            for (unsigned t = 0; t < kTables; ++t) ++sub_[t][(w >> (8 * t)) & 0xFF];
+        if (used_ >= window_) flush();
+        const size_t take = takeFrom(n, used_, window_);
+        size_t i = 0;
+        for (; i + 8 <= take; i += 8) {
+            const uint32_t w[2] = {word(p + i), word(p + i + 4)};
+#pragma GCC unroll 8
+            for (int k = 0; k < 8; ++k) ++sub_[k % kTables][(w[k / 4] >> (8 * (k % 4))) & 0xFF];
         }
-        for (k = 0; p < end; ++p, ++k) ++sub_[k][*p];
+        for (; i < take; ++i) ++sub_[i % kTables][p[i]];
         used_ += static_cast<uint32_t>(take);
+        p += take;
         n -= take;
     }
 }
 
 void ByteCounter::flush() noexcept {
-    for (int v = 0; v < 256; ++v) {
-        uint64_t sum = 0;
-        for (unsigned k = 0; k < kTables; ++k) sum += sub_[k][v];
-        total_[v] += sum;
-    }
+    for (int v = 0; v < 256; ++v)
+        for (int k = 0; k < kTables; ++k) total_[v] += sub_[k][v];
     std::memset(sub_, 0, sizeof sub_);
     used_ = 0;
 }
@@ -40,30 +49,37 @@ const uint64_t *ByteCounter::totals() noexcept {
     return total_;
 }
 
-template <int Stride>
-void ChannelCounter::addWindow(const uint8_t *p, const ptrdiff_t o[3], size_t take) noexcept {
-    const uint8_t *b = p + o[0], *g = p + o[1], *r = p + o[2];
-    auto one = [&](unsigned t, size_t j) {
-        ++sub_[2][t][b[j * Stride]];
-        ++sub_[1][t][g[j * Stride]];
-        ++sub_[0][t][r[j * Stride]];
-    };
+// Eight pixels per step from Stride-byte words, byte k of the step being
+// position k % Stride of pixel k / Stride; position Skip is not counted.
+template <int Stride, int Skip>
+void ChannelCounter::addPixels(const uint8_t *p, size_t pixels) noexcept {
     size_t i = 0;
-    unsigned k = used_ % kTables;
-    for (; i < take && k != 0; ++i, k = (k + 1) % kTables) one(k, i);
-    for (; i + kTables <= take; i += kTables)
-        for (unsigned t = 0; t < kTables; ++t) one(t, i + t);
-    for (k = 0; i < take; ++i, ++k) one(k, i);
+    for (; i + 8 <= pixels; i += 8, p += 8 * Stride) {
+        uint32_t w[2 * Stride];
+        for (int q = 0; q < 2 * Stride; ++q) w[q] = word(p + 4 * q);
+#pragma GCC unroll 32
+        for (int k = 0; k < 8 * Stride; ++k)
+            if (k % Stride != Skip) ++sub_[(k / Stride) % kTables][k % Stride][(w[k / 4] >> (8 * (k % 4))) & 0xFF];
+    }
+    for (; i < pixels; ++i, p += Stride)
+        for (int k = 0; k < Stride; ++k)
+            if (k != Skip) ++sub_[i % kTables][k][p[k]];
 }
 
 void ChannelCounter::add(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], size_t pixels) noexcept {
+    std::memcpy(offsets_, o, sizeof offsets_);
+    // The one position of a 4-byte pixel that holds no channel 1-3.
+    const int skip = stride == 3 ? -1 : static_cast<int>(6 - o[0] - o[1] - o[2]);
     while (pixels > 0) {
-        if (used_ == kWindow) flush();
-        const size_t take = pixels < kWindow - used_ ? pixels : kWindow - used_;
-        if (stride == 3)
-            addWindow<3>(p, o, take);
-        else
-            addWindow<4>(p, o, take);
+        if (used_ >= window_) flush();
+        const size_t take = takeFrom(pixels, used_, window_);
+        switch (skip) {
+            case 0: addPixels<4, 0>(p, take); break;
+            case 1: addPixels<4, 1>(p, take); break;
+            case 2: addPixels<4, 2>(p, take); break;
+            case 3: addPixels<4, 3>(p, take); break;
+            default: addPixels<3, -1>(p, take); break;
+        }
         used_ += static_cast<uint32_t>(take);
         pixels -= take;
         p += take * static_cast<size_t>(stride);
@@ -71,19 +87,16 @@ void ChannelCounter::add(const uint8_t *p, int32_t stride, const ptrdiff_t o[3],
 }
 
 void ChannelCounter::flush() noexcept {
-    for (int a = 0; a < 3; ++a)
-        for (int v = 0; v < 256; ++v) {
-            uint64_t sum = 0;
-            for (unsigned k = 0; k < kTables; ++k) sum += sub_[a][k][v];
-            total_[a][v] += sum;
-        }
+    for (int pos = 0; pos < 4; ++pos)
+        for (int v = 0; v < 256; ++v)
+            for (int k = 0; k < kTables; ++k) total_[pos][v] += sub_[k][pos][v];
     std::memset(sub_, 0, sizeof sub_);
     used_ = 0;
 }
 
 const uint64_t *ChannelCounter::totals(int a) noexcept {
     flush();
-    return total_[a];
+    return total_[offsets_[2 - a]];
 }
 
 }  // namespace morven

@@ -2,9 +2,12 @@
 //
 // AVX-512 VBMI indexes a 256-entry table held in four registers with two
 // 128-byte two-source permutes and picks by the index's top bit; AVX2 runs
-// sixteen 16-entry shuffles over slices of the table. Interleaved pixels
-// whose channels use different tables are looked up per table and merged by
-// lane masks (AVX-512) or split into planes first (AVX2).
+// sixteen 16-entry shuffles over slices of the table, half a table at a time
+// over chunks of a row. Interleaved pixels whose channels use different
+// tables are looked up per table and merged by lane masks (AVX-512) or split
+// into planes first (AVX2).
+#include <algorithm>
+
 #include "kernels/variants.hpp"
 #include "kernels/x86.hpp"
 
@@ -109,23 +112,43 @@ MORVEN_AVX2 inline Table256 loadTable256(const uint8_t *t) {
     return out;
 }
 
-// t[x] for 32 indices. A shuffle yields 0 where its index has bit 7 set, so
-// with t = x - 16 k a lane of x < 128 picks up the slices k = 0 .. x / 16 and
-// nothing else; the same walk over x ^ 0x80 serves the upper half. Bit 7 of
-// x chooses between the two.
-MORVEN_AVX2 inline __m256i lookup256(const Table256 &t, __m256i x) {
+// One half of a look-up: slices[0..7] of one half of the table for the
+// indices idx (x, or x ^ 0x80 for the upper half). A shuffle yields 0 where
+// its index has bit 7 set, so with idx - 16 k a lane of idx < 128 picks up
+// the slices k = 0 .. idx / 16 and nothing else.
+MORVEN_AVX2 inline __m256i lookupHalf(const __m256i *slices, __m256i idx) {
     const __m256i sixteen = _mm256_set1_epi8(16);
-    __m256i lo = x;
-    __m256i hi = _mm256_xor_si256(x, _mm256_set1_epi8(static_cast<char>(0x80)));
-    __m256i a = _mm256_shuffle_epi8(t.d[0], lo);
-    __m256i b = _mm256_shuffle_epi8(t.d[8], hi);
+    __m256i a = _mm256_shuffle_epi8(slices[0], idx);
     for (int k = 1; k < 8; ++k) {
-        lo = _mm256_sub_epi8(lo, sixteen);
-        hi = _mm256_sub_epi8(hi, sixteen);
-        a = _mm256_xor_si256(a, _mm256_shuffle_epi8(t.d[k], lo));
-        b = _mm256_xor_si256(b, _mm256_shuffle_epi8(t.d[8 + k], hi));
+        idx = _mm256_sub_epi8(idx, sixteen);
+        a = _mm256_xor_si256(a, _mm256_shuffle_epi8(slices[k], idx));
     }
-    return _mm256_blendv_epi8(a, b, x);
+    return a;
+}
+
+// Bytes are looked up in chunks: a whole table does not fit in the sixteen
+// vector registers, so each half of it stays in registers over the chunk
+// (the lower half into a scratch row, then the upper half, chosen by bit 7
+// of the index). A chunk holds whole 3- and 4-byte pixels in whole vectors.
+constexpr size_t kChunk = 1536;
+
+// dst[i] = t[src[i]] for n bytes (a multiple of 32, at most kChunk); dst
+// may be src.
+MORVEN_AVX2 void lookupBytes256(const Table256 &t, const uint8_t *src, uint8_t *dst, size_t n) {
+    alignas(32) uint8_t low[kChunk];
+    {
+        __m256i slices[8];
+        for (int k = 0; k < 8; ++k) slices[k] = t.d[k];
+        for (size_t i = 0; i < n; i += 32) store256(low + i, lookupHalf(slices, load256(src + i)));
+    }
+    __m256i slices[8];
+    for (int k = 0; k < 8; ++k) slices[k] = t.d[8 + k];
+    const __m256i top = _mm256_set1_epi8(static_cast<char>(0x80));
+    for (size_t i = 0; i < n; i += 32) {
+        const __m256i x = load256(src + i);
+        const __m256i high = lookupHalf(slices, _mm256_xor_si256(x, top));
+        store256(dst + i, _mm256_blendv_epi8(load256(low + i), high, x));
+    }
 }
 
 // 0xFF in the lanes whose destination byte stays: byte j of the vector lies
@@ -133,74 +156,85 @@ MORVEN_AVX2 inline __m256i lookup256(const Table256 &t, __m256i x) {
 // positions).
 MORVEN_AVX2 inline __m256i keepMask256(const LutPlan &plan, int stride, size_t off, bool sameLanes) {
     alignas(32) uint8_t m[32];
-    for (int j = 0; j < 32; ++j)
-        m[j] = plan.slot[(off + (sameLanes ? j % 16 : j)) % stride] < 0 ? 0xFF : 0;
+    for (int j = 0; j < 32; ++j) m[j] = plan.slot[(off + (sameLanes ? j % 16 : j)) % stride] < 0 ? 0xFF : 0;
     return load256(m);
 }
 
 // One table for every looked-up byte: the row is a plain byte stream, with
 // the kept bytes restored from the destination. Returns the bytes done, a
 // whole number of pixels.
-MORVEN_AVX2 size_t lutBytesOneTable256(const Table256 &t, const LutPlan &plan, int stride,
-                                       const uint8_t *src, uint8_t *dst, size_t bytes) {
-    size_t off = 0;
-    if (!plan.keeps) {
-        for (; off + 64 <= bytes; off += 64) {
-            const __m256i r0 = lookup256(t, load256(src + off));
-            const __m256i r1 = lookup256(t, load256(src + off + 32));
-            store256(dst + off, r0);
-            store256(dst + off + 32, r1);
-        }
-        for (; off + 32 <= bytes; off += 32) store256(dst + off, lookup256(t, load256(src + off)));
-        // Byte by byte to the end: the vector part need not stop between pixels.
-        for (; off < bytes; ++off) dst[off] = plan.tables[0][src[off]];
-        return off;
-    }
-    // 32 bytes hold whole 4-byte pixels, 96 bytes whole 3-byte ones.
+MORVEN_AVX2 size_t lutBytesOneTable256(const Table256 &t, const LutPlan &plan, int stride, const uint8_t *src,
+                                       uint8_t *dst, size_t bytes) {
+    // With kept bytes a step is 32 bytes of 4-byte pixels or 96 bytes of
+    // 3-byte ones (whole pixels, over which the keep masks repeat); kChunk
+    // is a whole number of steps.
     const int period = stride == 3 ? 3 : 1;
+    const size_t step = plan.keeps ? 32 * static_cast<size_t>(period) : 32;
     __m256i keep[3];
     for (int q = 0; q < period; ++q) keep[q] = keepMask256(plan, stride, 32 * static_cast<size_t>(q), false);
-    const size_t group = 32 * static_cast<size_t>(period);
-    for (; off + group <= bytes; off += group)
-        for (int q = 0; q < period; ++q) {
-            const size_t o = off + 32 * static_cast<size_t>(q);
-            const __m256i r = lookup256(t, load256(src + o));
-            store256(dst + o, _mm256_blendv_epi8(r, load256(dst + o), keep[q]));
+    alignas(32) uint8_t out[kChunk];
+    size_t off = 0;
+    while (bytes - off >= step) {
+        const size_t n = std::min(kChunk, (bytes - off) / step * step);
+        if (!plan.keeps) {
+            lookupBytes256(t, src + off, dst + off, n);
+        } else {
+            lookupBytes256(t, src + off, out, n);
+            for (size_t i = 0; i < n; i += 32)
+                store256(dst + off + i, _mm256_blendv_epi8(load256(out + i), load256(dst + off + i), keep[(i / 32) % period]));
         }
+        off += n;
+    }
+    // Without kept bytes, byte by byte to the end (the vector part need not
+    // stop between pixels); with them the caller finishes the pixels.
+    if (!plan.keeps)
+        for (; off < bytes; ++off) dst[off] = plan.tables[0][src[off]];
     return off;
 }
 
-// 3-byte pixels with several tables: 32 pixels per step, split into planes
-// in two 48-byte lanes.
+// 3-byte pixels with several tables: chunks of 512 pixels are split into
+// three planes, each plane is looked up through its table, and the planes
+// are merged back (kept positions from the destination). Returns the
+// pixels done.
 MORVEN_AVX2 size_t lutPixels3Split256(const Table256 *tabs, const LutPlan &plan, const uint8_t *src,
                                       uint8_t *dst, size_t pixels) {
+    constexpr size_t kPixels = kChunk / 3;
     // Both lanes of output vector o cover bytes 16 o .. 16 o + 15 of a
     // 48-byte group.
     __m256i keep[3];
     for (int o = 0; o < 3; ++o)
         keep[o] = plan.keeps ? keepMask256(plan, 3, 16 * static_cast<size_t>(o), true) : _mm256_setzero_si256();
-    size_t i = 0;
-    for (; i + 32 <= pixels; i += 32) {
-        const uint8_t *s = src + 3 * i;
-        uint8_t *d = dst + 3 * i;
-        __m256i v[3], plane[3];
-        loadPixels3(s, v);
-        for (int p = 0; p < 3; ++p) {
-            plane[p] = plane3(v, p);
-            if (plan.slot[p] >= 0) plane[p] = lookup256(tabs[plan.slot[p]], plane[p]);
+    alignas(32) uint8_t planes[3][kPixels];
+    size_t done = 0;
+    while (pixels - done >= 32) {
+        const size_t n = std::min(kPixels, (pixels - done) & ~size_t{31});
+        const uint8_t *s = src + 3 * done;
+        uint8_t *d = dst + 3 * done;
+        for (size_t i = 0; i < n; i += 32) {
+            __m256i v[3];
+            loadPixels3(s + 3 * i, v);
+            for (int p = 0; p < 3; ++p) store256(planes[p] + i, plane3(v, p));
         }
-        for (int o = 0; o < 3; ++o) {
-            __m256i r = merge3(plane, o);
-            if (plan.keeps) r = _mm256_blendv_epi8(r, load2x128(d + 16 * o, d + 48 + 16 * o), keep[o]);
-            store2x128(d + 16 * o, d + 48 + 16 * o, r);
+        for (int p = 0; p < 3; ++p)
+            if (plan.slot[p] >= 0) lookupBytes256(tabs[plan.slot[p]], planes[p], planes[p], n);
+        for (size_t i = 0; i < n; i += 32) {
+            const __m256i plane[3] = {load256(planes[0] + i), load256(planes[1] + i), load256(planes[2] + i)};
+            uint8_t *q = d + 3 * i;
+            for (int o = 0; o < 3; ++o) {
+                __m256i r = merge3(plane, o);
+                if (plan.keeps) r = _mm256_blendv_epi8(r, load2x128(q + 16 * o, q + 48 + 16 * o), keep[o]);
+                store2x128(q + 16 * o, q + 48 + 16 * o, r);
+            }
         }
+        done += n;
     }
-    return i;
+    return done;
 }
 
-// 4-byte pixels with several tables: 32 pixels per step; each lane's four
-// pixels are gathered by position into dwords, then a 4 x 4 dword transpose
-// across the four vectors gives one plane per position (and undoes itself).
+// 4-byte pixels with several tables: each lane's four pixels are gathered
+// by position into dwords, then a 4 x 4 dword transpose across four vectors
+// gives one plane per position (and undoes itself); chunks of 384 pixels
+// go through planes as with 3-byte pixels.
 MORVEN_AVX2 inline void transpose4(__m256i &a, __m256i &b, __m256i &c, __m256i &d) {
     const __m256i t0 = _mm256_unpacklo_epi32(a, b);
     const __m256i t1 = _mm256_unpackhi_epi32(a, b);
@@ -214,27 +248,38 @@ MORVEN_AVX2 inline void transpose4(__m256i &a, __m256i &b, __m256i &c, __m256i &
 
 MORVEN_AVX2 size_t lutPixels4Split256(const Table256 *tabs, const LutPlan &plan, const uint8_t *src,
                                       uint8_t *dst, size_t pixels) {
+    constexpr size_t kPixels = kChunk / 4;
     // Byte transpose of a 4 x 4 block: its own inverse.
-    const __m256i gather = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0,
-                                            4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const __m256i gather = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0, 4, 8, 12, 1,
+                                            5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
     const __m256i keep = plan.keeps ? keepMask256(plan, 4, 0, false) : _mm256_setzero_si256();
-    size_t i = 0;
-    for (; i + 32 <= pixels; i += 32) {
-        const uint8_t *s = src + 4 * i;
-        uint8_t *d = dst + 4 * i;
-        __m256i p[4];
-        for (int k = 0; k < 4; ++k) p[k] = _mm256_shuffle_epi8(load256(s + 32 * k), gather);
-        transpose4(p[0], p[1], p[2], p[3]);
-        for (int k = 0; k < 4; ++k)
-            if (plan.slot[k] >= 0) p[k] = lookup256(tabs[plan.slot[k]], p[k]);
-        transpose4(p[0], p[1], p[2], p[3]);
-        for (int k = 0; k < 4; ++k) {
-            __m256i r = _mm256_shuffle_epi8(p[k], gather);
-            if (plan.keeps) r = _mm256_blendv_epi8(r, load256(d + 32 * k), keep);
-            store256(d + 32 * k, r);
+    alignas(32) uint8_t planes[4][kPixels];
+    size_t done = 0;
+    while (pixels - done >= 32) {
+        const size_t n = std::min(kPixels, (pixels - done) & ~size_t{31});
+        const uint8_t *s = src + 4 * done;
+        uint8_t *d = dst + 4 * done;
+        for (size_t i = 0; i < n; i += 32) {
+            __m256i p[4];
+            for (int k = 0; k < 4; ++k) p[k] = _mm256_shuffle_epi8(load256(s + 4 * i + 32 * k), gather);
+            transpose4(p[0], p[1], p[2], p[3]);
+            for (int k = 0; k < 4; ++k) store256(planes[k] + i, p[k]);
         }
+        for (int k = 0; k < 4; ++k)
+            if (plan.slot[k] >= 0) lookupBytes256(tabs[plan.slot[k]], planes[k], planes[k], n);
+        for (size_t i = 0; i < n; i += 32) {
+            __m256i p[4];
+            for (int k = 0; k < 4; ++k) p[k] = load256(planes[k] + i);
+            transpose4(p[0], p[1], p[2], p[3]);
+            for (int k = 0; k < 4; ++k) {
+                __m256i r = _mm256_shuffle_epi8(p[k], gather);
+                if (plan.keeps) r = _mm256_blendv_epi8(r, load256(d + 4 * i + 32 * k), keep);
+                store256(d + 4 * i + 32 * k, r);
+            }
+        }
+        done += n;
     }
-    return i;
+    return done;
 }
 
 }  // namespace
