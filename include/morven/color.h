@@ -92,6 +92,25 @@ MORVEN_API wzStatus wzAddWeigthedM(const wzImage *a, const wzImage *b, wzImage *
  * 8-bit or has an encoding above 4; else 0. */
 MORVEN_API wzStatus wzSubstitute(const wzImage *src, wzImage *dst, const wzImage *mask);
 
+
+/* ======================================================================== */
+/* Extensions                                                               */
+/* ======================================================================== */
+
+/** wzAddWeigthedM for 16-bit images: per channel 1..3 (the one channel of a
+ *  gray image) over a's region, each image from its own region origin,
+ *  dst = a + w (b - a) with w = mask / 255, in double precision rounded to
+ *  the nearest level, so that mask level 255 gives b exactly and 0 gives a.
+ *  A fourth channel of dst is left as it was.
+ *  @param a 16-bit image (the weight 0 side).
+ *  @param b 16-bit image of a's encoding (the weight 255 side).
+ *  @param dst 16-bit image of a's encoding; may be a or b.
+ *  @param mask 8-bit gray weights.
+ *  @return 0; 1, writing nothing, when the images are not 16-bit of one
+ *          encoding or the mask is not 8-bit gray. */
+MORVEN_API wzStatus wzAddWeigthedM16(const wzImage *a, const wzImage *b, wzImage *dst,
+                                     const wzImage *mask);
+
 MORVEN_EXTERN_C_END
 
 #endif /* MORVEN_COLOR_H */

@@ -155,9 +155,10 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
 /* ======================================================================== */
 
 /** wzContrastEnhanceStatsRetrieve over the pixels the mask selects: the
- *  brightness histogram of those pixels, and total = their number. With a
- *  null mask, or one of all 255, the record equals that of
- *  wzContrastEnhanceStatsRetrieve (for images of fewer than 2^31 pixels).
+ *  brightness histogram of those pixels, and total = their number. For an
+ *  8-bit image with a null mask, or one of all 255, the record equals that
+ *  of wzContrastEnhanceStatsRetrieve (for images of fewer than 2^31
+ *  pixels).
  *  @param stats the record, replaced.
  *  @param image 8-bit or 16-bit image; a 16-bit brightness b counts in bin
  *         (b + 128) / 257.

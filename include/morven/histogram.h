@@ -383,8 +383,10 @@ MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *s
  *         all-zero defaults.
  *  @param source source image, 8-bit or 16-bit.
  *  @param mask blend mask (8-bit gray), or null.
- *  @param destination destination of the source's type and channel count;
- *         may be the source.
+ *  @param destination destination of the source's type, gray if and only if
+ *         the source is (channels are matched by number, so a three-channel
+ *         source may fill a four-channel destination); its region at least
+ *         the source's; may be the source.
  *  @param cancel cancel flag read before every row of each pass, or null.
  *  @return 0; 1 for rejected arguments (types, encodings, masks of the wrong
  *          size, an unknown space, a deep target of another space, no
@@ -423,7 +425,8 @@ MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const w
  *  @param statsMask statistics mask, or null.
  *  @param destination destination of the source's type; may be the source.
  *  @return 0 when stretched; 1 as wzHistogramStretch (every channel holds a
- *          single value: copied unchanged) and for rejected arguments;
+ *          single value: copied unchanged) and for rejected arguments (no
+ *          memory is allocated);
  *          WZ_STATUS_NO_PIXELS when the mask selects no pixel (the
  *          destination's region holds the source's values). */
 MORVEN_API wzStatus wzHistogramStretchMasked(const wzImage *source, const wzImage *statsMask,

@@ -5,7 +5,8 @@ and shape ``(H, W)``, ``(H, W, 3)`` or ``(H, W, 4)``. They are handed to the
 library as they lie in memory, without a copy; ``order`` says how the colour
 channels are stored: ``"RGB"`` (what imaging and plotting libraries use, and
 RGBA for four channels) or ``"BGR"`` (what computer-vision libraries use).
-Alpha is never changed.
+Alpha is never changed: a new result carries the source's alpha, an ``out``
+array keeps its own.
 
 Every function releases the GIL while the library works, and Ctrl-C stops a
 long call from the main thread within a row or a pass (KeyboardInterrupt).

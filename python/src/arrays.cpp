@@ -1,6 +1,7 @@
 #include "arrays.hpp"
 
 #include <climits>
+#include <cstring>
 #include <new>
 
 namespace morven::python {
@@ -134,7 +135,13 @@ View View::rows(const View &whole, int32_t first, int32_t count) {
 
 py::array destinationFor(const View &source, py::handle out) {
     const py::array &s = source.array();
-    if (out.is_none()) return py::array(s.dtype(), std::vector<py::ssize_t>(s.shape(), s.shape() + s.ndim()));
+    if (out.is_none()) {
+        py::array fresh(s.dtype(), std::vector<py::ssize_t>(s.shape(), s.shape() + s.ndim()));
+        // The library leaves a fourth channel as it was: a new result takes
+        // the source's alpha.
+        if (s.ndim() == 3 && s.shape(2) == 4) std::memcpy(fresh.mutable_data(), s.data(), s.nbytes());
+        return fresh;
+    }
     py::array o = asArray(out, "out");
     bool sameShape = o.ndim() == s.ndim();
     for (py::ssize_t i = 0; sameShape && i < s.ndim(); ++i) sameShape = o.shape(i) == s.shape(i);

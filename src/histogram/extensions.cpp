@@ -383,24 +383,29 @@ MORVEN_API wzStatus wzHistogramStretchMasked(const wzImage *source, const wzImag
         }
     }
     if (!any) return unchanged(source, destination);
-    FreePtr<wzHistogramMatchCurves> curves(static_cast<wzHistogramMatchCurves *>(
-        std::malloc(sizeof(wzHistogramMatchCurves))));
-    if (!curves) return WZ_STATUS_ERROR;
-    setIdentity(*curves, wzSpaceChannels);
-    for (int k = 0; k < channels; ++k) {
-        if (lo[k] == hi[k]) continue;  // a single value: that channel stays as it is
-        const double scale = 65535.0 / (hi[k] - lo[k]);
-        for (uint32_t v = 0; v < static_cast<uint32_t>(kLevels); ++v)
-            curves->centre[k][v] = v < lo[k] ? 0.0f
-                                 : v >= hi[k] ? 65535.0f
-                                              : static_cast<float>(static_cast<uint32_t>(scale * (v - lo[k])));
-        curves->mapped |= 1 << k;
-    }
-    if (!curves->mapped) {
-        wzCopy(source, destination);
+    if (lo[0] == hi[0] && (channels == 1 || (lo[1] == hi[1] && lo[2] == hi[2]))) {
+        wzCopy(source, destination);  // every channel holds a single value
         return WZ_STATUS_ERROR;
     }
-    return applyRecord(*curves, *source, *destination, nullptr);
+    // Per sample, nothing allocated: a channel holding one value stays as it is.
+    const PixelLayout out = pixelLayout(*destination);
+    Cursor s = regionCursor(*source), d = regionCursor(*destination);
+    for (int32_t y = 0; y < source->roi.height; ++y) {
+        for (int32_t x = 0; x < cols; ++x, s.p += s.step, d.p += d.step) {
+            uint16_t v[3];
+            for (int k = 0; k < channels; ++k) {
+                const uint32_t level = loadElement<uint16_t>(s.p + layout.c[k]);
+                v[k] = lo[k] == hi[k] ? static_cast<uint16_t>(level)
+                     : level < lo[k]  ? 0
+                     : level >= hi[k] ? 65535
+                                      : static_cast<uint16_t>(65535.0 / (hi[k] - lo[k]) * (level - lo[k]));
+            }
+            for (int k = 0; k < channels; ++k) storeRaw<uint16_t>(d.p + out.c[k], v[k]);
+        }
+        s.p += s.gap;
+        d.p += d.gap;
+    }
+    return WZ_STATUS_OK;
 }
 
 }  // extern "C"

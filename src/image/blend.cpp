@@ -110,6 +110,11 @@ MORVEN_API wzStatus wzAddWeigthedM(const wzImage *a, const wzImage *b, wzImage *
     return WZ_STATUS_OK;
 }
 
+MORVEN_API wzStatus wzAddWeigthedM16(const wzImage *a, const wzImage *b, wzImage *dst,
+                                     const wzImage *mask) {
+    return blendMasked16(*a, *b, *dst, *mask) ? WZ_STATUS_OK : WZ_STATUS_ERROR;
+}
+
 MORVEN_API wzStatus wzSubstitute(const wzImage *src, wzImage *dst, const wzImage *mask) {
     if (!is8BitWithValidEncoding(*src) || !is8BitWithValidEncoding(*dst) ||
         !is8BitWithValidEncoding(*mask))

@@ -452,6 +452,82 @@ TEST(AllocFailure, ImageFilters) {
     wzHistogramTransferSupportRelease(&support);
 }
 
+// The extensions: every allocation precedes the first write of its stage,
+// so a failure leaves the input, or the stages already finished. Counts of
+// points are lower bounds: working memory depends on the space and depth.
+TEST(AllocFailure, Extensions) {
+    const auto image16 = [](int32_t w, int32_t h, uint32_t encoding, uint32_t seed) {
+        wzImage *img = wzImageCreateWithType(w, h, encoding, wzType16U);
+        fillLevels(img->data, blockBytes(img), seed);
+        return img;
+    };
+    wzImage *reference = randomImage(30, 26, wzEncodingBGR, 41, 70, 120), *source = randomImage(34, 26, wzEncodingBGR, 42, 20, 120);
+    wzImage *statsMask = randomImage(34, 26, wzEncodingGray, 43), *mask = randomImage(34, 26, wzEncodingGray, 44);
+    wzImage *source16 = image16(34, 26, wzEncodingBGR, 45), *out16 = wzImageCreateAs(source16);
+    wzImage *guide16 = image16(34, 26, wzEncodingBGR, 46), *noisy16 = wzImageCreateAs(guide16);
+    for (size_t i = 0; i < blockBytes(noisy16) / 2; ++i)  // the guide plus steps of up to 4096 levels
+        reinterpret_cast<uint16_t *>(noisy16->data)[i] = uint16_t(reinterpret_cast<uint16_t *>(guide16->data)[i] + i * 2654435761u % 4096);
+    wzImageColorProfile *target = profileOf(reference);
+    wzImageColorProfile16 *lab = wzImageColorProfile16Create(), *profile = wzImageColorProfile16Create();
+    wzImageFillColorProfile16(reference, nullptr, wzSpaceLab, lab);
+    const wzHistogramMatchParams match{0.9f, 0.8f, 0, 60, target};
+    const wzHistogramMatchOptions inLab{wzSpaceLab, 0, statsMask, lab}, counted{0, 0, statsMask, nullptr};
+    const wzContrastEnhanceParams contrast{9.0f, 30.0f, 0, 255, 0};
+    const wzSelectiveSmoothParams smooth{0.05f, 2};
+    wzHistogramTransferSupport *support = wzHistogramTransferSupportCreate();
+    const wzHistogramTransferParams full{target, 0.9f, 0.8f, 1, 9.0f, 50.0f, 1, 0.2f, 2, 255};
+    wzHistogramTransferParams matchOnly = full, matchContrast = full, smooth16 = full;
+    wzHistogramMatchCurves *curves = wzHistogramMatchCurvesCreate(), *labCurves = wzHistogramMatchCurvesCreate();
+    wzHistogramMatchCurvesCompute(lab, &match, lab, 3, labCurves);
+    wzImage *out = wzImageCreateAs(source);
+    matchOnly.contrastEnabled = matchOnly.smoothEnabled = matchContrast.smoothEnabled = smooth16.contrastEnabled = 0;
+    smooth16.smoothThreshold = 0.05f;
+    const auto transfer = [&](const wzHistogramTransferParams *p, const wzImage *m, wzImage *from, wzImage *to) {
+        return [=] { return long(wzHistogramTransferFilterWithOptions(p, &counted, support, from, m, to, nullptr)); };
+    };
+    sweepAll({
+        made("wzImageColorProfile16Create", wzImageColorProfile16Create, wzImageColorProfile16Release,
+             [](auto *p) { EXPECT_EQ(std::count(&p->bins[0][0], &p->bins[0][0] + 3 * 65536, 0.0) + !p->space, 3 * 65536 + 1); },
+             exactly(1)),
+        // The profile is replaced whatever the outcome: only the status is checked.
+        statusOp("wzImageFillColorProfile16 (Lab)", {Span{profile, sizeof *profile}}, false,
+                 [=] { return long(wzImageFillColorProfile16(source, statsMask, wzSpaceLab, profile)); }, atLeast(1),
+                 OnFailure::Unspecified),
+        statusOp("wzHistogramMatchFilterWithOptions (16-bit, Lab, in place, masks)", {span(source16)}, true,
+                 [=] { return long(wzHistogramMatchFilterWithOptions(&match, &inLab, source16, mask, source16, nullptr)); },
+                 atLeast(2)),
+        statusOp("wzHistogramEqualizationMasked (16-bit)", {span(out16)}, false,
+                 [=] { return long(wzHistogramEqualizationMasked(source16, statsMask, out16)); }, atLeast(1)),
+        statusOp("wzHistogramStretchMasked (16-bit)", {span(out16)}, false,
+                 [=] { return long(wzHistogramStretchMasked(source16, statsMask, out16)); }, exactly(0)),
+        statusOp("wzContrastEnhanceFilterMasked (16-bit, in place, masks)", {span(source16)}, true,
+                 [=] { return long(wzContrastEnhanceFilterMasked(&contrast, source16, statsMask, mask, source16, nullptr)); },
+                 atLeast(2)),
+        statusOp("wzHistogramTransferFilterWithOptions (in place, masks, contrast, smoothing)", {span(source)}, true,
+                 transfer(&full, mask, source, source), atLeast(3), OnFailure::Untouched,
+                 {transfer(&matchContrast, nullptr, source, source)}),  // masked contrast allocates nothing
+        statusOp("wzHistogramTransferFilterWithOptions (16-bit, mask, smoothing)", {span(out16)}, false,
+                 transfer(&smooth16, mask, noisy16, out16), atLeast(2), OnFailure::Untouched,
+                 {transfer(&matchOnly, nullptr, noisy16, out16)}),
+        statusOp("wzSelectiveSmooth16", {span(out16)}, false,
+                 [=] { return long(wzSelectiveSmooth16(&smooth, guide16, noisy16, out16, nullptr)); }, atLeast(1)),
+        made("wzHistogramMatchCurvesCreate", wzHistogramMatchCurvesCreate, wzHistogramMatchCurvesRelease,
+             [](auto *c) { EXPECT_EQ(c->mapped, 0); }, exactly(1)),
+        statusOp("wzHistogramMatchCurvesCompute (Lab)", {Span{curves, sizeof *curves}}, false,
+                 [=] { return long(wzHistogramMatchCurvesCompute(lab, &match, lab, 3, curves)); }, exactly(1)),
+        statusOp("wzHistogramMatchCurvesApply (Lab)", {span(out)}, false,
+                 [=] { return long(wzHistogramMatchCurvesApply(labCurves, source, out, nullptr)); }, atLeast(2)),
+    });
+    wzHistogramMatchCurvesRelease(&curves);
+    wzHistogramMatchCurvesRelease(&labCurves);
+    wzImageRelease(&out);
+    for (wzImage **img : {&reference, &source, &statsMask, &mask, &source16, &out16, &guide16, &noisy16}) wzImageRelease(img);
+    wzImageColorProfileRelease(&target);
+    wzImageColorProfile16Release(&lab);
+    wzImageColorProfile16Release(&profile);
+    wzHistogramTransferSupportRelease(&support);
+}
+
 TEST(AllocFailure, VolumeHistogramFilters) {
     wzImage *reference = randomImage(16, 16, wzEncodingGray, 11, 100, 80);
     wzImageColorProfile *target = profileOf(reference);

@@ -1,6 +1,7 @@
-// The commands of the tool, one file each, and what they share: the output
-// options, the help text on formats, and the run of one picture through the
-// pipeline. Options are parsed by CLI11.
+// The commands of the tool, one file each, and what they share. A command
+// declares its options through Options (parsed by CLI11 in commands/cli.cpp,
+// the one file that includes it: the library is large and compiled once)
+// and runs once they are parsed.
 #pragma once
 
 #include <functional>
@@ -8,23 +9,53 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "run/pipeline.hpp"
 
 namespace morven::tool {
 
-struct Command {
-    CLI::App *app;
-    std::function<int()> run;  // after parsing; returns the exit status
+// The options of one command. Names are CLI11's: "-o,--output", "--strength";
+// a value is written into `to` when given, which otherwise keeps its default.
+class Options {
+public:
+    virtual ~Options() = default;
+    // Positional arguments, in order.
+    virtual void arguments(const std::string &name, std::vector<std::string> &to, const std::string &help,
+                           bool required) = 0;
+    virtual void flag(const std::string &names, bool &to, const std::string &help) = 0;
+    virtual void text(const std::string &names, std::string &to, const std::string &valueName,
+                      const std::string &help) = 0;
+    virtual void number(const std::string &names, float &to, double low, double high, const std::string &valueName,
+                        const std::string &help) = 0;
+    virtual void number(const std::string &names, int &to, int low, int high, const std::string &valueName,
+                        const std::string &help) = 0;
+    // One of the given words (any case; `to` receives it in lower case).
+    virtual void choice(const std::string &names, std::string &to, const std::vector<std::string> &words,
+                        const std::string &valueName, const std::string &help) = 0;
+    // The option is refused without the other one, or with it.
+    virtual void needs(const std::string &option, const std::string &other) = 0;
+    virtual void excludes(const std::string &option, const std::string &other) = 0;
+    // After parsing: whether the option was given.
+    virtual bool given(const std::string &option) const = 0;
 };
 
-Command addTransferCommand(CLI::App &root);
-Command addEqualizeCommand(CLI::App &root);
-Command addStretchCommand(CLI::App &root);
-Command addContrastCommand(CLI::App &root);
-Command addSmoothCommand(CLI::App &root);
-Command addInfoCommand(CLI::App &root);
+struct Command {
+    std::string name;
+    std::string summary;  // one line, for `morven --help`
+    std::string usage;    // "morven transfer SOURCE REFERENCE -o OUTPUT [options]"
+    std::string details;  // the paragraph after the options
+    std::function<void(Options &)> declare;
+    std::function<int(const Options &)> run;  // returns the exit status
+};
+
+Command transferCommand();
+Command equalizeCommand();
+Command stretchCommand();
+Command contrastCommand();
+Command smoothCommand();
+Command infoCommand();
+
+// Parses the command line, runs the command and returns the exit status.
+int runCommandLine(int argc, char **argv, const std::vector<Command> &commands);
 
 // The options of every command that writes pictures.
 struct OutputOptions {
@@ -33,15 +64,11 @@ struct OutputOptions {
     bool lossless = false, strip = false, force = false, skipExisting = false, quiet = false, verbose = false;
     RunSettings settings() const;
 };
-void addOutputOptions(CLI::App &app, OutputOptions &options, const std::string &outputHelp);
+void declareOutputOptions(Options &options, OutputOptions &to, const std::string &outputHelp);
 
-// The help of a command: its usage lines (shown first), then the one-line
-// summary given to add_subcommand (also shown in `morven --help`), the
-// options, and details followed by what the inputs and outputs can be, the
-// limits and the exit statuses.
-void describeCommand(CLI::App &app, const std::string &usage, const std::string &details);
-// The help layout of the tool, set on the top-level app.
-std::shared_ptr<CLI::FormatterBase> helpFormatter();
+// What the inputs and outputs can be, the limits and the exit statuses: the
+// closing paragraph of every command's help.
+std::string formatsHelp();
 
 // The format named by an output's extension; throws UsageError otherwise.
 Format outputFormat(const std::string &path, const char *what = "output");

@@ -48,8 +48,8 @@ void printChannel(const char *name, const double *bins, int depth) {
 }
 
 void printInfo(const std::string &path, const Picture &p, const std::vector<std::string> &notes) {
-    std::printf("%s: %s, %d x %d, %s, %d bits per sample", path.c_str(), formatName(p.format), p.width, p.height,
-                layoutName(p.channels), p.fileDepth);
+    std::printf("%s: %s, %d x %d, %s, %d bit%s per sample", path.c_str(), formatName(p.format), p.width, p.height,
+                layoutName(p.channels), p.fileDepth, p.fileDepth == 1 ? "" : "s");
     if (p.fileDepth != p.depth) std::printf(" (read as %d)", p.depth);
     std::printf("\n");
     if (p.orientation != 1)
@@ -93,17 +93,16 @@ void printInfo(const std::string &path, const Picture &p, const std::vector<std:
 
 }  // namespace
 
-Command addInfoCommand(CLI::App &root) {
+Command infoCommand() {
     auto files = std::make_shared<std::vector<std::string>>();
-    CLI::App *app = root.add_subcommand("info", "print size, bit depth, orientation, profile, metadata and statistics");
-    describeCommand(*app, "morven info IMAGE...",
+    return {"info", "print size, bit depth, orientation, profile, metadata and statistics", "morven info IMAGE...",
             "Prints each picture's format, size, channels, bit depth, orientation, colour\n"
             "profile, resolution and metadata, and per channel the minimum, maximum, mean\n"
             "and the 1st, 5th, 25th, 50th, 75th, 95th and 99th percentiles of its values\n"
             "on its own scale (0..255 or 0..65535); fully transparent pixels count in no\n"
-            "colour statistic.");
-    app->add_option("IMAGE", *files, "pictures to describe")->required()->type_name("");
-    return {app, [files] {
+            "colour statistic.",
+            [files](Options &options) { options.arguments("IMAGE", *files, "pictures to describe", true); },
+            [files](const Options &) {
                 int status = kExitOk;
                 for (const std::string &path : *files) {
                     try {

@@ -1,5 +1,7 @@
 // morven transfer: the colours of a reference onto one picture, or onto many
 // in parallel.
+#include <cstdio>
+#include <filesystem>
 #include <thread>
 
 #include "command.hpp"
@@ -15,6 +17,7 @@ struct TransferOptions {
     std::vector<std::string> files;
     TransferSettings settings = defaultTransferSettings();
     bool ignoreProfiles = false;
+    std::string space = spaceName(kDefaultSpace);
     std::string mask, sourceMask, referenceMask, compare, reference, format;
     int jobs = int(std::max(1u, std::thread::hardware_concurrency()));
     OutputOptions out;
@@ -37,9 +40,11 @@ void checkSize(const std::string &maskPath, int maskWidth, int maskHeight, const
                                       std::to_string(picture.height));
 }
 
-int run(TransferOptions &o, const CLI::App &app) {
+int run(TransferOptions &o, const Options &given) {
     TransferSettings &s = o.settings;
     s.manageColour = !o.ignoreProfiles;
+    for (const wzWorkingSpace space : {wzSpaceChannels, wzSpaceLuma, wzSpaceYCbCr, wzSpaceLab})
+        if (o.space == spaceName(space)) s.space = space;
     const bool batch = !o.reference.empty();
     const RunSettings settings = o.out.settings();
     if (o.out.output.empty()) throw UsageError(batch ? "missing -o FOLDER" : "missing -o OUTPUT");
@@ -55,7 +60,7 @@ int run(TransferOptions &o, const CLI::App &app) {
             throw UsageError("expected SOURCE and REFERENCE, got " + std::to_string(o.files.size()) + " argument" +
                              (o.files.size() == 1 ? "" : "s"));
         for (const char *name : {"--format", "--jobs"})
-            if (app.count(name)) throw UsageError(std::string(name) + " is for batch runs (with --reference)");
+            if (given.given(name)) throw UsageError(std::string(name) + " is for batch runs (with --reference)");
         referencePath = o.files[1];
         outputFormat(o.out.output);
         if (!o.compare.empty() && o.compare == o.out.output) throw UsageError("--compare and -o name the same file");
@@ -95,7 +100,11 @@ int run(TransferOptions &o, const CLI::App &app) {
     Reference reference(std::move(referencePicture), std::move(referenceMask), s);
     const Support support = makeSupport();
     setup.library = clock.seconds();
-    if (settings.verbose) printLine("morven: reference " + referencePath + ": " + describeTimings(setup));
+    if (settings.verbose) {
+        char text[96];
+        std::snprintf(text, sizeof text, ": decode %.1f ms, library %.1f ms", setup.decode * 1e3, setup.library * 1e3);
+        printLine("morven: reference " + referencePath + text);
+    }
 
     const Operation transfer = [&](const std::string &path, Picture &picture, std::vector<std::string> &notes) {
         if (!blendMask.empty()) checkSize(o.mask, blendWidth, blendHeight, path, picture);
@@ -130,80 +139,64 @@ int run(TransferOptions &o, const CLI::App &app) {
     return kExitOk;
 }
 
+void declare(Options &options, TransferOptions &o) {
+    const TransferSettings d = defaultTransferSettings();
+    TransferSettings &s = o.settings;
+    options.arguments("FILES", o.files, "SOURCE REFERENCE, or with --reference the INPUT files and folders", false);
+    options.number("--strength", s.strength, 0, 1, "X", "share of the matched value, 0 to 1 (default " + shown(d.strength) + ")");
+    options.number("--fidelity", s.fidelity, 0, 1, "X",
+                   "below 1 smooths the matching curve, 0 to 1 (default " + shown(d.fidelity) + ")");
+    options.number("--max-step", s.maxStep, 0, 255, "N",
+                   "largest step of the matching curve, 0 to 255; 255 is no limit (default " + std::to_string(d.maxStep) + ")");
+    options.flag("--contrast", s.contrast, "stretch the contrast after matching");
+    options.number("--high-tail", s.highTail, 0, 1000, "P",
+                   "with --contrast: per mille of pixels clipped at the bright end (default " + shown(d.highTail) + ")");
+    options.number("--low-tail", s.lowTail, 0, 1000, "P",
+                   "with --contrast: per mille clipped at the dark end (default " + shown(d.lowTail) + ")");
+    options.flag("--smooth", s.smooth, "smooth the result selectively against the source");
+    options.number("--smooth-threshold", s.smoothThreshold, 0, 1, "X",
+                   "with --smooth: largest source step smoothed, fraction of full scale (default " +
+                       shown(d.smoothThreshold) + ")");
+    options.number("--smooth-iterations", s.smoothIterations, 0, 100000, "N",
+                   "with --smooth: passes per channel (default " + std::to_string(d.smoothIterations) + ")");
+    for (const char *option : {"--high-tail", "--low-tail"}) options.needs(option, "--contrast");
+    for (const char *option : {"--smooth-threshold", "--smooth-iterations"}) options.needs(option, "--smooth");
+    options.choice("--space", o.space, {"rgb", "luma", "ycbcr", "lab"}, "SPACE",
+                   std::string("working space: rgb (each channel), luma (lightness only), ycbcr or lab; default ") +
+                       spaceName(kDefaultSpace) + ": fewest false colours in shadows and neutrals; see docs/colour-spaces.md");
+    options.flag("--ignore-profiles", o.ignoreProfiles, "no colour management: match the stored values as they are");
+    options.text("--mask", o.mask, "MASK", "gray picture of the source's size: 255 keeps the result, 0 the source");
+    options.text("--source-mask", o.sourceMask, "FILE",
+                 "gray picture of the source's size: only pixels where it is not black count in the statistics");
+    options.text("--reference-mask", o.referenceMask, "FILE",
+                 "gray picture of the reference's size: only pixels where it is not black count");
+    options.text("--compare", o.compare, "FILE", "also write source, reference and result side by side with histograms");
+    options.text("--reference", o.reference, "REF", "batch mode: the reference for every INPUT; -o names a folder");
+    options.number("-j,--jobs", o.jobs, 1, 1024, "N", "batch mode: parallel jobs (default: the number of processors)");
+    options.choice("--format", o.format, {"png", "jpg", "jpeg", "tif", "tiff", "webp"}, "png|jpeg|tiff|webp",
+                   "batch mode: output format (default: each input's own)");
+    declareOutputOptions(options, o.out, "file to write (.png, .jpg, .tif, .webp); with --reference, a folder");
+}
+
 }  // namespace
 
-Command addTransferCommand(CLI::App &root) {
+Command transferCommand() {
     auto o = std::make_shared<TransferOptions>();
-    const TransferSettings &d = o->settings;
-    CLI::App *app = root.add_subcommand("transfer", "give pictures the colours of a reference (one, or many in parallel)");
-    describeCommand(*app,
-                    "morven transfer SOURCE REFERENCE -o OUTPUT [options]\n"
-                    "       morven transfer --reference REFERENCE -o FOLDER INPUT... [options]",
-                    "Gives SOURCE the colour distribution of REFERENCE (histogram matching in a\n"
-                    "working space), optionally followed by a contrast stretch and selective\n"
-                    "smoothing, optionally blended back under a mask. REFERENCE is first\n"
-                    "converted into SOURCE's colour space (its ICC profile; none is sRGB), so\n"
-                    "colours that look alike match alike. A colour SOURCE with a gray REFERENCE\n"
-                    "has its luminance matched only. With --reference, every INPUT (files, or\n"
-                    "folders whose PNG, JPEG, TIFF and WebP files are taken) is transferred into\n"
-                    "FOLDER in parallel, keeping its name; one failed file does not stop the\n"
-                    "others.");
-    app->add_option("FILES", o->files, "SOURCE REFERENCE, or with --reference the INPUT files and folders")
-        ->type_name("");
-    const auto range = [](double low, double high) { return CLI::Range(low, high).description(""); };
-    app->add_option("--strength", o->settings.strength, "share of the matched value, 0 to 1 (default " + shown(d.strength) + ")")
-        ->type_name("X")->check(range(0, 1));
-    app->add_option("--fidelity", o->settings.fidelity,
-                    "below 1 smooths the matching curve, 0 to 1 (default " + shown(d.fidelity) + ")")
-        ->type_name("X")->check(range(0, 1));
-    app->add_option("--max-step", o->settings.maxStep,
-                    "largest step of the matching curve, 0 to 255; 255 is no limit (default " +
-                        std::to_string(d.maxStep) + ")")
-        ->type_name("N")->check(range(0, 255));
-    CLI::Option *contrast = app->add_flag("--contrast", o->settings.contrast, "stretch the contrast after matching");
-    app->add_option("--high-tail", o->settings.highTail,
-                    "with --contrast: per mille of pixels clipped at the bright end (default " + shown(d.highTail) + ")")
-        ->type_name("P")->check(range(0, 1000))->needs(contrast);
-    app->add_option("--low-tail", o->settings.lowTail,
-                    "with --contrast: per mille clipped at the dark end (default " + shown(d.lowTail) + ")")
-        ->type_name("P")->check(range(0, 1000))->needs(contrast);
-    CLI::Option *smooth = app->add_flag("--smooth", o->settings.smooth, "smooth the result selectively against the source");
-    app->add_option("--smooth-threshold", o->settings.smoothThreshold,
-                    "with --smooth: largest source step smoothed, fraction of full scale (default " +
-                        shown(d.smoothThreshold) + ")")
-        ->type_name("X")->check(range(0, 1))->needs(smooth);
-    app->add_option("--smooth-iterations", o->settings.smoothIterations,
-                    "with --smooth: passes per channel (default " + std::to_string(d.smoothIterations) + ")")
-        ->type_name("N")->check(range(0, 100000))->needs(smooth);
-    const std::map<std::string, wzWorkingSpace> spaces{
-        {"rgb", wzSpaceChannels}, {"luma", wzSpaceLuma}, {"ycbcr", wzSpaceYCbCr}, {"lab", wzSpaceLab}};
-    app->add_option("--space", o->settings.space,
-                    std::string("working space: rgb (each channel), luma (lightness only), ycbcr or lab; default ") +
-                        spaceName(kDefaultSpace) +
-                        ": fewest false colours in shadows and neutrals; see docs/colour-spaces.md")
-        ->type_name("SPACE")
-        ->transform(CLI::CheckedTransformer(spaces, CLI::ignore_case).description(""));
-    app->add_flag("--ignore-profiles", o->ignoreProfiles,
-                  "no colour management: match the stored values as they are");
-    app->add_option("--mask", o->mask, "gray picture of the source's size: 255 keeps the result, 0 the source")
-        ->type_name("MASK");
-    app->add_option("--source-mask", o->sourceMask,
-                    "gray picture of the source's size: only pixels where it is not black count in the statistics")
-        ->type_name("FILE");
-    app->add_option("--reference-mask", o->referenceMask,
-                    "gray picture of the reference's size: only pixels where it is not black count")
-        ->type_name("FILE");
-    app->add_option("--compare", o->compare, "also write source, reference and result side by side with histograms")
-        ->type_name("FILE");
-    app->add_option("--reference", o->reference, "batch mode: the reference for every INPUT; -o names a folder")
-        ->type_name("REF");
-    app->add_option("-j,--jobs", o->jobs, "batch mode: parallel jobs (default: the number of processors)")
-        ->type_name("N")->check(range(1, 1024));
-    app->add_option("--format", o->format, "batch mode: output format (default: each input's own)")
-        ->type_name("png|jpeg|tiff|webp")
-        ->check(CLI::IsMember({"png", "jpg", "jpeg", "tif", "tiff", "webp"}).description(""));
-    addOutputOptions(*app, o->out, "file to write (.png, .jpg, .tif, .webp); with --reference, a folder");
-    return {app, [o, app] { return run(*o, *app); }};
+    return {"transfer",
+            "give pictures the colours of a reference (one, or many in parallel)",
+            "morven transfer SOURCE REFERENCE -o OUTPUT [options]\n"
+            "       morven transfer --reference REFERENCE -o FOLDER INPUT... [options]",
+            "Gives SOURCE the colour distribution of REFERENCE (histogram matching in a\n"
+            "working space), optionally followed by a contrast stretch and selective\n"
+            "smoothing, optionally blended back under a mask. REFERENCE is first\n"
+            "converted into SOURCE's colour space (its ICC profile; none is sRGB), so\n"
+            "colours that look alike match alike. A colour SOURCE with a gray REFERENCE\n"
+            "has its luminance matched only. With --reference, every INPUT (files, or\n"
+            "folders whose PNG, JPEG, TIFF and WebP files are taken) is transferred into\n"
+            "FOLDER in parallel, keeping its name; one failed file does not stop the\n"
+            "others.",
+            [o](Options &options) { declare(options, *o); },
+            [o](const Options &given) { return run(*o, given); }};
 }
 
 }  // namespace morven::tool

@@ -1,7 +1,7 @@
 #include "metadata.hpp"
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 #include <mutex>
 #include <string_view>
 
@@ -27,12 +27,13 @@ void lockXmp(void *, bool lock) {
 
 // Tags of a TIFF's first directory that describe its own layout, colour
 // profile or embedded blocks: true of the source file only, never carried.
-constexpr std::array<std::string_view, 33> kLayoutTags{
+constexpr std::string_view kLayoutTags[]{
     "NewSubfileType", "SubfileType", "ImageWidth", "ImageLength", "BitsPerSample", "Compression",
     "PhotometricInterpretation", "FillOrder", "StripOffsets", "SamplesPerPixel", "RowsPerStrip",
     "StripByteCounts", "PlanarConfiguration", "Predictor", "ColorMap", "TileWidth", "TileLength",
     "TileOffsets", "TileByteCounts", "SubIFDs", "InkSet", "ExtraSamples", "SampleFormat", "JPEGTables",
-    "JPEGProc", "JPEGInterchangeFormat", "JPEGInterchangeFormatLength", "YCbCrSubSampling",
+    "JPEGProc", "JPEGInterchangeFormat", "JPEGInterchangeFormatLength", "YCbCrCoefficients",
+    "YCbCrSubSampling", "YCbCrPositioning", "ReferenceBlackWhite",
     "InterColorProfile", "XMLPacket", "IPTCNAA", "ImageResources", "Orientation"};
 
 // Tags carried into the output: the main directory less its layout tags,
@@ -40,7 +41,8 @@ constexpr std::array<std::string_view, 33> kLayoutTags{
 // directories of a TIFF's other images.
 bool carried(const Exiv2::Exifdatum &datum) {
     const std::string group = datum.groupName();
-    if (group == "Image") return std::find(kLayoutTags.begin(), kLayoutTags.end(), datum.tagName()) == kLayoutTags.end();
+    if (group == "Image")
+        return std::find(std::begin(kLayoutTags), std::end(kLayoutTags), datum.tagName()) == std::end(kLayoutTags);
     return !group.starts_with("Thumbnail") && !group.starts_with("SubImage") && !group.starts_with("SubThumb") &&
            !(group.starts_with("Image") && group.size() > 5);
 }
@@ -64,6 +66,10 @@ bool writable(Format format, Exiv2::MetadataId id) {
 std::string text(const Exiv2::ExifData &exif, const char *key) {
     const auto it = exif.findKey(Exiv2::ExifKey(key));
     return it == exif.end() ? std::string() : it->toString();
+}
+
+std::string counted(size_t n, const char *one, const char *many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
 }  // namespace
@@ -127,11 +133,11 @@ std::vector<std::string> describeMetadata(const EmbeddedMetadata &metadata) {
             const std::string value = text(metadata.exif, key);
             if (!value.empty()) details += (details.empty() ? "" : ", ") + value;
         }
-        lines.push_back("EXIF: " + std::to_string(metadata.exif.count()) + " tags" +
+        lines.push_back("EXIF: " + counted(metadata.exif.count(), "tag", "tags") +
                         (details.empty() ? "" : " (" + details + ")"));
     }
-    if (!metadata.xmp.empty()) lines.push_back("XMP: " + std::to_string(metadata.xmp.count()) + " properties");
-    if (!metadata.iptc.empty()) lines.push_back("IPTC: " + std::to_string(metadata.iptc.count()) + " datasets");
+    if (!metadata.xmp.empty()) lines.push_back("XMP: " + counted(metadata.xmp.count(), "property", "properties"));
+    if (!metadata.iptc.empty()) lines.push_back("IPTC: " + counted(metadata.iptc.count(), "dataset", "datasets"));
     return lines;
 }
 
