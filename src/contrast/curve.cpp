@@ -10,6 +10,7 @@
 
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
+#include "contrast/contrast_internal.hpp"
 #include "image/image_internal.hpp"
 #include "kernels/count.hpp"
 #include "kernels/kernels.hpp"
@@ -47,6 +48,12 @@ inline uint8_t curveEntry(float v) {
 }
 
 }  // namespace
+
+void morven::statsFromBrightness(ByteCounter &brightness, const wzImage &image,
+                                 wzContrastEnhanceStats &stats) noexcept {
+    clearStats(stats, image);
+    storeCounts(brightness.totals(), stats.hist);
+}
 
 extern "C" {
 

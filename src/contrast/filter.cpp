@@ -108,6 +108,20 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
 
 namespace morven {
 
+wzStatus contrastFilterCounted(const wzContrastEnhanceParams *params, ByteCounter &brightness, wzImage *image,
+                               const uint32_t *cancel) noexcept {
+    FreePtr<wzContrastEnhanceStats> stats(wzContrastEnhanceStatsCreate());
+    if (!stats) return WZ_STATUS_ERROR;
+    // Where the statistics pass over a colour image reads the flag.
+    if (image->height >= 1 && cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+    statsFromBrightness(brightness, *image, *stats);
+    FreePtr<uint8_t> curve(static_cast<uint8_t *>(std::malloc(256)));
+    if (!curve) return WZ_STATUS_ERROR;
+    wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
+    stats.reset();
+    return applyCurveMasked(curve.get(), image, nullptr, image, cancel);
+}
+
 wzStatus applyCurveMasked(const uint8_t curve[256], wzImage *source, const wzImage *mask,
                           wzImage *destination, const uint32_t *cancel) noexcept {
     // In place with a mask: keep the unprocessed pixels for the blend. The

@@ -3,10 +3,29 @@
 #include <cstdlib>
 
 #include "common/memory.hpp"
+#include "contrast/contrast_internal.hpp"
+#include "histogram/match_internal.hpp"
+#include "image/image_internal.hpp"
+#include "kernels/count.hpp"
 #include "morven/color.h"
 #include "morven/transfer.h"
 
 using namespace morven;
+
+namespace {
+
+// Whether matching source into destination writes every pixel of the
+// destination block, row after row: whole 8-bit images of one size (the
+// source's region all of it), a colour destination.
+bool matchWritesWholeColour(const wzImage &source, const wzImage &destination) {
+    const wzRect &r = source.roi;
+    return source.type == wzType8U && destination.type == wzType8U && isValidEncoding(source.encoding) &&
+           channelCount(destination.encoding) >= 3 && r.x == 0 && r.y == 0 && r.width == source.width &&
+           r.height == source.height && destination.roi.x == 0 && destination.roi.y == 0 &&
+           destination.width == source.width && destination.height == source.height;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -117,11 +136,18 @@ MORVEN_API wzStatus wzHistogramTransferFilter(const wzHistogramTransferParams *p
     }
     const wzImage *untouched = copy ? copy : source;
 
-    wzStatus status = wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
+    // When matching writes every destination pixel, the brightness that
+    // contrast's statistics need is counted as the rows are written, rather
+    // than in a second pass over the destination.
+    const bool counted = inner->contrastEnabled && matchWritesWholeColour(*source, *destination);
+    ByteCounter brightness;
+    wzStatus status = counted
+                          ? matchFilterCounting(inner->matchParams, source, destination, brightness, cancel)
+                          : wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
     if (status != WZ_STATUS_OK) return status;
     if (inner->contrastEnabled) {
-        status = wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr, destination,
-                                         cancel);
+        status = counted ? contrastFilterCounted(inner->contrastParams, brightness, destination, cancel)
+                         : wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr, destination, cancel);
         if (status != WZ_STATUS_OK) return status;
     }
     if (inner->smoothEnabled) {
