@@ -69,9 +69,7 @@ MORVEN_API wzContrastEnhanceParams *wzContrastEnhanceParamsDefault(void) {
 }
 
 MORVEN_API void wzContrastEnhanceParamsRelease(wzContrastEnhanceParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzContrastEnhanceStats *wzContrastEnhanceStatsCreate(void) {
@@ -79,9 +77,7 @@ MORVEN_API wzContrastEnhanceStats *wzContrastEnhanceStatsCreate(void) {
 }
 
 MORVEN_API void wzContrastEnhanceStatsRelease(wzContrastEnhanceStats **stats) {
-    if (!stats || !*stats) return;
-    std::free(*stats);
-    *stats = nullptr;
+    releaseRecord(stats);
 }
 
 MORVEN_API void wzContrastEnhanceStatsInit(wzContrastEnhanceStats *stats, const wzImage *image) {

@@ -96,7 +96,7 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
     const wzStatus gathered = wzContrastEnhanceStatsRetrieve(stats.get(), source, cancel);
     if (gathered != WZ_STATUS_OK) return gathered;
 
-    FreePtr<uint8_t> curve(static_cast<uint8_t *>(std::malloc(256)));
+    FreePtr<uint8_t> curve = allocArray<uint8_t>(256);
     if (!curve) return WZ_STATUS_ERROR;
     wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
     stats.reset();
@@ -115,7 +115,7 @@ wzStatus contrastFilterCounted(const wzContrastEnhanceParams *params, ByteCounte
     // Where the statistics pass over a colour image reads the flag.
     if (image->height >= 1 && cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
     statsFromBrightness(brightness, *image, *stats);
-    FreePtr<uint8_t> curve(static_cast<uint8_t *>(std::malloc(256)));
+    FreePtr<uint8_t> curve = allocArray<uint8_t>(256);
     if (!curve) return WZ_STATUS_ERROR;
     wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
     stats.reset();

@@ -164,20 +164,18 @@ void countBrightness(const Kernels &kernels, const uint8_t *row, int32_t step, c
 extern "C" {
 
 MORVEN_API wzHistogramMatchParams *wzHistogramMatchParamsDefault(void) {
-    auto *p = static_cast<wzHistogramMatchParams *>(std::calloc(1, sizeof(wzHistogramMatchParams)));
+    FreePtr<wzHistogramMatchParams> p = allocZeroed<wzHistogramMatchParams>();
     if (!p) return nullptr;
     p->strength = 1.0f;
     p->fidelity = 0.9f;
     p->mode = 0;
     p->maxStep = 255;
     p->targetProfile = nullptr;
-    return p;
+    return p.release();
 }
 
 MORVEN_API void wzHistogramMatchParamsRelease(wzHistogramMatchParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzHistogramMatchStats *wzHistogramMatchStatsCreate(void) {
@@ -189,10 +187,7 @@ MORVEN_API wzHistogramMatchStats *wzHistogramMatchStatsCreate(void) {
 }
 
 MORVEN_API void wzHistogramMatchStatsRelease(wzHistogramMatchStats **stats) {
-    if (!stats || !*stats) return;
-    wzImageColorProfileRelease(&(*stats)->profile);
-    std::free(*stats);
-    *stats = nullptr;
+    releaseRecord(stats, [](wzHistogramMatchStats &s) { wzImageColorProfileRelease(&s.profile); });
 }
 
 MORVEN_API void wzHistogramMatchStatsInit(wzHistogramMatchStats *stats) {

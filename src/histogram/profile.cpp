@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/memory.hpp"
 #include "image/image_internal.hpp"
 #include "kernels/count.hpp"
 #include "morven/histogram.h"
@@ -23,7 +24,7 @@ void storeBins(const uint64_t counts[256], float bins[256]) {
 extern "C" {
 
 MORVEN_API wzImageColorProfile *wzImageColorProfileCreate(void) {
-    return static_cast<wzImageColorProfile *>(std::calloc(1, sizeof(wzImageColorProfile)));
+    return allocZeroed<wzImageColorProfile>().release();
 }
 
 MORVEN_API void wzImageColorProfileReset(wzImageColorProfile *profile) {
@@ -31,9 +32,7 @@ MORVEN_API void wzImageColorProfileReset(wzImageColorProfile *profile) {
 }
 
 MORVEN_API void wzImageColorProfileRelease(wzImageColorProfile **profile) {
-    if (!*profile) return;
-    std::free(*profile);
-    *profile = nullptr;
+    releaseRecord(profile);
 }
 
 MORVEN_API wzStatus wzImageFillColorProfile(const wzImage *image, wzImageColorProfile *profile) {

@@ -11,7 +11,9 @@ namespace morven::kernels {
 
 void readChannelNeon(const uint8_t *px, int32_t step, ptrdiff_t offset, uint8_t *dst, int32_t w) {
     int32_t i = 0;
-    for (; i + 16 <= w; i += 16) vst1q_u8(dst + i, neon::loadPixels(px + static_cast<ptrdiff_t>(step) * i, step).val[offset]);
+    for (; i + 16 <= w; i += 16)
+        vst1q_u8(dst + i,
+                 neon::loadPixels(px + static_cast<ptrdiff_t>(step) * i, step).val[offset]);
     readChannelPlain(px + static_cast<ptrdiff_t>(step) * i, step, offset, dst + i, w - i);
 }
 

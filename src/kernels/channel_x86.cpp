@@ -25,20 +25,23 @@ MORVEN_AVX2 inline __m128i gatherIndex(int32_t step, ptrdiff_t offset, int32_t k
 
 }  // namespace
 
-MORVEN_AVX2 void readChannelAvx2(const uint8_t *px, int32_t step, ptrdiff_t offset, uint8_t *dst, int32_t w) {
+MORVEN_AVX2 void readChannelAvx2(const uint8_t *px, int32_t step, ptrdiff_t offset, uint8_t *dst,
+                                 int32_t w) {
     __m128i idx[4];
     for (int32_t k = 0; k < step; ++k) idx[k] = gatherIndex(step, offset, k);
     int32_t i = 0;
     for (; i + 16 <= w; i += 16) {
         const uint8_t *s = px + static_cast<ptrdiff_t>(step) * i;
         __m128i v = _mm_shuffle_epi8(load128(s), idx[0]);
-        for (int32_t k = 1; k < step; ++k) v = _mm_or_si128(v, _mm_shuffle_epi8(load128(s + 16 * k), idx[k]));
+        for (int32_t k = 1; k < step; ++k)
+            v = _mm_or_si128(v, _mm_shuffle_epi8(load128(s + 16 * k), idx[k]));
         store128(dst + i, v);
     }
     readChannelPlain(px + static_cast<ptrdiff_t>(step) * i, step, offset, dst + i, w - i);
 }
 
-MORVEN_AVX2 void writeChannelAvx2(const uint8_t *src, uint8_t *px, int32_t step, ptrdiff_t offset, int32_t w) {
+MORVEN_AVX2 void writeChannelAvx2(const uint8_t *src, uint8_t *px, int32_t step, ptrdiff_t offset,
+                                  int32_t w) {
     // For block k: which of the 16 values each byte takes, and whether it
     // takes one (else it keeps its byte).
     __m128i idx[4], take[4];
@@ -58,7 +61,8 @@ MORVEN_AVX2 void writeChannelAvx2(const uint8_t *src, uint8_t *px, int32_t step,
         const __m128i v = load128(src + i);
         uint8_t *d = px + static_cast<ptrdiff_t>(step) * i;
         for (int32_t k = 0; k < step; ++k)
-            store128(d + 16 * k, _mm_blendv_epi8(load128(d + 16 * k), _mm_shuffle_epi8(v, idx[k]), take[k]));
+            store128(d + 16 * k,
+                     _mm_blendv_epi8(load128(d + 16 * k), _mm_shuffle_epi8(v, idx[k]), take[k]));
     }
     writeChannelPlain(src + i, px + static_cast<ptrdiff_t>(step) * i, step, offset, w - i);
 }

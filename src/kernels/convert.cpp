@@ -34,7 +34,8 @@ uint8_t lowByteOfTruncation(float v) {
 }  // namespace
 
 void u8ToF32Plain(const uint8_t *src, uint8_t *dst, int64_t n) {
-    for (int64_t i = n - 1; i >= 0; --i) store<float>(dst + 4 * i, static_cast<float>(src[i]) / 255.0f);
+    for (int64_t i = n - 1; i >= 0; --i)
+        store<float>(dst + 4 * i, static_cast<float>(src[i]) / 255.0f);
 }
 
 void f32ToU8Plain(const uint8_t *src, uint8_t *dst, int64_t n) {
@@ -42,7 +43,8 @@ void f32ToU8Plain(const uint8_t *src, uint8_t *dst, int64_t n) {
 }
 
 void u8ToU16Plain(const uint8_t *src, uint8_t *dst, int64_t n) {
-    for (int64_t i = n - 1; i >= 0; --i) store<uint16_t>(dst + 2 * i, static_cast<uint16_t>(src[i] << 8));
+    for (int64_t i = n - 1; i >= 0; --i)
+        store<uint16_t>(dst + 2 * i, static_cast<uint16_t>(src[i] << 8));
 }
 
 void u16ToU8Plain(const uint8_t *src, uint8_t *dst, int64_t n) {

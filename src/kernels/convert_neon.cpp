@@ -21,10 +21,11 @@ void u8ToF32Neon(const uint8_t *src, uint8_t *dst, int64_t n) {
         i -= 16;
         const uint8x16_t b = vld1q_u8(src + i);
         const uint16x8_t lo = vmovl_u8(vget_low_u8(b)), hi = vmovl_high_u8(b);
-        const uint32x4_t w[4] = {vmovl_u16(vget_low_u16(lo)), vmovl_high_u16(lo), vmovl_u16(vget_low_u16(hi)),
-                                 vmovl_high_u16(hi)};
+        const uint32x4_t w[4] = {vmovl_u16(vget_low_u16(lo)), vmovl_high_u16(lo),
+                                 vmovl_u16(vget_low_u16(hi)), vmovl_high_u16(hi)};
         for (int k = 0; k < 4; ++k)
-            vst1q_u8(dst + 4 * i + 16 * k, vreinterpretq_u8_f32(vdivq_f32(vcvtq_f32_u32(w[k]), scale)));
+            vst1q_u8(dst + 4 * i + 16 * k,
+                     vreinterpretq_u8_f32(vdivq_f32(vcvtq_f32_u32(w[k]), scale)));
     }
     u8ToF32Plain(src, dst, i);
 }
@@ -38,7 +39,8 @@ void f32ToU8Neon(const uint8_t *src, uint8_t *dst, int64_t n) {
             const float32x4_t v = vreinterpretq_f32_u8(vld1q_u8(src + 4 * i + 16 * k));
             t[k] = vmovn_u32(vreinterpretq_u32_s32(vcvtq_s32_f32(vmulq_f32(v, scale))));
         }
-        vst1q_u8(dst + i, vcombine_u8(vmovn_u16(vcombine_u16(t[0], t[1])), vmovn_u16(vcombine_u16(t[2], t[3]))));
+        vst1q_u8(dst + i, vcombine_u8(vmovn_u16(vcombine_u16(t[0], t[1])),
+                                      vmovn_u16(vcombine_u16(t[2], t[3]))));
     }
     f32ToU8Plain(src + 4 * i, dst + i, n - i);
 }

@@ -25,7 +25,8 @@ MORVEN_AVX2 inline __m256i f32ToLowBytes256(__m256 v) {
     const __m256i t = _mm256_cvttps_epi32(p);
     const __m256 big = _mm256_cmp_ps(p, _mm256_set1_ps(2147483648.0f), _CMP_GE_OQ);
     const __m256i low = _mm256_set1_epi32(0xFF);
-    return _mm256_or_si256(_mm256_and_si256(t, low), _mm256_and_si256(_mm256_castps_si256(big), low));
+    return _mm256_or_si256(_mm256_and_si256(t, low),
+                           _mm256_and_si256(_mm256_castps_si256(big), low));
 }
 
 }  // namespace
@@ -40,7 +41,8 @@ MORVEN_AVX2 void u8ToF32Avx2(const uint8_t *src, uint8_t *dst, int64_t n) {
             const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i + 8 * k));
             f[k] = _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(b)), scale);
         }
-        for (int k = 0; k < 4; ++k) _mm256_storeu_ps(reinterpret_cast<float *>(dst + 4 * (i + 8 * k)), f[k]);
+        for (int k = 0; k < 4; ++k)
+            _mm256_storeu_ps(reinterpret_cast<float *>(dst + 4 * (i + 8 * k)), f[k]);
     }
     u8ToF32Plain(src, dst, i);
 }
@@ -52,7 +54,8 @@ MORVEN_AVX512 void u8ToF32Avx512(const uint8_t *src, uint8_t *dst, int64_t n) {
         i -= 64;
         __m512 f[4];
         for (int k = 0; k < 4; ++k)
-            f[k] = _mm512_div_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(load128(src + i + 16 * k))), scale);
+            f[k] = _mm512_div_ps(
+                _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(load128(src + i + 16 * k))), scale);
         for (int k = 0; k < 4; ++k) _mm512_storeu_ps(dst + 4 * (i + 16 * k), f[k]);
     }
     u8ToF32Plain(src, dst, i);
@@ -64,7 +67,8 @@ MORVEN_AVX2 void f32ToU8Avx2(const uint8_t *src, uint8_t *dst, int64_t n) {
     for (; i + 32 <= n; i += 32) {
         __m256i b[4];
         for (int k = 0; k < 4; ++k)
-            b[k] = f32ToLowBytes256(_mm256_loadu_ps(reinterpret_cast<const float *>(src + 4 * (i + 8 * k))));
+            b[k] = f32ToLowBytes256(
+                _mm256_loadu_ps(reinterpret_cast<const float *>(src + 4 * (i + 8 * k))));
         // Values are 0..255: the saturating packs are exact.
         const __m256i bytes =
             _mm256_packus_epi16(_mm256_packus_epi32(b[0], b[1]), _mm256_packus_epi32(b[2], b[3]));
@@ -82,8 +86,8 @@ MORVEN_AVX512 void f32ToU8Avx512(const uint8_t *src, uint8_t *dst, int64_t n) {
         __m128i b[4];
         for (int k = 0; k < 4; ++k) {
             const __m512 p = _mm512_mul_ps(_mm512_loadu_ps(src + 4 * (i + 16 * k)), scale);
-            const __m512i t =
-                _mm512_mask_mov_epi32(_mm512_cvttps_epi32(p), _mm512_cmp_ps_mask(p, limit, _CMP_GE_OQ), ones);
+            const __m512i t = _mm512_mask_mov_epi32(_mm512_cvttps_epi32(p),
+                                                    _mm512_cmp_ps_mask(p, limit, _CMP_GE_OQ), ones);
             b[k] = _mm512_cvtepi32_epi8(t);
         }
         for (int k = 0; k < 4; ++k) store128(dst + i + 16 * k, b[k]);

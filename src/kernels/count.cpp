@@ -59,14 +59,16 @@ void ChannelCounter::addPixels(const uint8_t *p, size_t pixels) noexcept {
         for (int q = 0; q < 2 * Stride; ++q) w[q] = word(p + 4 * q);
 #pragma GCC unroll 32
         for (int k = 0; k < 8 * Stride; ++k)
-            if (k % Stride != Skip) ++sub_[(k / Stride) % kTables][k % Stride][(w[k / 4] >> (8 * (k % 4))) & 0xFF];
+            if (k % Stride != Skip)
+                ++sub_[(k / Stride) % kTables][k % Stride][(w[k / 4] >> (8 * (k % 4))) & 0xFF];
     }
     for (; i < pixels; ++i, p += Stride)
         for (int k = 0; k < Stride; ++k)
             if (k != Skip) ++sub_[i % kTables][k][p[k]];
 }
 
-void ChannelCounter::add(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], size_t pixels) noexcept {
+void ChannelCounter::add(const uint8_t *p, int32_t stride, const ptrdiff_t o[3],
+                         size_t pixels) noexcept {
     std::memcpy(offsets_, o, sizeof offsets_);
     // The one position of a 4-byte pixel that holds no channel 1-3.
     const int skip = stride == 3 ? -1 : static_cast<int>(6 - o[0] - o[1] - o[2]);

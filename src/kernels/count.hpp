@@ -54,7 +54,7 @@ private:
     uint64_t total_[4][256] = {};          // [byte position][value]
     uint32_t used_ = 0;                    // pixels counted since the last flush
     uint32_t window_;
-    ptrdiff_t offsets_[3] = {0, 0, 0};     // the positions of channels 1-3 (of the last add)
+    ptrdiff_t offsets_[3] = {0, 0, 0};  // the positions of channels 1-3 (of the last add)
 };
 
 }  // namespace morven

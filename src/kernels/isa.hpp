@@ -11,8 +11,8 @@ namespace morven {
 enum class Isa {
     Portable,  // the plain loops, on every processor
     Avx2,      // x86-64 AVX2
-    Avx512,    // x86-64 AVX-512 F, BW, VL (and VBMI where a kernel needs it and the processor has it)
-    Neon,      // ARM64 Advanced SIMD
+    Avx512,  // x86-64 AVX-512 F, BW, VL (and VBMI where a kernel needs it and the processor has it)
+    Neon,    // ARM64 Advanced SIMD
 };
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))

@@ -68,10 +68,10 @@ struct SmoothRow {
     const uint8_t *prevMasks;     // pairs of row r - 1 (zero for the first row)
     uint8_t *curMasks;            // pairs of row r, written
     ptrdiff_t maskStride;
-    uint8_t *xOut;                // new values of row r
-    int16_t *uOut;                // their x - g (null on the last level: not needed)
+    uint8_t *xOut;  // new values of row r
+    int16_t *uOut;  // their x - g (null on the last level: not needed)
     int32_t w;
-    uint8_t tc;                   // min(t, 128)
+    uint8_t tc;  // min(t, 128)
 };
 // Rows carry kSmoothPad guard elements on both sides and are whole multiples
 // of 64 elements, so a kernel may read and write whole vectors past w.

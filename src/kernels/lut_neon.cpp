@@ -32,7 +32,8 @@ inline uint8x16_t lookup(const Table &t, uint8x16_t idx) {
 // 16 pixels per step; a byte position without a table keeps the
 // destination's byte. Returns the pixels done.
 template <int Stride>
-size_t lutPixels(const LutPlan &plan, const Table *tabs, const uint8_t *src, uint8_t *dst, size_t pixels) {
+size_t lutPixels(const LutPlan &plan, const Table *tabs, const uint8_t *src, uint8_t *dst,
+                 size_t pixels) {
     size_t i = 0;
     for (; i + 16 <= pixels; i += 16) {
         const uint8x16x4_t v = loadPixels(src + Stride * i, Stride);
@@ -54,7 +55,8 @@ void lutRowNeon(const LutLayout &layout, const uint8_t *src, uint8_t *dst, size_
     const size_t stride = static_cast<size_t>(layout.stride);
     size_t done = 0;
     if (stride == 1) {
-        for (; done + 16 <= pixels; done += 16) vst1q_u8(dst + done, lookup(tabs[0], vld1q_u8(src + done)));
+        for (; done + 16 <= pixels; done += 16)
+            vst1q_u8(dst + done, lookup(tabs[0], vld1q_u8(src + done)));
     } else if (stride == 3) {
         done = lutPixels<3>(plan, tabs, src, dst, pixels);
     } else if (stride == 4) {

@@ -62,7 +62,8 @@ Masks512 masksOf(const LutLayout &layout, const LutPlan &plan) {
 }
 
 template <int NT>
-MORVEN_AVX512VBMI inline __m512i lutVector512(const Table512 *t, const __mmask64 *use, __m512i idx) {
+MORVEN_AVX512VBMI inline __m512i lutVector512(const Table512 *t, const __mmask64 *use,
+                                              __m512i idx) {
     __m512i r = lookup512(t[0], idx);
     for (int k = 1; k < NT; ++k) r = _mm512_mask_blend_epi8(use[k], r, lookup512(t[k], idx));
     return r;
@@ -154,24 +155,27 @@ MORVEN_AVX2 void lookupBytes256(const Table256 &t, const uint8_t *src, uint8_t *
 // 0xFF in the lanes whose destination byte stays: byte j of the vector lies
 // at offset off + j of the row (off + j % 16 when both lanes cover the same
 // positions).
-MORVEN_AVX2 inline __m256i keepMask256(const LutPlan &plan, int stride, size_t off, bool sameLanes) {
+MORVEN_AVX2 inline __m256i keepMask256(const LutPlan &plan, int stride, size_t off,
+                                       bool sameLanes) {
     alignas(32) uint8_t m[32];
-    for (int j = 0; j < 32; ++j) m[j] = plan.slot[(off + (sameLanes ? j % 16 : j)) % stride] < 0 ? 0xFF : 0;
+    for (int j = 0; j < 32; ++j)
+        m[j] = plan.slot[(off + (sameLanes ? j % 16 : j)) % stride] < 0 ? 0xFF : 0;
     return load256(m);
 }
 
 // One table for every looked-up byte: the row is a plain byte stream, with
 // the kept bytes restored from the destination. Returns the bytes done, a
 // whole number of pixels.
-MORVEN_AVX2 size_t lutBytesOneTable256(const Table256 &t, const LutPlan &plan, int stride, const uint8_t *src,
-                                       uint8_t *dst, size_t bytes) {
+MORVEN_AVX2 size_t lutBytesOneTable256(const Table256 &t, const LutPlan &plan, int stride,
+                                       const uint8_t *src, uint8_t *dst, size_t bytes) {
     // With kept bytes a step is 32 bytes of 4-byte pixels or 96 bytes of
     // 3-byte ones (whole pixels, over which the keep masks repeat); kChunk
     // is a whole number of steps.
     const int period = stride == 3 ? 3 : 1;
     const size_t step = plan.keeps ? 32 * static_cast<size_t>(period) : 32;
     __m256i keep[3];
-    for (int q = 0; q < period; ++q) keep[q] = keepMask256(plan, stride, 32 * static_cast<size_t>(q), false);
+    for (int q = 0; q < period; ++q)
+        keep[q] = keepMask256(plan, stride, 32 * static_cast<size_t>(q), false);
     alignas(32) uint8_t out[kChunk];
     size_t off = 0;
     while (bytes - off >= step) {
@@ -181,7 +185,8 @@ MORVEN_AVX2 size_t lutBytesOneTable256(const Table256 &t, const LutPlan &plan, i
         } else {
             lookupBytes256(t, src + off, out, n);
             for (size_t i = 0; i < n; i += 32)
-                store256(dst + off + i, _mm256_blendv_epi8(load256(out + i), load256(dst + off + i), keep[(i / 32) % period]));
+                store256(dst + off + i, _mm256_blendv_epi8(load256(out + i), load256(dst + off + i),
+                                                           keep[(i / 32) % period]));
         }
         off += n;
     }
@@ -203,7 +208,8 @@ MORVEN_AVX2 size_t lutPixels3Split256(const Table256 *tabs, const LutPlan &plan,
     // 48-byte group.
     __m256i keep[3];
     for (int o = 0; o < 3; ++o)
-        keep[o] = plan.keeps ? keepMask256(plan, 3, 16 * static_cast<size_t>(o), true) : _mm256_setzero_si256();
+        keep[o] = plan.keeps ? keepMask256(plan, 3, 16 * static_cast<size_t>(o), true)
+                             : _mm256_setzero_si256();
     alignas(32) uint8_t planes[3][kPixels];
     size_t done = 0;
     while (pixels - done >= 32) {
@@ -218,11 +224,13 @@ MORVEN_AVX2 size_t lutPixels3Split256(const Table256 *tabs, const LutPlan &plan,
         for (int p = 0; p < 3; ++p)
             if (plan.slot[p] >= 0) lookupBytes256(tabs[plan.slot[p]], planes[p], planes[p], n);
         for (size_t i = 0; i < n; i += 32) {
-            const __m256i plane[3] = {load256(planes[0] + i), load256(planes[1] + i), load256(planes[2] + i)};
+            const __m256i plane[3] = {load256(planes[0] + i), load256(planes[1] + i),
+                                      load256(planes[2] + i)};
             uint8_t *q = d + 3 * i;
             for (int o = 0; o < 3; ++o) {
                 __m256i r = merge3(plane, o);
-                if (plan.keeps) r = _mm256_blendv_epi8(r, load2x128(q + 16 * o, q + 48 + 16 * o), keep[o]);
+                if (plan.keeps)
+                    r = _mm256_blendv_epi8(r, load2x128(q + 16 * o, q + 48 + 16 * o), keep[o]);
                 store2x128(q + 16 * o, q + 48 + 16 * o, r);
             }
         }
@@ -250,8 +258,8 @@ MORVEN_AVX2 size_t lutPixels4Split256(const Table256 *tabs, const LutPlan &plan,
                                       uint8_t *dst, size_t pixels) {
     constexpr size_t kPixels = kChunk / 4;
     // Byte transpose of a 4 x 4 block: its own inverse.
-    const __m256i gather = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0, 4, 8, 12, 1,
-                                            5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const __m256i gather = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0,
+                                            4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
     const __m256i keep = plan.keeps ? keepMask256(plan, 4, 0, false) : _mm256_setzero_si256();
     alignas(32) uint8_t planes[4][kPixels];
     size_t done = 0;
@@ -261,7 +269,8 @@ MORVEN_AVX2 size_t lutPixels4Split256(const Table256 *tabs, const LutPlan &plan,
         uint8_t *d = dst + 4 * done;
         for (size_t i = 0; i < n; i += 32) {
             __m256i p[4];
-            for (int k = 0; k < 4; ++k) p[k] = _mm256_shuffle_epi8(load256(s + 4 * i + 32 * k), gather);
+            for (int k = 0; k < 4; ++k)
+                p[k] = _mm256_shuffle_epi8(load256(s + 4 * i + 32 * k), gather);
             transpose4(p[0], p[1], p[2], p[3]);
             for (int k = 0; k < 4; ++k) store256(planes[k] + i, p[k]);
         }
@@ -303,7 +312,8 @@ MORVEN_AVX512VBMI void lutRowAvx512Vbmi(const LutLayout &layout, const uint8_t *
     }
 }
 
-MORVEN_AVX2 void lutRowAvx2(const LutLayout &layout, const uint8_t *src, uint8_t *dst, size_t pixels) {
+MORVEN_AVX2 void lutRowAvx2(const LutLayout &layout, const uint8_t *src, uint8_t *dst,
+                            size_t pixels) {
     const LutPlan plan = planOf(layout);
     if (plan.count == 0) return;
     const size_t stride = static_cast<size_t>(layout.stride);

@@ -110,9 +110,18 @@ MORVEN_INLINE void productBlocked(wzMatrix &dst, const wzMatrix &a, const wzMatr
                 for (; i0 + MR <= ie; i0 += MR)
                     tile<V, MR, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid, first);
                 switch (ie - i0) {
-                    case 3: tile<V, 3, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid, first); break;
-                    case 2: tile<V, 2, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid, first); break;
-                    case 1: tile<V, 1, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid, first); break;
+                    case 3:
+                        tile<V, 3, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid,
+                                           first);
+                        break;
+                    case 2:
+                        tile<V, 2, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid,
+                                           first);
+                        break;
+                    case 1:
+                        tile<V, 1, NV, TA>(a.rowPtr, i0, k0, kc, pack, dst.rowPtr, j0, valid,
+                                           first);
+                        break;
                     default: break;
                 }
             }
@@ -124,8 +133,8 @@ MORVEN_INLINE void productBlocked(wzMatrix &dst, const wzMatrix &a, const wzMatr
 // The loops of the singular value decomposition (see SvdKernels).
 
 template <typename Weight>
-MORVEN_INLINE void dots(double *t, double *const *X, Weight weight, int32_t k0, int32_t k1, int32_t l,
-                        int32_t n) {
+MORVEN_INLINE void dots(double *t, double *const *X, Weight weight, int32_t k0, int32_t k1,
+                        int32_t l, int32_t n) {
     const int32_t w = n - l;
     std::fill_n(t, w, 0.0);
     for (int32_t k = k0; k < k1; ++k) {
@@ -135,18 +144,20 @@ MORVEN_INLINE void dots(double *t, double *const *X, Weight weight, int32_t k0, 
     }
 }
 
-MORVEN_INLINE void columnDotsBody(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l,
-                                  int32_t n) {
-    dots(t, X, [X, c](int32_t k) { return X[k][c]; }, k0, k1, l, n);
-}
-
-MORVEN_INLINE void vectorDotsBody(double *t, double *const *X, const double *x, int32_t k0, int32_t k1,
+MORVEN_INLINE void columnDotsBody(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1,
                                   int32_t l, int32_t n) {
-    dots(t, X, [x](int32_t k) { return x[k]; }, k0, k1, l, n);
+    dots(
+        t, X, [X, c](int32_t k) { return X[k][c]; }, k0, k1, l, n);
 }
 
-MORVEN_INLINE void columnUpdatesBody(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1,
-                                     int32_t l, int32_t n) {
+MORVEN_INLINE void vectorDotsBody(double *t, double *const *X, const double *x, int32_t k0,
+                                  int32_t k1, int32_t l, int32_t n) {
+    dots(
+        t, X, [x](int32_t k) { return x[k]; }, k0, k1, l, n);
+}
+
+MORVEN_INLINE void columnUpdatesBody(double *const *X, const double *t, int32_t c, int32_t k0,
+                                     int32_t k1, int32_t l, int32_t n) {
     const int32_t w = n - l;
     for (int32_t k = k0; k < k1; ++k) {
         const double x = X[k][c];
@@ -156,8 +167,8 @@ MORVEN_INLINE void columnUpdatesBody(double *const *X, const double *t, int32_t 
 }
 
 // Four rows at a time so that their independent sums overlap.
-MORVEN_INLINE void reflectRowsBody(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u,
-                                   int32_t l, int32_t n) {
+MORVEN_INLINE void reflectRowsBody(double *const *A, int32_t j0, int32_t m, const double *ri,
+                                   const double *u, int32_t l, int32_t n) {
     int32_t j = j0;
     for (; j + 4 <= m; j += 4) {
         double *r0 = A[j], *r1 = A[j + 1], *r2 = A[j + 2], *r3 = A[j + 3];
@@ -184,7 +195,8 @@ MORVEN_INLINE void reflectRowsBody(double *const *A, int32_t j0, int32_t m, cons
     }
 }
 
-MORVEN_INLINE void rotateBody(double *__restrict x, double *__restrict z, int32_t len, double c, double s) {
+MORVEN_INLINE void rotateBody(double *__restrict x, double *__restrict z, int32_t len, double c,
+                              double s) {
     for (int32_t r = 0; r < len; ++r) {
         const double y = x[r], w = z[r];
         x[r] = y * c + w * s;
@@ -197,43 +209,49 @@ MORVEN_INLINE void rotateBody(double *__restrict x, double *__restrict z, int32_
 // ---------------------------------------------------------------------------
 // The plain forms.
 
-void columnDotsPlain(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l, int32_t n) {
+void columnDotsPlain(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l,
+                     int32_t n) {
     columnDotsBody(t, X, c, k0, k1, l, n);
 }
-void vectorDotsPlain(double *t, double *const *X, const double *x, int32_t k0, int32_t k1, int32_t l, int32_t n) {
+void vectorDotsPlain(double *t, double *const *X, const double *x, int32_t k0, int32_t k1,
+                     int32_t l, int32_t n) {
     vectorDotsBody(t, X, x, k0, k1, l, n);
 }
-void columnUpdatesPlain(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1, int32_t l,
-                        int32_t n) {
+void columnUpdatesPlain(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1,
+                        int32_t l, int32_t n) {
     columnUpdatesBody(X, t, c, k0, k1, l, n);
 }
-void reflectRowsPlain(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u, int32_t l,
-                      int32_t n) {
+void reflectRowsPlain(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u,
+                      int32_t l, int32_t n) {
     reflectRowsBody(A, j0, m, ri, u, l, n);
 }
-void rotatePlain(double *x, double *z, int32_t len, double c, double s) { rotateBody(x, z, len, c, s); }
+void rotatePlain(double *x, double *z, int32_t len, double c, double s) {
+    rotateBody(x, z, len, c, s);
+}
 
 // ---------------------------------------------------------------------------
 // The AVX2 forms: the same code on 256-bit vectors.
 
 #if MORVEN_X86
-MORVEN_AVX2 void columnDotsAvx2(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l,
-                                int32_t n) {
+MORVEN_AVX2 void columnDotsAvx2(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1,
+                                int32_t l, int32_t n) {
     columnDotsBody(t, X, c, k0, k1, l, n);
 }
-MORVEN_AVX2 void vectorDotsAvx2(double *t, double *const *X, const double *x, int32_t k0, int32_t k1, int32_t l,
-                                int32_t n) {
+MORVEN_AVX2 void vectorDotsAvx2(double *t, double *const *X, const double *x, int32_t k0,
+                                int32_t k1, int32_t l, int32_t n) {
     vectorDotsBody(t, X, x, k0, k1, l, n);
 }
-MORVEN_AVX2 void columnUpdatesAvx2(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1,
-                                   int32_t l, int32_t n) {
+MORVEN_AVX2 void columnUpdatesAvx2(double *const *X, const double *t, int32_t c, int32_t k0,
+                                   int32_t k1, int32_t l, int32_t n) {
     columnUpdatesBody(X, t, c, k0, k1, l, n);
 }
-MORVEN_AVX2 void reflectRowsAvx2(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u,
-                                 int32_t l, int32_t n) {
+MORVEN_AVX2 void reflectRowsAvx2(double *const *A, int32_t j0, int32_t m, const double *ri,
+                                 const double *u, int32_t l, int32_t n) {
     reflectRowsBody(A, j0, m, ri, u, l, n);
 }
-MORVEN_AVX2 void rotateAvx2(double *x, double *z, int32_t len, double c, double s) { rotateBody(x, z, len, c, s); }
+MORVEN_AVX2 void rotateAvx2(double *x, double *z, int32_t len, double c, double s) {
+    rotateBody(x, z, len, c, s);
+}
 #endif
 
 void productPlain(wzMatrix &dst, const wzMatrix &a, const wzMatrix &b, bool transposeA) {

@@ -6,9 +6,11 @@
 
 namespace morven::kernels {
 
-void grayRowPlain(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels) {
+void grayRowPlain(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                  size_t pixels) {
     const int32_t *b = wz_toGray_tab, *g = wz_toGray_tab + 256, *r = wz_toGray_tab + 512;
-    for (size_t i = 0; i < pixels; ++i, p += stride) dst[i] = static_cast<uint8_t>((b[p[o[0]]] + g[p[o[1]]] + r[p[o[2]]]) >> 14);
+    for (size_t i = 0; i < pixels; ++i, p += stride)
+        dst[i] = static_cast<uint8_t>((b[p[o[0]]] + g[p[o[1]]] + r[p[o[2]]]) >> 14);
 }
 
 void brightnessRowPlain(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,

@@ -31,7 +31,8 @@ size_t grayPixels(const uint8_t *src, const ptrdiff_t o[3], uint8_t *dst, size_t
     for (; i + 16 <= pixels; i += 16) {
         const uint8x16x4_t v = loadPixels(src + Stride * i, Stride);
         const uint8x16_t a = v.val[o[0]], b = v.val[o[1]], c = v.val[o[2]];
-        const uint16x8_t lo = gray8(vmovl_u8(vget_low_u8(a)), vmovl_u8(vget_low_u8(b)), vmovl_u8(vget_low_u8(c)));
+        const uint16x8_t lo =
+            gray8(vmovl_u8(vget_low_u8(a)), vmovl_u8(vget_low_u8(b)), vmovl_u8(vget_low_u8(c)));
         const uint16x8_t hi = gray8(vmovl_high_u8(a), vmovl_high_u8(b), vmovl_high_u8(c));
         vst1q_u8(dst + i, vcombine_u8(vmovn_u16(lo), vmovn_u16(hi)));
     }
@@ -50,16 +51,21 @@ size_t brightnessPixels(const uint8_t *src, const ptrdiff_t o[3], uint8_t *dst, 
 
 }  // namespace
 
-void grayRowNeon(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels) {
-    const size_t done = stride == 3 ? grayPixels<3>(src, o, dst, pixels)
-                        : stride == 4 ? grayPixels<4>(src, o, dst, pixels) : 0;
+void grayRowNeon(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                 size_t pixels) {
+    const size_t done = stride == 3   ? grayPixels<3>(src, o, dst, pixels)
+                        : stride == 4 ? grayPixels<4>(src, o, dst, pixels)
+                                      : 0;
     grayRowPlain(src + done * static_cast<size_t>(stride), stride, o, dst + done, pixels - done);
 }
 
-void brightnessRowNeon(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels) {
-    const size_t done = stride == 3 ? brightnessPixels<3>(src, o, dst, pixels)
-                        : stride == 4 ? brightnessPixels<4>(src, o, dst, pixels) : 0;
-    brightnessRowPlain(src + done * static_cast<size_t>(stride), stride, o, dst + done, pixels - done);
+void brightnessRowNeon(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                       size_t pixels) {
+    const size_t done = stride == 3   ? brightnessPixels<3>(src, o, dst, pixels)
+                        : stride == 4 ? brightnessPixels<4>(src, o, dst, pixels)
+                                      : 0;
+    brightnessRowPlain(src + done * static_cast<size_t>(stride), stride, o, dst + done,
+                       pixels - done);
 }
 
 }  // namespace morven::kernels

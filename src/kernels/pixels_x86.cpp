@@ -33,7 +33,8 @@ GrayControls grayControls(int32_t stride, const ptrdiff_t o[3]) {
     GrayControls c;
     for (int i = 0; i < 4; ++i) {
         const int base = stride * i;
-        const uint8_t px[4] = {static_cast<uint8_t>(base + o[0]), 0x80, static_cast<uint8_t>(base + o[1]), 0x80};
+        const uint8_t px[4] = {static_cast<uint8_t>(base + o[0]), 0x80,
+                               static_cast<uint8_t>(base + o[1]), 0x80};
         const uint8_t pr[4] = {static_cast<uint8_t>(base + o[2]), 0x80, 0x80, 0x80};
         for (int k = 0; k < 4; ++k) {
             c.pairs[4 * i + k] = px[k];
@@ -68,11 +69,13 @@ MORVEN_AVX2 inline __m256i brightness4x32(const uint8_t *s, const __m128i shift[
     __m256i m[4];
     for (int k = 0; k < 4; ++k) {
         const __m256i v = load256(s + 32 * k);
-        const __m256i a = _mm256_max_epu8(_mm256_srl_epi32(v, shift[0]), _mm256_srl_epi32(v, shift[1]));
+        const __m256i a =
+            _mm256_max_epu8(_mm256_srl_epi32(v, shift[0]), _mm256_srl_epi32(v, shift[1]));
         m[k] = _mm256_and_si256(_mm256_max_epu8(a, _mm256_srl_epi32(v, shift[2])), low);
     }
     // The packs interleave the lanes: put the 4-pixel groups back in order.
-    const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(m[0], m[1]), _mm256_packus_epi32(m[2], m[3]));
+    const __m256i bytes =
+        _mm256_packus_epi16(_mm256_packus_epi32(m[0], m[1]), _mm256_packus_epi32(m[2], m[3]));
     return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
@@ -93,7 +96,8 @@ MORVEN_AVX2 void grayRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t
         const __m256i hi = grayDwords256(load2x128(s + 2 * lane, s + 3 * lane), pairs, rest);
         // Levels are 0..255, so the saturating packs are exact.
         const __m256i words = _mm256_permute4x64_epi64(_mm256_packus_epi32(lo, hi), 0xD8);
-        store128(dst + i, _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1)));
+        store128(dst + i, _mm_packus_epi16(_mm256_castsi256_si128(words),
+                                           _mm256_extracti128_si256(words, 1)));
     }
     grayRowPlain(src + i * static_cast<size_t>(stride), stride, o, dst + i, pixels - i);
 }
@@ -101,8 +105,8 @@ MORVEN_AVX2 void grayRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t
 // Sixteen pixels per vector; for 3-byte pixels a dword permute first gives
 // each lane the 16 bytes that start its four pixels. Masked loads and stores
 // take the tail.
-MORVEN_AVX512 void grayRowAvx512(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
-                                 size_t pixels) {
+MORVEN_AVX512 void grayRowAvx512(const uint8_t *src, int32_t stride, const ptrdiff_t o[3],
+                                 uint8_t *dst, size_t pixels) {
     const GrayControls c = grayControls(stride, o);
     const __m512i pairs = _mm512_broadcast_i32x4(load128(c.pairs));
     const __m512i rest = _mm512_broadcast_i32x4(load128(c.rest));
@@ -117,13 +121,15 @@ MORVEN_AVX512 void grayRowAvx512(const uint8_t *src, int32_t stride, const ptrdi
         if (stride == 3) v = _mm512_permutexvar_epi32(spread, v);
         const __m512i bg = _mm512_shuffle_epi8(v, pairs);
         const __m512i r1 = _mm512_or_si512(_mm512_shuffle_epi8(v, rest), one);
-        const __m512i sum = _mm512_add_epi32(_mm512_madd_epi16(bg, wBG), _mm512_madd_epi16(r1, wR1));
-        _mm512_mask_cvtepi32_storeu_epi8(dst + i, static_cast<__mmask16>((1u << n) - 1), _mm512_srli_epi32(sum, 14));
+        const __m512i sum =
+            _mm512_add_epi32(_mm512_madd_epi16(bg, wBG), _mm512_madd_epi16(r1, wR1));
+        _mm512_mask_cvtepi32_storeu_epi8(dst + i, static_cast<__mmask16>((1u << n) - 1),
+                                         _mm512_srli_epi32(sum, 14));
     }
 }
 
-MORVEN_AVX2 void brightnessRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *out,
-                                   size_t pixels) {
+MORVEN_AVX2 void brightnessRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3],
+                                   uint8_t *out, size_t pixels) {
     size_t i = 0;
     if (stride == 3) {
         for (; i + 32 <= pixels; i += 32) store256(out + i, brightness3x32(src + 3 * i));
@@ -139,8 +145,8 @@ MORVEN_AVX2 void brightnessRowAvx2(const uint8_t *src, int32_t stride, const ptr
 // 3-byte pixels are split into planes with two-source byte permutes (VBMI),
 // 64 pixels from 192 bytes; 4-byte pixels as with AVX2, 16 per vector,
 // narrowed with a truncating move. Tails use masked loads and stores.
-MORVEN_AVX512VBMI void brightnessRowAvx512Vbmi(const uint8_t *src, int32_t stride, const ptrdiff_t o[3],
-                                               uint8_t *out, size_t pixels) {
+MORVEN_AVX512VBMI void brightnessRowAvx512Vbmi(const uint8_t *src, int32_t stride,
+                                               const ptrdiff_t o[3], uint8_t *out, size_t pixels) {
     if (stride == 3) {
         alignas(64) uint8_t lo[3][64], hi[3][64];
         __mmask64 fromC[3] = {0, 0, 0};
@@ -160,8 +166,10 @@ MORVEN_AVX512VBMI void brightnessRowAvx512Vbmi(const uint8_t *src, int32_t strid
             const size_t n = pixels - i < 64 ? pixels - i : 64, bytes = 3 * n;
             const uint8_t *s = src + 3 * i;
             const __m512i a = _mm512_maskz_loadu_epi8(firstBytes(bytes), s);
-            const __m512i b = _mm512_maskz_loadu_epi8(firstBytes(bytes > 64 ? bytes - 64 : 0), s + 64);
-            const __m512i c = _mm512_maskz_loadu_epi8(firstBytes(bytes > 128 ? bytes - 128 : 0), s + 128);
+            const __m512i b =
+                _mm512_maskz_loadu_epi8(firstBytes(bytes > 64 ? bytes - 64 : 0), s + 64);
+            const __m512i c =
+                _mm512_maskz_loadu_epi8(firstBytes(bytes > 128 ? bytes - 128 : 0), s + 128);
             __m512i m = _mm512_setzero_si512();
             for (int p = 0; p < 3; ++p) {
                 __m512i plane = _mm512_permutex2var_epi8(a, ilo[p], b);
@@ -181,7 +189,8 @@ MORVEN_AVX512VBMI void brightnessRowAvx512Vbmi(const uint8_t *src, int32_t strid
         const __mmask16 live = static_cast<__mmask16>((1u << n) - 1);
         const __m512i v = _mm512_maskz_loadu_epi32(live, src + 4 * i);
         const __m512i a = _mm512_max_epu8(_mm512_srl_epi32(v, s0), _mm512_srl_epi32(v, s1));
-        _mm512_mask_cvtepi32_storeu_epi8(out + i, live, _mm512_max_epu8(a, _mm512_srl_epi32(v, s2)));
+        _mm512_mask_cvtepi32_storeu_epi8(out + i, live,
+                                         _mm512_max_epu8(a, _mm512_srl_epi32(v, s2)));
     }
 }
 

@@ -27,8 +27,10 @@ inline uint8_t accept(int gp, int gq, int xp, int xq, int tc) {
 void smoothRowPlain(const SmoothRow &job) {
     const SmoothRow j = job;  // a local copy: the stores below may alias the record
     const int32_t w = j.w;
-    uint8_t *cH = j.curMasks, *cV = cH + j.maskStride, *cDR = cV + j.maskStride, *cDL = cDR + j.maskStride;
-    const uint8_t *pV = j.prevMasks + j.maskStride, *pDR = pV + j.maskStride, *pDL = pDR + j.maskStride;
+    uint8_t *cH = j.curMasks, *cV = cH + j.maskStride, *cDR = cV + j.maskStride,
+            *cDL = cDR + j.maskStride;
+    const uint8_t *pV = j.prevMasks + j.maskStride, *pDR = pV + j.maskStride,
+                  *pDL = pDR + j.maskStride;
     for (int32_t i = 0; i < w; ++i) {
         const bool right = i + 1 < w, left = i > 0;
         cH[i] = right ? accept(j.gB[i], j.gB[i + 1], j.xB[i], j.xB[i + 1], j.tc) : 0;

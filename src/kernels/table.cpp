@@ -9,20 +9,21 @@ namespace {
 
 using namespace kernels;
 
-constexpr SvdKernels kSvdPlain{columnDotsPlain, vectorDotsPlain, columnUpdatesPlain, reflectRowsPlain,
-                               rotatePlain};
+constexpr SvdKernels kSvdPlain{columnDotsPlain, vectorDotsPlain, columnUpdatesPlain,
+                               reflectRowsPlain, rotatePlain};
 
-constexpr Kernels kPlain{Isa::Portable,   lutRowPlain,       grayRowPlain,     brightnessRowPlain,
-                         u8ToF32Plain,    f32ToU8Plain,      u8ToU16Plain,     u16ToU8Plain,
-                         smoothRowPlain,  quotientsPlain,    readChannelPlain, writeChannelPlain,
-                         productPlain,    kSvdPlain};
+constexpr Kernels kPlain{Isa::Portable,  lutRowPlain,    grayRowPlain,     brightnessRowPlain,
+                         u8ToF32Plain,   f32ToU8Plain,   u8ToU16Plain,     u16ToU8Plain,
+                         smoothRowPlain, quotientsPlain, readChannelPlain, writeChannelPlain,
+                         productPlain,   kSvdPlain};
 
 #if MORVEN_X86
-constexpr SvdKernels kSvdAvx2{columnDotsAvx2, vectorDotsAvx2, columnUpdatesAvx2, reflectRowsAvx2, rotateAvx2};
+constexpr SvdKernels kSvdAvx2{columnDotsAvx2, vectorDotsAvx2, columnUpdatesAvx2, reflectRowsAvx2,
+                              rotateAvx2};
 
-constexpr Kernels kAvx2{Isa::Avx2,     lutRowAvx2,     grayRowAvx2,     brightnessRowAvx2,
-                        u8ToF32Avx2,   f32ToU8Avx2,    u8ToU16Avx2,     u16ToU8Avx2,
-                        smoothRowAvx2, quotientsAvx2,  readChannelAvx2, writeChannelAvx2,
+constexpr Kernels kAvx2{Isa::Avx2,     lutRowAvx2,    grayRowAvx2,     brightnessRowAvx2,
+                        u8ToF32Avx2,   f32ToU8Avx2,   u8ToU16Avx2,     u16ToU8Avx2,
+                        smoothRowAvx2, quotientsAvx2, readChannelAvx2, writeChannelAvx2,
                         productAvx2,   kSvdAvx2};
 
 // AVX-512 F, BW, VL; table look-ups and the brightness of 3-byte pixels
@@ -32,10 +33,11 @@ constexpr Kernels kAvx512{Isa::Avx512,     lutRowAvx2,      grayRowAvx512,   bri
                           smoothRowAvx512, quotientsAvx512, readChannelAvx2, writeChannelAvx2,
                           productAvx2,     kSvdAvx2};
 
-constexpr Kernels kAvx512Vbmi{Isa::Avx512,     lutRowAvx512Vbmi, grayRowAvx512,   brightnessRowAvx512Vbmi,
-                              u8ToF32Avx512,   f32ToU8Avx512,    u8ToU16Avx512,   u16ToU8Avx512,
-                              smoothRowAvx512, quotientsAvx512,  readChannelAvx2, writeChannelAvx2,
-                              productAvx2,     kSvdAvx2};
+constexpr Kernels kAvx512Vbmi{
+    Isa::Avx512,     lutRowAvx512Vbmi, grayRowAvx512,   brightnessRowAvx512Vbmi,
+    u8ToF32Avx512,   f32ToU8Avx512,    u8ToU16Avx512,   u16ToU8Avx512,
+    smoothRowAvx512, quotientsAvx512,  readChannelAvx2, writeChannelAvx2,
+    productAvx2,     kSvdAvx2};
 #endif
 
 #if MORVEN_NEON

@@ -28,10 +28,14 @@ struct LutPlan {
 LutPlan planOf(const LutLayout &layout);
 
 // ---- Gray levels and brightness (gray*.cpp, brightness*.cpp)
-void grayRowPlain(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels);
-void grayRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels);
-void grayRowAvx512(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels);
-void grayRowNeon(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst, size_t pixels);
+void grayRowPlain(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                  size_t pixels);
+void grayRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                 size_t pixels);
+void grayRowAvx512(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                   size_t pixels);
+void grayRowNeon(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
+                 size_t pixels);
 
 // The gray sum T0[c1] + T1[c2] + T2[c3] is 8192 + 1868 c1 + 9617 c2 + 4899 c3
 // (the terms of wz_toGray_tab); the vector forms compute it directly.
@@ -96,18 +100,22 @@ void writeChannelNeon(const uint8_t *src, uint8_t *px, int32_t step, ptrdiff_t o
 // ---- Matrices (product*.cpp, svd*.cpp)
 void productPlain(wzMatrix &dst, const wzMatrix &a, const wzMatrix &b, bool transposeA);
 void productAvx2(wzMatrix &dst, const wzMatrix &a, const wzMatrix &b, bool transposeA);
-void columnDotsPlain(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l, int32_t n);
-void columnDotsAvx2(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l, int32_t n);
-void vectorDotsPlain(double *t, double *const *X, const double *x, int32_t k0, int32_t k1, int32_t l, int32_t n);
-void vectorDotsAvx2(double *t, double *const *X, const double *x, int32_t k0, int32_t k1, int32_t l, int32_t n);
-void columnUpdatesPlain(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1, int32_t l,
-                        int32_t n);
-void columnUpdatesAvx2(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1, int32_t l,
-                       int32_t n);
-void reflectRowsPlain(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u, int32_t l,
-                      int32_t n);
-void reflectRowsAvx2(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u, int32_t l,
+void columnDotsPlain(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l,
                      int32_t n);
+void columnDotsAvx2(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l,
+                    int32_t n);
+void vectorDotsPlain(double *t, double *const *X, const double *x, int32_t k0, int32_t k1,
+                     int32_t l, int32_t n);
+void vectorDotsAvx2(double *t, double *const *X, const double *x, int32_t k0, int32_t k1, int32_t l,
+                    int32_t n);
+void columnUpdatesPlain(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1,
+                        int32_t l, int32_t n);
+void columnUpdatesAvx2(double *const *X, const double *t, int32_t c, int32_t k0, int32_t k1,
+                       int32_t l, int32_t n);
+void reflectRowsPlain(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u,
+                      int32_t l, int32_t n);
+void reflectRowsAvx2(double *const *A, int32_t j0, int32_t m, const double *ri, const double *u,
+                     int32_t l, int32_t n);
 void rotatePlain(double *x, double *z, int32_t len, double c, double s);
 void rotateAvx2(double *x, double *z, int32_t len, double c, double s);
 

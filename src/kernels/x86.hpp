@@ -35,7 +35,9 @@ namespace morven::x86 {
 MORVEN_AVX2 inline __m128i load128(const void *p) {
     return _mm_loadu_si128(static_cast<const __m128i *>(p));
 }
-MORVEN_AVX2 inline void store128(void *p, __m128i v) { _mm_storeu_si128(static_cast<__m128i *>(p), v); }
+MORVEN_AVX2 inline void store128(void *p, __m128i v) {
+    _mm_storeu_si128(static_cast<__m128i *>(p), v);
+}
 MORVEN_AVX2 inline __m256i load256(const void *p) {
     return _mm256_loadu_si256(static_cast<const __m256i *>(p));
 }
@@ -60,7 +62,8 @@ MORVEN_AVX2 inline __m256i broadcast128(const uint8_t *c) {
 // The low bytes of 32 16-bit lanes (q0 then q1), in order.
 MORVEN_AVX2 inline void storeLowBytes256(uint8_t *dst, __m256i q0, __m256i q1) {
     const __m256i low = _mm256_set1_epi16(0xFF);
-    const __m256i packed = _mm256_packus_epi16(_mm256_and_si256(q0, low), _mm256_and_si256(q1, low));
+    const __m256i packed =
+        _mm256_packus_epi16(_mm256_and_si256(q0, low), _mm256_and_si256(q1, low));
     store256(dst, _mm256_permute4x64_epi64(packed, 0xD8));
 }
 

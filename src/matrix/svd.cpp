@@ -69,7 +69,8 @@ struct Columns {
     // (p, q) <- (p * c + q * s, q * c - p * s), row by row.
     void rotate(int32_t p, int32_t q, double c, double s) const noexcept {
         if (t) {
-            rotateContiguous(t + static_cast<size_t>(p) * len, t + static_cast<size_t>(q) * len, len, c, s);
+            rotateContiguous(t + static_cast<size_t>(p) * len, t + static_cast<size_t>(q) * len,
+                             len, c, s);
             return;
         }
         for (int32_t r = 0; r < len; ++r) {
@@ -266,7 +267,8 @@ int32_t splitPoint(const Svd &d, int32_t k, double anorm, bool *cancel) noexcept
 
 // w[l - 1] is negligible: chase e[l] out with rotations of rows (l - 1, i),
 // applied to the columns of U.
-void cancelSuperdiagonal(const Svd &d, int32_t l, int32_t k, double anorm, const Columns &U) noexcept {
+void cancelSuperdiagonal(const Svd &d, int32_t l, int32_t k, double anorm,
+                         const Columns &U) noexcept {
     const int32_t nm = l - 1;
     double c = 0.0, s = 1.0;
     for (int32_t i = l; i <= k; ++i) {
@@ -285,7 +287,8 @@ void cancelSuperdiagonal(const Svd &d, int32_t l, int32_t k, double anorm, const
 
 // One implicit QR sweep over rows l..k, shifted by the eigenvalue of the
 // bottom 2 x 2 minor nearer to z = w[k].
-void qrSweep(const Svd &d, int32_t l, int32_t k, double z, const Columns &U, const Columns &Vc) noexcept {
+void qrSweep(const Svd &d, int32_t l, int32_t k, double z, const Columns &U,
+             const Columns &Vc) noexcept {
     double *e = d.e, *W = d.W;
     double x = W[l];
     const int32_t nm = k - 1;
@@ -369,8 +372,8 @@ FreePtr<double> stageColumns(int32_t m, int32_t n, Columns &U, Columns &Vc) noex
     return staged;
 }
 
-int32_t decompose(const SvdKernels &kernels, double **a, int32_t m, int32_t n, double *w, double **v,
-                  bool stagedRotations) noexcept {
+int32_t decompose(const SvdKernels &kernels, double **a, int32_t m, int32_t n, double *w,
+                  double **v, bool stagedRotations) noexcept {
     if (m < 0 || n < 0) return 1;
     FreePtr<double> work = allocArray<double>(2 * int64_t{n} + 1);
     if (!work) return 1;
@@ -392,8 +395,8 @@ int32_t decompose(const SvdKernels &kernels, double **a, int32_t m, int32_t n, d
 
 namespace morven {
 
-int32_t svdDecompose(const Kernels &kernels, double **a, int32_t m, int32_t n, double *w, double **v,
-                     bool stagedRotations) noexcept {
+int32_t svdDecompose(const Kernels &kernels, double **a, int32_t m, int32_t n, double *w,
+                     double **v, bool stagedRotations) noexcept {
     return decompose(kernels.svd, a, m, n, w, v, stagedRotations);
 }
 
@@ -405,10 +408,9 @@ MORVEN_API double *vector(int64_t nl, int64_t nh) {
     // One block of nh - nl + 2 doubles; v[nl - 1] is its first element.
     int64_t count = 0;
     if (nh < nl || __builtin_sub_overflow(nh, nl, &count) ||
-        __builtin_add_overflow(count, int64_t{2}, &count) ||
-        static_cast<uint64_t>(count) > SIZE_MAX / sizeof(double))
+        __builtin_add_overflow(count, int64_t{2}, &count))
         return nullptr;
-    double *block = static_cast<double *>(std::malloc(sizeof(double) * static_cast<size_t>(count)));
+    double *block = allocArray<double>(count).release();
     if (!block) return nullptr;
     return offsetBy(block, oneMinus(nl));
 }
@@ -422,20 +424,15 @@ MORVEN_API double **matrix(int64_t nrl, int64_t nrh, int64_t ncl, int64_t nch) {
     if (nrh < nrl || nch < ncl || __builtin_sub_overflow(nrh, nrl, &rows) ||
         __builtin_sub_overflow(nch, ncl, &cols) || __builtin_add_overflow(rows, int64_t{1}, &rows) ||
         __builtin_add_overflow(cols, int64_t{1}, &cols) || !checkedMul(rows, cols, cells) ||
-        cells >= INT64_MAX || static_cast<uint64_t>(cells) + 1 > SIZE_MAX / sizeof(double) ||
-        static_cast<uint64_t>(rows) + 1 > SIZE_MAX / sizeof(double *))
+        cells >= INT64_MAX || !arrayFits<double>(cells + 1) || !arrayFits<double *>(rows + 1))
         return nullptr;
     // Row table of rows + 1 entries (m[nrl - 1] is its first) and one block
     // of rows * cols + 1 doubles (m[nrl][ncl - 1] is its first).
-    double **table = static_cast<double **>(
-        std::malloc(sizeof(double *) * (static_cast<size_t>(rows) + 1)));
-    if (!table) return nullptr;
-    double *block = static_cast<double *>(
-        std::malloc(sizeof(double) * (static_cast<size_t>(cells) + 1)));
-    if (!block) {
-        std::free(table);
-        return nullptr;
-    }
+    FreePtr<double *> rowTable = allocArray<double *>(rows + 1);
+    if (!rowTable) return nullptr;
+    double *block = allocArray<double>(cells + 1).release();
+    if (!block) return nullptr;
+    double **table = rowTable.release();
     table[0] = nullptr;
     double *first = offsetBy(block, oneMinus(ncl));
     for (int64_t r = 0; r < rows; ++r) table[1 + r] = offsetBy(first, static_cast<uint64_t>(r * cols));

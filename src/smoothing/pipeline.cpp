@@ -93,7 +93,8 @@ void carvePipeline(const Run &run, int32_t levels, uint8_t *&at, Pipeline &p) {
         p.g[k] = take(1);
         for (int32_t s = 0; s < 3; ++s) {
             p.x[k][s] = take(1);
-            p.u[k][s] = reinterpret_cast<int16_t *>(take(2)) + kSmoothPad / 2;  // kSmoothPad elements in
+            p.u[k][s] =
+                reinterpret_cast<int16_t *>(take(2)) + kSmoothPad / 2;  // kSmoothPad elements in
         }
         if (k > 0) {
             p.masks[k][0] = take(4);
@@ -104,7 +105,8 @@ void carvePipeline(const Run &run, int32_t levels, uint8_t *&at, Pipeline &p) {
 
 // Before a run: no previous row of masks.
 void resetPipeline(const Run &run, Pipeline &p, int32_t levels) {
-    for (int32_t k = 1; k <= levels; ++k) std::memset(p.masks[k][1] - kSmoothPad, 0, 4 * run.rowBytes);
+    for (int32_t k = 1; k <= levels; ++k)
+        std::memset(p.masks[k][1] - kSmoothPad, 0, 4 * run.rowBytes);
 }
 
 // The job that makes row r of level k (1 <= k <= levels) from level k - 1.
@@ -162,12 +164,14 @@ void pipelineStep(const Run &run, Pipeline &p, int32_t levels, const ChannelRows
 // `levels` passes over `count` channels side by side, channel c from src[c]
 // to dst[c] guided by guide[c]. Pass k makes its first row at step k, before
 // any row of dst is written (at steps levels and on): the flag is read there.
-wzStatus runLevels(const Run &run, Pipeline *pipes, int32_t count, int32_t levels, const ChannelRows *guide,
-                   const ChannelRows *src, const ChannelRows *dst, const uint32_t *cancel) {
+wzStatus runLevels(const Run &run, Pipeline *pipes, int32_t count, int32_t levels,
+                   const ChannelRows *guide, const ChannelRows *src, const ChannelRows *dst,
+                   const uint32_t *cancel) {
     for (int32_t c = 0; c < count; ++c) resetPipeline(run, pipes[c], levels);
     for (int32_t s = 0; s < run.h + levels; ++s) {
         if (s >= 1 && s <= levels && cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-        for (int32_t c = 0; c < count; ++c) pipelineStep(run, pipes[c], levels, guide[c], src[c], dst[c], s);
+        for (int32_t c = 0; c < count; ++c)
+            pipelineStep(run, pipes[c], levels, guide[c], src[c], dst[c], s);
     }
     return WZ_STATUS_OK;
 }
@@ -177,15 +181,17 @@ wzStatus runLevels(const Run &run, Pipeline *pipes, int32_t count, int32_t level
 bool rowSafe(const wzImage &img, const wzImage &out) {
     const auto a = reinterpret_cast<uintptr_t>(img.data), b = reinterpret_cast<uintptr_t>(out.data);
     if (a == b) return img.encoding == out.encoding;
-    const auto na = static_cast<uintptr_t>(blockElements(img)), nb = static_cast<uintptr_t>(blockElements(out));
+    const auto na = static_cast<uintptr_t>(blockElements(img)),
+               nb = static_cast<uintptr_t>(blockElements(out));
     return a + na <= b || b + nb <= a;
 }
 
 // Channel after channel through a plane, kMaxLevels passes at a time. Only
 // the last run of a channel writes the output, so a cancellation leaves the
 // channel in progress untouched.
-wzStatus smoothThroughPlane(const Run &run, Pipeline &pipe, uint8_t *plane, int32_t passes, const wzImage &guide,
-                            const wzImage &input, const wzImage &output, const uint32_t *cancel) {
+wzStatus smoothThroughPlane(const Run &run, Pipeline &pipe, uint8_t *plane, int32_t passes,
+                            const wzImage &guide, const wzImage &input, const wzImage &output,
+                            const uint32_t *cancel) {
     const ChannelRows planeRows{plane, 0, 1, run.w};
     for (int32_t c = 1; c <= 3; ++c) {
         const ChannelRows gv = channelRows(guide, c), ov = channelRows(output, c);
@@ -220,13 +226,15 @@ wzStatus smoothPipelined(const Kernels &kernels, int32_t t, int32_t passes, cons
     const bool sideBySide = passes <= kMaxLevels;
     const int32_t pipes = sideBySide ? 3 : 1;
     // Zeroed: the guard elements of the mask rows must read as no pair.
-    FreePtr<uint8_t> block(static_cast<uint8_t *>(std::calloc(pipes * pipelineRows(levels) * run.rowBytes + 64, 1)));
+    FreePtr<uint8_t> block =
+        allocZeroedArray<uint8_t>(static_cast<int64_t>(pipes * pipelineRows(levels) * run.rowBytes + 64));
     FreePtr<uint8_t> plane = sideBySide ? nullptr : allocArray<uint8_t>(int64_t{w} * h);
     if (!block || (!sideBySide && !plane)) return WZ_STATUS_ERROR;
     uint8_t *at = block.get() + (-reinterpret_cast<uintptr_t>(block.get()) & 63);
     Pipeline pl[3];
     for (int32_t c = 0; c < pipes; ++c) carvePipeline(run, levels, at, pl[c]);
-    if (!sideBySide) return smoothThroughPlane(run, pl[0], plane.get(), passes, guide, input, output, cancel);
+    if (!sideBySide)
+        return smoothThroughPlane(run, pl[0], plane.get(), passes, guide, input, output, cancel);
     ChannelRows gv[3], xv[3], ov[3];
     for (int32_t c = 0; c < 3; ++c) {
         gv[c] = channelRows(guide, c + 1);

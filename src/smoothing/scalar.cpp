@@ -22,8 +22,8 @@ struct PairKernel {
     const uint8_t *valueDiff;  // centred: index xp - xq
     const uint8_t *accept;
 
-    inline void operator()(int32_t gp, int32_t gq, int32_t xp, int32_t xq, int32_t &np,
-                           int32_t &nq, int32_t &ap, int32_t &aq) const {
+    inline void operator()(int32_t gp, int32_t gq, int32_t xp, int32_t xq, int32_t &np, int32_t &nq,
+                           int32_t &ap, int32_t &aq) const {
         const int32_t d = guideDiff[gp - gq];
         const int32_t e = valueDiff[xp - xq];
         const int32_t ok = accept[(d << 8) | e];
@@ -81,10 +81,10 @@ void smoothPass(const PairKernel &k, const uint8_t *g, const uint8_t *x, uint8_t
         uint8_t *n1 = n0 + stride;
         int32_t *a1 = a + (y + 1) * stride;
         for (int32_t i = 0; i < last; ++i) {
-            int32_t np = n0[i] + cn0, ap = a0[i] + ca0;  // (i, y)
-            int32_t nq = cn1, aq = ca1;                  // (i, y + 1)
-            int32_t nr = 0, ar = 0;                      // (i + 1, y)
-            int32_t nd = 0, ad = 0;                      // (i + 1, y + 1)
+            int32_t np = n0[i] + cn0, ap = a0[i] + ca0;             // (i, y)
+            int32_t nq = cn1, aq = ca1;                             // (i, y + 1)
+            int32_t nr = 0, ar = 0;                                 // (i + 1, y)
+            int32_t nd = 0, ad = 0;                                 // (i + 1, y + 1)
             k(g0[i], g0[i + 1], x0[i], x0[i + 1], np, nr, ap, ar);  // right
             k(g0[i], g1[i], x0[i], x1[i], np, nq, ap, aq);          // lower
             k(g0[i], g1[i + 1], x0[i], x1[i + 1], np, nd, ap, ad);  // lower-right

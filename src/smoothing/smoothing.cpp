@@ -13,7 +13,9 @@ using namespace morven;
 
 namespace {
 
-bool isColour8U(const wzImage &img) { return img.type == wzType8U && channelCount(img.encoding) >= 3; }
+bool isColour8U(const wzImage &img) {
+    return img.type == wzType8U && channelCount(img.encoding) >= 3;
+}
 
 }  // namespace
 
@@ -45,7 +47,8 @@ wzStatus selectiveSmoothWith(const Kernels *kernels, const wzSelectiveSmoothPara
     PairTables tables;
     if (!buildPairTables(*support, t, tables)) return WZ_STATUS_ERROR;
     if (kernels && closedFormHolds(tables, t) && pipelineFits(guideAll, inputAll, outputAll))
-        return smoothPipelined(*kernels, t, params->iterations, guideAll, inputAll, outputAll, cancel);
+        return smoothPipelined(*kernels, t, params->iterations, guideAll, inputAll, outputAll,
+                               cancel);
     return smoothWithTables(tables, params->iterations, guideAll, inputAll, outputAll, cancel);
 }
 
@@ -62,14 +65,13 @@ MORVEN_API wzSelectiveSmoothParams *wzSelectiveSmoothParamsDefault(void) {
 }
 
 MORVEN_API void wzSelectiveSmoothParamsRelease(wzSelectiveSmoothParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
                                       const wzSelectiveSmoothSupport *support, const wzImage *guide,
-                                      const wzImage *input, wzImage *output, const uint32_t *cancel) {
+                                      const wzImage *input, wzImage *output,
+                                      const uint32_t *cancel) {
     return selectiveSmoothWith(&bestKernels(), params, support, guide, input, output, cancel);
 }
 

@@ -91,11 +91,10 @@ MORVEN_API wzSelectiveSmoothSupport *wzSelectiveSmoothSupportCreate(void) {
 }
 
 MORVEN_API void wzSelectiveSmoothSupportRelease(wzSelectiveSmoothSupport **support) {
-    if (!support || !*support) return;
-    wzMatrixRelease(&(*support)->absDiff);
-    wzMatrixRelease(&(*support)->ratio);
-    std::free(*support);
-    *support = nullptr;
+    releaseRecord(support, [](wzSelectiveSmoothSupport &s) {
+        wzMatrixRelease(&s.absDiff);
+        wzMatrixRelease(&s.ratio);
+    });
 }
 
 }  // extern "C"

@@ -38,14 +38,13 @@ MORVEN_API wzHistogramTransferSupport *wzHistogramTransferSupportCreate(void) {
 }
 
 MORVEN_API void wzHistogramTransferSupportRelease(wzHistogramTransferSupport **support) {
-    if (!support || !*support) return;
-    wzSelectiveSmoothSupportRelease(&(*support)->smoothSupport);
-    std::free(*support);
-    *support = nullptr;
+    releaseRecord(support, [](wzHistogramTransferSupport &s) {
+        wzSelectiveSmoothSupportRelease(&s.smoothSupport);
+    });
 }
 
 MORVEN_API wzHistogramTransferParams *wzHistogramTransferParamsDefault(void) {
-    auto *p = static_cast<wzHistogramTransferParams *>(std::calloc(1, sizeof(wzHistogramTransferParams)));
+    FreePtr<wzHistogramTransferParams> p = allocZeroed<wzHistogramTransferParams>();
     if (!p) return nullptr;
     p->targetProfile = nullptr;
     p->matchStrength = 1.0f;
@@ -57,24 +56,20 @@ MORVEN_API wzHistogramTransferParams *wzHistogramTransferParamsDefault(void) {
     p->smoothThreshold = 0.1f;
     p->smoothIterations = 2;
     p->matchMaxStep = 255;
-    return p;
+    return p.release();
 }
 
 MORVEN_API void wzHistogramTransferParamsRelease(wzHistogramTransferParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzHistogramTransferParamsInner *wzHistogramTransferParamsInnerCreate(void) {
     // All four attempts are made; any failure releases all of them.
-    auto *inner = static_cast<wzHistogramTransferParamsInner *>(
-        std::calloc(1, sizeof(wzHistogramTransferParamsInner)));
+    FreePtr<wzHistogramTransferParamsInner> inner = allocZeroed<wzHistogramTransferParamsInner>();
     wzHistogramMatchParams *match = wzHistogramMatchParamsDefault();
     wzContrastEnhanceParams *contrast = wzContrastEnhanceParamsDefault();
     wzSelectiveSmoothParams *smooth = wzSelectiveSmoothParamsDefault();
     if (!inner || !match || !contrast || !smooth) {
-        std::free(inner);
         wzHistogramMatchParamsRelease(&match);
         wzContrastEnhanceParamsRelease(&contrast);
         wzSelectiveSmoothParamsRelease(&smooth);
@@ -83,16 +78,15 @@ MORVEN_API wzHistogramTransferParamsInner *wzHistogramTransferParamsInnerCreate(
     inner->matchParams = match;
     inner->contrastParams = contrast;
     inner->smoothParams = smooth;
-    return inner;
+    return inner.release();
 }
 
 MORVEN_API void wzHistogramTransferParamsInnerRelease(wzHistogramTransferParamsInner **inner) {
-    if (!inner || !*inner) return;
-    wzContrastEnhanceParamsRelease(&(*inner)->contrastParams);
-    wzSelectiveSmoothParamsRelease(&(*inner)->smoothParams);
-    wzHistogramMatchParamsRelease(&(*inner)->matchParams);
-    std::free(*inner);
-    *inner = nullptr;
+    releaseRecord(inner, [](wzHistogramTransferParamsInner &i) {
+        wzContrastEnhanceParamsRelease(&i.contrastParams);
+        wzSelectiveSmoothParamsRelease(&i.smoothParams);
+        wzHistogramMatchParamsRelease(&i.matchParams);
+    });
 }
 
 MORVEN_API void wzHistogramTransferSetInnerParams(const wzHistogramTransferParams *params,
