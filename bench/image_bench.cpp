@@ -225,19 +225,27 @@ void toGray(double mp) {
 void smooth(double mp) {
     const Dimensions d = dimensionsFor(mp);
     Group g("smooth", mp, 3.0 * d.width * d.height);
-    g.addMorven("morven", "wzSelectiveSmooth 2 passes", 20.0, 0.0, mp, [](benchmark::State &state, const Picture &p) {
-        std::vector<uint8_t> out(p.bytes());
-        Header guide(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
-        Header input(p.width, p.height, wzEncodingBGR, wzType8U, p.transferred.data());
-        Header output(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
-        wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
-        if (!guide || !input || !output || !params || !smoothSupport())
-            state.SkipWithError("allocation failed");
-        timeCalls(state, out.data(), [&] {
-            return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(), output.get(), nullptr);
-        }, "wzSelectiveSmooth");
-        wzSelectiveSmoothParamsRelease(&params);
-    });
+    // With defaults, without a cancel flag and with one that is never set
+    // (the two take one path).
+    for (bool flag : {false, true}) {
+        g.addMorven(flag ? "morven+flag" : "morven",
+                    flag ? "wzSelectiveSmooth 2 passes, flag" : "wzSelectiveSmooth 2 passes", 20.0, 0.0, mp,
+                    [flag](benchmark::State &state, const Picture &p) {
+                        std::vector<uint8_t> out(p.bytes());
+                        Header guide(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
+                        Header input(p.width, p.height, wzEncodingBGR, wzType8U, p.transferred.data());
+                        Header output(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
+                        wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
+                        const uint32_t never = 0;
+                        if (!guide || !input || !output || !params || !smoothSupport())
+                            state.SkipWithError("allocation failed");
+                        timeCalls(state, out.data(), [&] {
+                            return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(),
+                                                     output.get(), flag ? &never : nullptr);
+                        }, "wzSelectiveSmooth");
+                        wzSelectiveSmoothParamsRelease(&params);
+                    });
+    }
 }
 
 // Element-type conversions of the BGR picture; the yardstick copies the

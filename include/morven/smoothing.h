@@ -11,8 +11,8 @@
  *
  * A support object holds two 256 x 256 look-up tables (absolute differences
  * and ratios) built once; it is read-only afterwards and may serve concurrent
- * calls. Cancel flags (may be null) are read before the passes of each
- * channel.
+ * calls. Cancel flags (may be null) are read at the start of every pass of
+ * every channel; a null flag and one never set take the same path.
  */
 #ifndef MORVEN_SMOOTHING_H
 #define MORVEN_SMOOTHING_H
@@ -64,8 +64,10 @@ MORVEN_API void wzSelectiveSmoothParamsRelease(wzSelectiveSmoothParams **params)
  * output may be the same record as input. Regions of interest are ignored
  * (a choice of this library): the whole images are smoothed, or copied.
  * Returns 0; 1 when working memory cannot be allocated; 2 when the cancel
- * flag is found set (it is read at least before each channel's passes: the
- * channels already finished stay written, the others untouched).
+ * flag is found set (it is read at the start of every pass of every channel,
+ * before the pass makes its first row: the channels already finished stay
+ * written, the others untouched; passes of several channels may run side by
+ * side, and then none of them is finished).
  * Choices of this library, checked before anything is written:
  *  - input, guide or output not 8-bit or with fewer than three channels
  *    (gray or an encoding above 4): returns 1;

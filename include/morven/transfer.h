@@ -119,8 +119,8 @@ MORVEN_API void wzMorvenDispose(void);
  * mask. Buffers and sizes are not checked.
  * Returns 0; 1 without touching any buffer when wzMorvenInit has not run (or
  * wzMorvenDispose has); 1 when a record cannot be allocated; otherwise the
- * pipeline's status. The internal cancel flag is never set: a host that
- * needs cancellation calls wzHistogramTransferFilter with its own flag. */
+ * pipeline's status. These calls cannot be cancelled (they pass no flag): a
+ * host that needs cancellation calls wzHistogramTransferFilter with its own. */
 MORVEN_API wzStatus wzMorvenTransfer(int32_t width, int32_t height, const uint8_t *source,
                                      uint8_t *destination, int32_t referenceWidth,
                                      int32_t referenceHeight, const uint8_t *reference,
