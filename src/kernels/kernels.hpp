@@ -33,10 +33,11 @@ struct LutLayout {
 using LutRowFn = void (*)(const LutLayout &layout, const uint8_t *src, uint8_t *dst, size_t pixels);
 
 // ---------------------------------------------------------------------------
-// Pixel to byte rows (gray*.cpp, brightness*.cpp): `pixels` pixels of
-// `stride` (3 or 4) bytes, offsets[0..2] the positions of channels 1..3 in a
-// pixel (three distinct ones), one byte out per pixel; the rows do not
-// overlap.
+// Pixel to byte rows (pixels*.cpp): `pixels` pixels of `stride` (3 or 4)
+// bytes, offsets[0..2] the positions of channels 1..3 in a pixel (three
+// distinct ones), one byte out per pixel. The destination row does not
+// overlap the source row, or starts at or before it (a step reads its
+// pixels before it writes, and the destination advances more slowly).
 //   gray:       dst[i] = (T0[c1] + T1[c2] + T2[c3]) >> 14 with the gray table
 //               T of wz_toGray_tab, i.e. (8192 + 1868 c1 + 9617 c2 + 4899 c3) >> 14
 //   brightness: dst[i] = the largest of c1, c2, c3

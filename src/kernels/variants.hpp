@@ -27,7 +27,7 @@ struct LutPlan {
 };
 LutPlan planOf(const LutLayout &layout);
 
-// ---- Gray levels and brightness (gray*.cpp, brightness*.cpp)
+// ---- Gray levels and brightness (pixels*.cpp)
 void grayRowPlain(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
                   size_t pixels);
 void grayRowAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
