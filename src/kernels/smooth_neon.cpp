@@ -13,19 +13,6 @@
 namespace morven::kernels {
 namespace {
 
-struct QuotientBytes {
-    uint8_t lo[16], hi[16];
-};
-constexpr QuotientBytes makeQuotientBytes() {
-    QuotientBytes b{};
-    for (int n = 0; n < 16; ++n) {
-        b.lo[n] = static_cast<uint8_t>(kQuotientMul[n] & 0xFF);
-        b.hi[n] = static_cast<uint8_t>(kQuotientMul[n] >> 8);
-    }
-    return b;
-}
-alignas(16) constexpr QuotientBytes kQuotientBytes = makeQuotientBytes();
-
 // 0xFF where the pair is accepted and the lane is valid: e - 2d and t - d,
 // both saturated, are nonzero.
 inline uint8x16_t acceptPairs(uint8x16_t valid, uint8x16_t gp, uint8x16_t gq, uint8x16_t xp,

@@ -21,20 +21,6 @@ namespace {
 
 using namespace x86;
 
-// The quotient table as byte halves, for 16-entry byte shuffles.
-struct QuotientBytes {
-    uint8_t lo[16], hi[16];
-};
-constexpr QuotientBytes makeQuotientBytes() {
-    QuotientBytes b{};
-    for (int n = 0; n < 16; ++n) {
-        b.lo[n] = static_cast<uint8_t>(kQuotientMul[n] & 0xFF);
-        b.hi[n] = static_cast<uint8_t>(kQuotientMul[n] >> 8);
-    }
-    return b;
-}
-alignas(16) constexpr QuotientBytes kQuotientBytes = makeQuotientBytes();
-
 // ---- AVX2: 32 pixels per step, masks as bytes.
 
 // 0xFF where the pair is accepted and the lane is valid.

@@ -90,6 +90,20 @@ void quotientsNeon(const int16_t *num, const uint16_t *count, uint8_t *q, int32_
 alignas(64) inline constexpr uint16_t kQuotientMul[32] = {0,    32768, 16384, 10923, 8192,
                                                           6554, 5462,  4682,  4096,  3641};
 
+// The same factors as byte halves, for 16-entry byte look-ups.
+struct QuotientBytes {
+    uint8_t lo[16], hi[16];
+};
+constexpr QuotientBytes makeQuotientBytes() {
+    QuotientBytes b{};
+    for (int n = 0; n < 16; ++n) {
+        b.lo[n] = static_cast<uint8_t>(kQuotientMul[n] & 0xFF);
+        b.hi[n] = static_cast<uint8_t>(kQuotientMul[n] >> 8);
+    }
+    return b;
+}
+alignas(16) inline constexpr QuotientBytes kQuotientBytes = makeQuotientBytes();
+
 void readChannelPlain(const uint8_t *px, int32_t step, ptrdiff_t offset, uint8_t *dst, int32_t w);
 void readChannelAvx2(const uint8_t *px, int32_t step, ptrdiff_t offset, uint8_t *dst, int32_t w);
 void readChannelNeon(const uint8_t *px, int32_t step, ptrdiff_t offset, uint8_t *dst, int32_t w);
