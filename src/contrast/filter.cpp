@@ -108,8 +108,8 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
 
 namespace morven {
 
-wzStatus contrastFilterCounted(const wzContrastEnhanceParams *params, ByteCounter &brightness, wzImage *image,
-                               const uint32_t *cancel) noexcept {
+wzStatus contrastFilterCounted(const wzContrastEnhanceParams *params, ByteCounter &brightness,
+                               wzImage *image, const uint32_t *cancel) noexcept {
     FreePtr<wzContrastEnhanceStats> stats(wzContrastEnhanceStatsCreate());
     if (!stats) return WZ_STATUS_ERROR;
     // Where the statistics pass over a colour image reads the flag.

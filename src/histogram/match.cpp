@@ -146,8 +146,8 @@ bool rowKernelLayout(const uint8_t *table, const wzImage &src, const ChannelByte
 
 // Counts the brightness (the largest of channels 1-3) of a row of `cols`
 // colour pixels of `step` bytes.
-void countBrightness(const Kernels &kernels, const uint8_t *row, int32_t step, const ChannelBytes &o, int32_t cols,
-                     ByteCounter &counter) {
+void countBrightness(const Kernels &kernels, const uint8_t *row, int32_t step,
+                     const ChannelBytes &o, int32_t cols, ByteCounter &counter) {
     constexpr size_t kChunk = 4096;
     uint8_t bright[kChunk];
     const size_t pixels = cols > 0 ? static_cast<size_t>(cols) : 0;
@@ -269,8 +269,8 @@ namespace morven {
 
 wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *destination,
                     ByteCounter *brightness, const uint32_t *cancel) noexcept {
-    if (source->type != wzType8U || destination->type != wzType8U || !isValidEncoding(source->encoding) ||
-        !isValidEncoding(destination->encoding))
+    if (source->type != wzType8U || destination->type != wzType8U ||
+        !isValidEncoding(source->encoding) || !isValidEncoding(destination->encoding))
         return WZ_STATUS_ERROR;
     const bool gray = source->encoding == wzEncodingGray;
     const ChannelBytes os = channelBytes(*source);
@@ -293,15 +293,17 @@ wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *de
         } else {
             applyRowPlain(table, os, od, gray, s, d, cols);
         }
-        if (brightness) countBrightness(kernels, written, static_cast<int32_t>(d.step), od, cols, *brightness);
+        if (brightness)
+            countBrightness(kernels, written, static_cast<int32_t>(d.step), od, cols, *brightness);
         s.p += s.gap;
         d.p += d.gap;
     }
     return WZ_STATUS_OK;
 }
 
-wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source, wzImage *destination,
-                             ByteCounter &brightness, const uint32_t *cancel) noexcept {
+wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source,
+                             wzImage *destination, ByteCounter &brightness,
+                             const uint32_t *cancel) noexcept {
     wzImageColorProfile profile;
     wzHistogramMatchStats stats{&profile};
     const wzStatus filled = wzImageFillColorProfile(source, &profile);

@@ -27,8 +27,9 @@ wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *de
 
 // wzHistogramMatchFilter without a mask, counting the brightness of the
 // destination pixels written as applyTable does.
-wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source, wzImage *destination,
-                             ByteCounter &brightness, const uint32_t *cancel) noexcept;
+wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source,
+                             wzImage *destination, ByteCounter &brightness,
+                             const uint32_t *cancel) noexcept;
 
 // Applies a match table from source to destination and blends the result
 // with the unmatched values under the mask (null for none), copying the

@@ -49,11 +49,13 @@ void minMaxRegion(const wzImage &img, double &outMin, double &outMax) {
 // Bounding box of the non-zero elements of the whole gray block.
 template <typename T>
 bool nonZeroBox(const wzImage &img, wzRect &box) {
-    const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(img.width) * static_cast<ptrdiff_t>(sizeof(T));
+    const ptrdiff_t rowBytes =
+        static_cast<ptrdiff_t>(img.width) * static_cast<ptrdiff_t>(sizeof(T));
     NonZeroBounds b;
     const uint8_t *row = img.data;
     for (int32_t y = 0; y < img.height; ++y, row += rowBytes) b.addRow<T>(row, img.width, y, 0);
-    box = b.found ? wzRect{b.minX, b.minY, b.maxX - b.minX + 1, b.maxY - b.minY + 1} : wzRect{0, 0, 0, 0};
+    box = b.found ? wzRect{b.minX, b.minY, b.maxX - b.minX + 1, b.maxY - b.minY + 1}
+                  : wzRect{0, 0, 0, 0};
     return b.found;
 }
 

@@ -117,7 +117,8 @@ void morven::convertElements(const Kernels &kernels, uint32_t srcType, uint32_t 
     // walk runs backwards) and at or before it when narrowing.
     const int64_t ss = elementSize(srcType), ds = elementSize(dstType);
     const bool ordered = ds > ss ? atOrBefore(src, dst) : atOrBefore(dst, src);
-    const bool vectorSafe = ordered || disjoint(src, static_cast<size_t>(n * ss), dst, static_cast<size_t>(n * ds));
+    const bool vectorSafe =
+        ordered || disjoint(src, static_cast<size_t>(n * ss), dst, static_cast<size_t>(n * ds));
     if (const ConvertFn f = pairKernel(vectorSafe ? kernels : plainKernels(), srcType, dstType)) {
         f(src, dst, n);
         return;

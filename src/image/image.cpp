@@ -55,9 +55,7 @@ MORVEN_API wzImage *wzImageCreateAs(const wzImage *model) {
     return wzImageCreateWithType(model->width, model->height, model->encoding, model->type);
 }
 
-MORVEN_API void wzImageReleaseHeader(wzImage **image) {
-    releaseRecord(image);
-}
+MORVEN_API void wzImageReleaseHeader(wzImage **image) { releaseRecord(image); }
 
 MORVEN_API void wzImageRelease(wzImage **image) {
     releaseRecord(image, [](wzImage &i) { std::free(i.data); });

@@ -36,7 +36,7 @@ wzStatus wzMatrixPseudoInverseSquare(const wzMatrix *A, wzMatrix *P);
 // place, column by column; with true they work on transposed copies (column
 // rotations over contiguous memory) when those can be allocated. All forms
 // give identical bits; svdcmp uses the staged one with the best kernels.
-int32_t svdDecompose(const Kernels &kernels, double **a, int32_t m, int32_t n, double *w, double **v,
-                     bool stagedRotations) noexcept;
+int32_t svdDecompose(const Kernels &kernels, double **a, int32_t m, int32_t n, double *w,
+                     double **v, bool stagedRotations) noexcept;
 
 }  // namespace morven

@@ -422,7 +422,8 @@ MORVEN_API void free_vector(double *v, int64_t nl, int64_t /*nh*/) {
 MORVEN_API double **matrix(int64_t nrl, int64_t nrh, int64_t ncl, int64_t nch) {
     int64_t rows = 0, cols = 0, cells = 0;
     if (nrh < nrl || nch < ncl || __builtin_sub_overflow(nrh, nrl, &rows) ||
-        __builtin_sub_overflow(nch, ncl, &cols) || __builtin_add_overflow(rows, int64_t{1}, &rows) ||
+        __builtin_sub_overflow(nch, ncl, &cols) ||
+        __builtin_add_overflow(rows, int64_t{1}, &rows) ||
         __builtin_add_overflow(cols, int64_t{1}, &cols) || !checkedMul(rows, cols, cells) ||
         cells >= INT64_MAX || !arrayFits<double>(cells + 1) || !arrayFits<double *>(rows + 1))
         return nullptr;

@@ -226,8 +226,8 @@ wzStatus smoothPipelined(const Kernels &kernels, int32_t t, int32_t passes, cons
     const bool sideBySide = passes <= kMaxLevels;
     const int32_t pipes = sideBySide ? 3 : 1;
     // Zeroed: the guard elements of the mask rows must read as no pair.
-    FreePtr<uint8_t> block =
-        allocZeroedArray<uint8_t>(static_cast<int64_t>(pipes * pipelineRows(levels) * run.rowBytes + 64));
+    FreePtr<uint8_t> block = allocZeroedArray<uint8_t>(
+        static_cast<int64_t>(pipes * pipelineRows(levels) * run.rowBytes + 64));
     FreePtr<uint8_t> plane = sideBySide ? nullptr : allocArray<uint8_t>(int64_t{w} * h);
     if (!block || (!sideBySide && !plane)) return WZ_STATUS_ERROR;
     uint8_t *at = block.get() + (-reinterpret_cast<uintptr_t>(block.get()) & 63);

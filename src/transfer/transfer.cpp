@@ -19,10 +19,11 @@ namespace {
 // source's region all of it), a colour destination.
 bool matchWritesWholeColour(const wzImage &source, const wzImage &destination) {
     const wzRect &r = source.roi;
-    return source.type == wzType8U && destination.type == wzType8U && isValidEncoding(source.encoding) &&
-           channelCount(destination.encoding) >= 3 && r.x == 0 && r.y == 0 && r.width == source.width &&
-           r.height == source.height && destination.roi.x == 0 && destination.roi.y == 0 &&
-           destination.width == source.width && destination.height == source.height;
+    return source.type == wzType8U && destination.type == wzType8U &&
+           isValidEncoding(source.encoding) && channelCount(destination.encoding) >= 3 &&
+           r.x == 0 && r.y == 0 && r.width == source.width && r.height == source.height &&
+           destination.roi.x == 0 && destination.roi.y == 0 && destination.width == source.width &&
+           destination.height == source.height;
 }
 
 }  // namespace
@@ -135,13 +136,15 @@ MORVEN_API wzStatus wzHistogramTransferFilter(const wzHistogramTransferParams *p
     // than in a second pass over the destination.
     const bool counted = inner->contrastEnabled && matchWritesWholeColour(*source, *destination);
     ByteCounter brightness;
-    wzStatus status = counted
-                          ? matchFilterCounting(inner->matchParams, source, destination, brightness, cancel)
-                          : wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
+    wzStatus status =
+        counted ? matchFilterCounting(inner->matchParams, source, destination, brightness, cancel)
+                : wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
     if (status != WZ_STATUS_OK) return status;
     if (inner->contrastEnabled) {
-        status = counted ? contrastFilterCounted(inner->contrastParams, brightness, destination, cancel)
-                         : wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr, destination, cancel);
+        status = counted
+                     ? contrastFilterCounted(inner->contrastParams, brightness, destination, cancel)
+                     : wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr,
+                                               destination, cancel);
         if (status != WZ_STATUS_OK) return status;
     }
     if (inner->smoothEnabled) {

@@ -71,7 +71,8 @@ bool nonZeroBox(const wzVolume &v, wzBox &box) {
             b.addRow<T>(row, v.width, y, z);
     }
     if (b.found)
-        box = wzBox{b.minX, b.minY, b.minZ, b.maxX - b.minX + 1, b.maxY - b.minY + 1, b.maxZ - b.minZ + 1};
+        box = wzBox{
+            b.minX, b.minY, b.minZ, b.maxX - b.minX + 1, b.maxY - b.minY + 1, b.maxZ - b.minZ + 1};
     return b.found;
 }
 
