@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "morven/morven.h"
+#include "photographs.hpp"
 
 namespace bench {
 
@@ -26,6 +27,7 @@ struct Case {
     std::string key;        // benchmark name, "<operation>/<size>/<code>"
     std::string operation;  // what the table shows, e.g. "wzImageCvtColor BGR>gray"
     std::string size;       // e.g. "24 MP", "512x512"
+    std::string picture;    // the picture it runs on ("" when none)
     double bytes = 0.0;     // bytes per iteration for MB/s (0: not shown)
     double flops = 0.0;     // floating-point operations per iteration (0: not shown)
     double minGflops = 0.0; // target on the throughput itself; 0 for none
@@ -52,9 +54,10 @@ Dimensions dimensionsFor(double megapixels);
 std::string sizeLabel(double megapixels); // "0.25 MP"
 std::string sizeKey(double megapixels);   // "0.25MP"
 
-// Deterministic 8-bit BGR test pictures of one size, made once and kept:
-// smooth gradients, large flat cells with hard edges and a little noise,
-// so that histograms are spread and smoothing sees both flat areas and edges.
+// Deterministic 8-bit BGR test pictures of one size and scene, made once and
+// kept. The synthetic scene: smooth gradients, large flat cells with hard
+// edges and a little noise, so that histograms are spread and smoothing sees
+// both flat areas and edges. A photograph's reference is another photograph.
 struct Picture {
     int32_t width = 0;
     int32_t height = 0;
@@ -64,7 +67,12 @@ struct Picture {
     size_t pixels() const { return size_t(width) * size_t(height); }
     size_t bytes() const { return pixels() * 3; }
 };
-const Picture &picture(double megapixels);
+const Picture &picture(double megapixels, Scene scene = Scene::Synthetic);
+
+// The scenes the image benchmarks run on (--pictures, default all of them
+// when the photographs can be read, else the synthetic one).
+const std::vector<Scene> &scenes();
+bool setScenes(const char *list);
 
 // A borrowed-block image header released on scope exit.
 class Header {

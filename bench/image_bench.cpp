@@ -76,14 +76,20 @@ struct Group {
         addCase(c, std::move(fn));
     }
 
-    // maxMemcpy, maxPeer: targets at the target size (0: none).
-    void addMorven(const char *code, const std::string &operation, double maxMemcpy,
-                   double maxPeer, std::function<void(benchmark::State &)> fn) const {
-        Case c = make(code, operation);
-        c.yardsticks.push_back({memcpyKey, atTarget ? maxMemcpy : 0.0});
-        if (!peerKey.empty())
-            c.yardsticks.push_back({peerKey, atTarget ? maxPeer : 0.0});
-        addCase(c, std::move(fn));
+    // One case of the library per picture (the scenes chosen on the command
+    // line), run(state, picture). maxMemcpy, maxPeer: targets at the target
+    // size (0: none), on every picture.
+    template <class Run>
+    void addMorven(const char *code, const std::string &operation, double maxMemcpy, double maxPeer,
+                   double mp, Run run) const {
+        for (Scene scene : scenes()) {
+            Case c = make((std::string(code) + "@" + sceneLabel(scene)).c_str(), operation);
+            c.picture = sceneLabel(scene);
+            c.yardsticks.push_back({memcpyKey, atTarget ? maxMemcpy : 0.0});
+            if (!peerKey.empty())
+                c.yardsticks.push_back({peerKey, atTarget ? maxPeer : 0.0});
+            addCase(c, [mp, scene, run](benchmark::State &state) { run(state, picture(mp, scene)); });
+        }
     }
 };
 
@@ -120,8 +126,7 @@ void profileFill(double mp) {
         timeCalls(state, hist[0].data, [&] { calcHist3(image, hist); });
     });
 #endif
-    g.addMorven("morven", "wzImageFillColorProfile", 2.5, 0.0, [mp](benchmark::State &state) {
-        const Picture &p = picture(mp);
+    g.addMorven("morven", "wzImageFillColorProfile", 2.5, 0.0, mp, [](benchmark::State &state, const Picture &p) {
         Header image(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
         wzImageColorProfile *profile = wzImageColorProfileCreate();
         if (!image || !profile)
@@ -146,8 +151,7 @@ void matchApply(double mp) {
         timeCalls(state, dst.data, [&] { cv::LUT(src, lut, dst); });
     });
 #endif
-    g.addMorven("morven", "wzHistogramMatchApply", 1.5, 0.0, [mp](benchmark::State &state) {
-        const Picture &p = picture(mp);
+    g.addMorven("morven", "wzHistogramMatchApply", 1.5, 0.0, mp, [](benchmark::State &state, const Picture &p) {
         uint8_t table[768];
         std::vector<uint8_t> out(p.bytes());
         Header src(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
@@ -185,9 +189,8 @@ void transfer(double mp) {
         // with contrast on its ratio is shown for information only.
         g.addMorven(contrast ? "morven+contrast" : "morven",
                     contrast ? "wzMorvenTransfer contrast on" : "wzMorvenTransfer contrast off",
-                    contrast ? 8.5 : 6.5, contrast ? 0.0 : 1.0,
-                    [mp, contrast](benchmark::State &state) {
-                        const Picture &p = picture(mp);
+                    contrast ? 8.5 : 6.5, contrast ? 0.0 : 1.0, mp,
+                    [contrast](benchmark::State &state, const Picture &p) {
                         std::vector<uint8_t> out(p.bytes());
                         timeCalls(state, out.data(), [&] {
                             return wzMorvenTransfer(p.width, p.height, p.source.data(), out.data(), p.width,
@@ -209,8 +212,7 @@ void toGray(double mp) {
         timeCalls(state, dst.data, [&] { cv::cvtColor(src, dst, cv::COLOR_BGR2GRAY); });
     });
 #endif
-    g.addMorven("morven", "wzImageCvtColor BGR>gray", 2.0, 1.0, [mp](benchmark::State &state) {
-        const Picture &p = picture(mp);
+    g.addMorven("morven", "wzImageCvtColor BGR>gray", 2.0, 1.0, mp, [](benchmark::State &state, const Picture &p) {
         std::vector<uint8_t> out(p.pixels());
         Header src(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
         Header dst(p.width, p.height, wzEncodingGray, wzType8U, out.data());
@@ -223,20 +225,27 @@ void toGray(double mp) {
 void smooth(double mp) {
     const Dimensions d = dimensionsFor(mp);
     Group g("smooth", mp, 3.0 * d.width * d.height);
-    g.addMorven("morven", "wzSelectiveSmooth 2 passes", 25.0, 0.0, [mp](benchmark::State &state) {
-        const Picture &p = picture(mp);
-        std::vector<uint8_t> out(p.bytes());
-        Header guide(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
-        Header input(p.width, p.height, wzEncodingBGR, wzType8U, p.transferred.data());
-        Header output(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
-        wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
-        if (!guide || !input || !output || !params || !smoothSupport())
-            state.SkipWithError("allocation failed");
-        timeCalls(state, out.data(), [&] {
-            return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(), output.get(), nullptr);
-        }, "wzSelectiveSmooth");
-        wzSelectiveSmoothParamsRelease(&params);
-    });
+    // With defaults, without a cancel flag and with one that is never set
+    // (the two take one path).
+    for (bool flag : {false, true}) {
+        g.addMorven(flag ? "morven+flag" : "morven",
+                    flag ? "wzSelectiveSmooth 2 passes, flag" : "wzSelectiveSmooth 2 passes", 20.0, 0.0, mp,
+                    [flag](benchmark::State &state, const Picture &p) {
+                        std::vector<uint8_t> out(p.bytes());
+                        Header guide(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
+                        Header input(p.width, p.height, wzEncodingBGR, wzType8U, p.transferred.data());
+                        Header output(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
+                        wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
+                        const uint32_t never = 0;
+                        if (!guide || !input || !output || !params || !smoothSupport())
+                            state.SkipWithError("allocation failed");
+                        timeCalls(state, out.data(), [&] {
+                            return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(),
+                                                     output.get(), flag ? &never : nullptr);
+                        }, "wzSelectiveSmooth");
+                        wzSelectiveSmoothParamsRelease(&params);
+                    });
+    }
 }
 
 // Element-type conversions of the BGR picture; the yardstick copies the
@@ -267,8 +276,7 @@ void convert(double mp, const Conversion &conv) {
         std::vector<uint8_t> src, dst;
         const uint8_t *source = nullptr;
     };
-    auto prepare = [mp, conv](Blocks &b) -> bool {
-        const Picture &p = picture(mp);
+    auto prepare = [conv](const Picture &p, Blocks &b) -> bool {
         b.dst.assign(p.bytes() * elementBytes(conv.to), 0);
         if (conv.from == wzType8U) {
             b.source = p.source.data();
@@ -285,7 +293,7 @@ void convert(double mp, const Conversion &conv) {
     g.addPeer(conv.peer, [mp, conv, prepare](benchmark::State &state) {
         const Picture &p = picture(mp);
         Blocks b;
-        if (!prepare(b))
+        if (!prepare(p, b))
             state.SkipWithError("set-up failed");
         auto depth = [](uint32_t t) { return t == wzType8U ? CV_8U : t == wzType16U ? CV_16U : CV_32F; };
         cv::Mat src(p.height, p.width, CV_MAKETYPE(depth(conv.from), 3), const_cast<uint8_t *>(b.source));
@@ -293,11 +301,10 @@ void convert(double mp, const Conversion &conv) {
         timeCalls(state, dst.data, [&] { src.convertTo(dst, conv.cvType, conv.cvScale); });
     });
 #endif
-    g.addMorven("morven", std::string("wzImageCvtType ") + conv.label, 1.5, 0.0,
-                [mp, conv, prepare](benchmark::State &state) {
-                    const Picture &p = picture(mp);
+    g.addMorven("morven", std::string("wzImageCvtType ") + conv.label, 1.5, 0.0, mp,
+                [conv, prepare](benchmark::State &state, const Picture &p) {
                     Blocks b;
-                    bool ok = prepare(b);
+                    bool ok = prepare(p, b);
                     Header src(p.width, p.height, wzEncodingBGR, conv.from, b.source);
                     Header dst(p.width, p.height, wzEncodingBGR, conv.to, b.dst.data());
                     if (!ok || !src || !dst)

@@ -1,8 +1,11 @@
 // morven_bench: the library's operations beside their yardsticks, one table.
 //
-//   morven_bench [--sizes=0.25,1,4,24] [Google Benchmark flags]
+//   morven_bench [--sizes=0.25,1,4,24] [--pictures=synthetic,coffee,...] [Google Benchmark flags]
 //
-// --sizes lists the image sizes in megapixels (default 0.25,1,4,24). With
+// --sizes lists the image sizes in megapixels (default 0.25,1,4,24);
+// --pictures the pictures of the image benchmarks (default: synthetic,
+// coffee, chelsea, astronaut and coffee+noise, the photographs when libpng
+// could read them). With
 // --benchmark_out=FILE the table is also written to FILE as JSON (the
 // --benchmark_out_format flag is not used). Everything runs on the calling
 // thread; OpenCV is limited to one thread.
@@ -51,6 +54,14 @@ int main(int argc, char **argv) {
             if (!parseSizes(argv[i] + 8, sizes)) {
                 std::fprintf(stderr, "morven_bench: bad --sizes list '%s' (megapixels, e.g. 1,24)\n",
                              argv[i] + 8);
+                return 2;
+            }
+            continue;
+        }
+        if (std::strncmp(argv[i], "--pictures=", 11) == 0) {
+            if (!bench::setScenes(argv[i] + 11)) {
+                std::fprintf(stderr, "morven_bench: bad --pictures list '%s' (synthetic, coffee, chelsea, "
+                                     "astronaut, coffee+noise)\n", argv[i] + 11);
                 return 2;
             }
             continue;

@@ -112,6 +112,8 @@ std::string cpuModel() {
 
 std::string groupOf(const std::string &key) { return key.substr(0, key.find('/')); }
 
+std::string picture(const Case &c) { return c.picture.empty() ? "-" : c.picture; }
+
 } // namespace
 
 TableReporter::TableReporter(Format format) : format_(format) {}
@@ -208,8 +210,8 @@ void TableReporter::Finalize() {
 void TableReporter::writeText(const std::vector<TableRow> &rows) const {
     std::ostream &out = GetOutputStream();
     std::vector<std::vector<std::string>> cells;
-    cells.push_back({"operation", "size", "time", "throughput", "yardstick", "ratio", "target",
-                     "result"});
+    cells.push_back({"operation", "picture", "size", "time", "throughput", "yardstick", "ratio",
+                     "target", "result"});
     int met = 0, missed = 0;
     std::vector<bool> gapBefore(1, false);
     std::string previousGroup;
@@ -218,14 +220,15 @@ void TableReporter::writeText(const std::vector<TableRow> &rows) const {
         gapBefore.push_back(!previousGroup.empty() && group != previousGroup);
         previousGroup = group;
         if (r.m->error) {
-            cells.push_back({r.measured->operation, r.measured->size, "error: " + r.m->message,
-                             "", "", "", "", ""});
+            cells.push_back({r.measured->operation, picture(*r.measured), r.measured->size,
+                             "error: " + r.m->message, "", "", "", "", ""});
             continue;
         }
         std::string yardstick = r.yardstick;
         if (r.y)
             yardstick += r.y->error ? " (error)" : " " + formatTime(r.y->cpuNs);
-        cells.push_back({r.measured->operation, r.measured->size, formatTime(r.m->cpuNs),
+        cells.push_back({r.measured->operation, picture(*r.measured), r.measured->size,
+                         formatTime(r.m->cpuNs),
                          formatThroughput(*r.measured, *r.m), yardstick,
                          std::isnan(r.ratio) ? "-" : format("%.2f", r.ratio),
                          r.target.empty() ? "-" : r.target, r.result.empty() ? "-" : r.result});
@@ -237,7 +240,7 @@ void TableReporter::writeText(const std::vector<TableRow> &rows) const {
         for (size_t i = 0; i < line.size(); ++i)
             width[i] = std::max(width[i], line[i].size());
     // Numbers right-aligned, words left-aligned.
-    const bool right[] = {false, false, true, true, false, true, false, false};
+    const bool right[] = {false, false, false, true, true, false, true, false, false};
 
     std::string model = cpuModel();
     out << "Morven benchmarks on " << model << " (" << numCpus_ << " CPUs";
@@ -311,6 +314,7 @@ void TableReporter::writeJson(const std::vector<TableRow> &rows) const {
         const char *unit = "";
         const double t = r.m->error ? NAN : throughput(*r.measured, *r.m, &unit);
         out << "    {\"operation\": " << jsonString(r.measured->operation)
+            << ", \"picture\": " << (r.measured->picture.empty() ? "null" : jsonString(r.measured->picture))
             << ", \"size\": " << jsonString(r.measured->size)
             << ", \"name\": " << jsonString(r.measured->key)
             << ", \"time_ns\": " << jsonNumber(r.m->error ? NAN : r.m->cpuNs)

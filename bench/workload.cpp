@@ -133,16 +133,33 @@ std::string sizeKey(double megapixels) {
     return text;
 }
 
-const Picture &picture(double megapixels) {
-    static std::map<double, std::unique_ptr<Picture>> made;
-    std::unique_ptr<Picture> &slot = made[megapixels];
+// The reference of each photograph: another of the bundled ones.
+Scene referenceOf(Scene scene) {
+    switch (scene) {
+        case Scene::Coffee: return Scene::Chelsea;
+        case Scene::Chelsea: return Scene::Astronaut;
+        case Scene::Astronaut: return Scene::Coffee;
+        default: return Scene::Chelsea;
+    }
+}
+
+const Picture &picture(double megapixels, Scene scene) {
+    static std::map<std::pair<double, Scene>, std::unique_ptr<Picture>> made;
+    std::unique_ptr<Picture> &slot = made[{megapixels, scene}];
     if (!slot) {
         auto pic = std::make_unique<Picture>();
         const Dimensions d = dimensionsFor(megapixels);
         pic->width = d.width;
         pic->height = d.height;
-        paint(pic->source, d.width, d.height, Look{{120, 110, 100}, {50, 45, 40}, 1});
-        paint(pic->reference, d.width, d.height, Look{{90, 120, 150}, {30, 50, 60}, 6});
+        if (scene == Scene::Synthetic) {
+            paint(pic->source, d.width, d.height, Look{{120, 110, 100}, {50, 45, 40}, 1});
+            paint(pic->reference, d.width, d.height, Look{{90, 120, 150}, {30, 50, 60}, 6});
+        } else if (!photograph(scene, d.width, d.height, pic->source) ||
+                   !photograph(referenceOf(scene), d.width, d.height, pic->reference)) {
+            std::fprintf(stderr, "morven_bench: cannot read the %s photograph\n", sceneLabel(scene));
+            pic->source.assign(pic->bytes(), 0);
+            pic->reference.assign(pic->bytes(), 0);
+        }
         // The picture that selective smoothing repairs in the pipeline: the
         // source after a histogram transfer (needs wzMorvenInit, done in main).
         pic->transferred.assign(pic->bytes(), 0);
@@ -154,6 +171,45 @@ const Picture &picture(double megapixels) {
         slot = std::move(pic);
     }
     return *slot;
+}
+
+namespace {
+std::vector<Scene> &chosenScenes() {
+    static std::vector<Scene> chosen;
+    return chosen;
+}
+} // namespace
+
+const std::vector<Scene> &scenes() {
+    std::vector<Scene> &chosen = chosenScenes();
+    if (chosen.empty()) {
+        const bool photos = havePhotographs();
+        for (Scene s : kScenes)
+            if (photos || s == Scene::Synthetic)
+                chosen.push_back(s);
+    }
+    return chosen;
+}
+
+// A comma-separated list of scene labels.
+bool setScenes(const char *list) {
+    std::vector<Scene> &chosen = chosenScenes();
+    chosen.clear();
+    std::string rest = list;
+    while (!rest.empty()) {
+        const size_t comma = rest.find(',');
+        const std::string name = rest.substr(0, comma);
+        rest = comma == std::string::npos ? "" : rest.substr(comma + 1);
+        bool known = false;
+        for (Scene s : kScenes)
+            if (name == sceneLabel(s)) {
+                chosen.push_back(s);
+                known = true;
+            }
+        if (!known)
+            return false;
+    }
+    return !chosen.empty();
 }
 
 Header::Header(int32_t width, int32_t height, uint32_t encoding, uint32_t type, const void *data)

@@ -19,8 +19,8 @@
  *
  * A support object holds two 256 x 256 look-up tables (absolute differences
  * and ratios) built once; it is read-only afterwards and may serve concurrent
- * calls. Cancel flags (may be null) are read before the passes of each
- * channel.
+ * calls. Cancel flags (may be null) are read at the start of every pass of
+ * every channel; a null flag and one never set take the same path.
  * @{
  */
 #ifndef MORVEN_SMOOTHING_H
@@ -97,9 +97,11 @@ MORVEN_API void wzSelectiveSmoothParamsRelease(wzSelectiveSmoothParams **params)
  *  @param output the result; may be the same record as input.
  *  @param cancel cancel flag, or null.
  *  @return 0; 1 when working memory cannot be allocated (and in the cases
- *          above); 2 when the cancel flag is found set (it is read at least
- *          before each channel's passes: the channels already finished stay
- *          written, the others untouched). */
+ *          above); 2 when the cancel flag is found set (it is read at the
+ *          start of every pass of every channel, before the pass makes its
+ *          first row: the channels already finished stay written, the others
+ *          untouched; passes of several channels may run side by side, and
+ *          then none of them is finished). */
 MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
                                       const wzSelectiveSmoothSupport *support,
                                       const wzImage *guide, const wzImage *input, wzImage *output,

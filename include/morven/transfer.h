@@ -155,8 +155,8 @@ MORVEN_API void wzMorvenDispose(void);
  *  enhanceContrast is non-zero, contrast enhancement with the given tails
  *  (per mille); never smoothing, never a mask. Buffers and sizes are not
  *  checked.
- *  The internal cancel flag is never set: a host that needs cancellation
- *  calls wzHistogramTransferFilter with its own flag.
+ *  These calls cannot be cancelled (they pass no flag): a host that needs
+ *  cancellation calls wzHistogramTransferFilter with its own flag.
  *  @param width columns of source and destination.
  *  @param height rows of source and destination.
  *  @param source the picture, packed 8-bit BGR.

@@ -1,5 +1,8 @@
-// Allocation helpers: every block comes from malloc/calloc and goes back
-// through free, and owning pointers release it on every path.
+// Allocation helpers, the one way the library takes and gives back memory:
+// every block comes from allocZeroed, allocArray or allocZeroedArray (malloc
+// and calloc underneath) and goes back through free, owned by a FreePtr
+// until it is handed out; the release functions of the interface go through
+// releaseRecord. A failed allocation is a null pointer, never an exception.
 #pragma once
 
 #include <cstddef>
@@ -20,6 +23,45 @@ using FreePtr = std::unique_ptr<T, FreeDeleter>;
 template <typename T>
 FreePtr<T> allocZeroed() noexcept {
     return FreePtr<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
+}
+
+// Whether n elements of T can be asked for: n >= 0 and n * sizeof(T) fits.
+template <typename T>
+constexpr bool arrayFits(int64_t n) noexcept {
+    return n >= 0 && static_cast<uint64_t>(n) <= SIZE_MAX / sizeof(T);
+}
+
+// Uninitialised array of n elements from malloc, or null, also when n is
+// negative or n elements would not fit in memory. At least one byte is
+// asked for, so that an empty array is still a block whatever the allocator
+// does with empty requests.
+template <typename T>
+FreePtr<T> allocArray(int64_t n) noexcept {
+    if (!arrayFits<T>(n)) return nullptr;
+    const size_t bytes = static_cast<size_t>(n) * sizeof(T);
+    return FreePtr<T>(static_cast<T *>(std::malloc(bytes ? bytes : 1)));
+}
+
+// Zero-filled array of n elements (at least one) from calloc, or null.
+template <typename T>
+FreePtr<T> allocZeroedArray(int64_t n) noexcept {
+    if (!arrayFits<T>(n)) return nullptr;
+    return FreePtr<T>(static_cast<T *>(std::calloc(n > 0 ? static_cast<size_t>(n) : 1, sizeof(T))));
+}
+
+// The release functions of the interface: frees what the record at *p owns
+// (freeMembers), then the record, and nulls *p; nothing when p or *p is null.
+template <typename T, typename F>
+void releaseRecord(T **p, F freeMembers) noexcept {
+    if (!p || !*p) return;
+    freeMembers(**p);
+    std::free(*p);
+    *p = nullptr;
+}
+
+template <typename T>
+void releaseRecord(T **p) noexcept {
+    releaseRecord(p, [](T &) {});
 }
 
 // Multiplies non-negative 64-bit sizes; false when a factor is negative or the

@@ -78,7 +78,7 @@ private:
 // item.
 constexpr int64_t kDirectRead = int64_t{16} << 20;
 
-// Reads a payload of `bytes` (> 0) bytes into a new malloc'ed block, or null
+// Reads a payload of `bytes` (> 0) bytes into a new block, or null
 // with nothing allocated. Up to kDirectRead bytes are allocated at once and
 // read as one item. A larger payload is read in pieces into a block that
 // doubles as the data arrives (the last size is exactly `bytes`), so a header
@@ -86,7 +86,7 @@ constexpr int64_t kDirectRead = int64_t{16} << 20;
 // there; a complete payload costs at most one extra copy of itself.
 inline uint8_t *readPayload(std::FILE *stream, int64_t bytes) noexcept {
     int64_t capacity = bytes < kDirectRead ? bytes : kDirectRead;
-    FreePtr<uint8_t> block(static_cast<uint8_t *>(std::malloc(static_cast<size_t>(capacity))));
+    FreePtr<uint8_t> block = allocArray<uint8_t>(capacity);
     int64_t have = 0;
     for (;;) {
         if (!block ||
@@ -95,7 +95,7 @@ inline uint8_t *readPayload(std::FILE *stream, int64_t bytes) noexcept {
         have = capacity;
         if (have == bytes) return block.release();
         capacity = capacity * 2 < bytes ? capacity * 2 : bytes;
-        FreePtr<uint8_t> grown(static_cast<uint8_t *>(std::malloc(static_cast<size_t>(capacity))));
+        FreePtr<uint8_t> grown = allocArray<uint8_t>(capacity);
         if (grown) std::memcpy(grown.get(), block.get(), static_cast<size_t>(have));
         block = std::move(grown);
     }

@@ -10,9 +10,10 @@
 
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
-#include "contrast/kernels.hpp"
+#include "contrast/contrast_internal.hpp"
 #include "image/image_internal.hpp"
-#include "image/kernels.hpp"
+#include "kernels/count.hpp"
+#include "kernels/kernels.hpp"
 #include "morven/contrast.h"
 
 using namespace morven;
@@ -39,148 +40,6 @@ void clearStats(wzContrastEnhanceStats &stats, const wzImage &image) {
     stats.total = pixelTotal(image);
 }
 
-inline uint8_t max3(uint8_t a, uint8_t b, uint8_t c) {
-    const uint8_t ab = a > b ? a : b;
-    return ab > c ? ab : c;
-}
-
-void brightnessPortable(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], uint8_t *out,
-                        size_t pixels) {
-    for (size_t i = 0; i < pixels; ++i, p += stride) out[i] = max3(p[o[0]], p[o[1]], p[o[2]]);
-}
-
-#if MORVEN_X86_KERNELS
-
-// Shuffle controls that gather byte p of each of the 16 three-byte pixels
-// held in the same lane of three vectors (48 bytes).
-struct Split3 {
-    alignas(16) uint8_t c[3][3][16];  // [position][source vector]
-    constexpr Split3() : c{} {
-        for (int p = 0; p < 3; ++p)
-            for (int v = 0; v < 3; ++v)
-                for (int i = 0; i < 16; ++i) {
-                    const int j = 3 * i + p - 16 * v;
-                    c[p][v][i] = j >= 0 && j < 16 ? static_cast<uint8_t>(j) : 0x80;
-                }
-    }
-};
-constexpr Split3 kSplit3{};
-
-MORVEN_TARGET_AVX2 inline __m256i load2x128(const uint8_t *lo, const uint8_t *hi) {
-    return _mm256_inserti128_si256(
-        _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(lo))),
-        _mm_loadu_si128(reinterpret_cast<const __m128i *>(hi)), 1);
-}
-
-// 3-byte pixels hold channels 1 to 3 in some order and nothing else, so the
-// brightness is the largest of the three bytes whatever the offsets. 4-byte
-// pixels: the largest of the three bytes at the channel offsets, taken in
-// 32-bit lanes (byte p of a pixel is the low byte of the lane shifted by 8 p).
-MORVEN_TARGET_AVX2 void brightnessAvx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3],
-                                       uint8_t *out, size_t pixels) {
-    size_t i = 0;
-    if (stride == 3) {
-        __m256i ctl[3][3];
-        for (int p = 0; p < 3; ++p)
-            for (int v = 0; v < 3; ++v)
-                ctl[p][v] = _mm256_broadcastsi128_si256(
-                    _mm_load_si128(reinterpret_cast<const __m128i *>(kSplit3.c[p][v])));
-        for (; i + 32 <= pixels; i += 32) {
-            const uint8_t *s = src + 3 * i;
-            const __m256i v0 = load2x128(s, s + 48);
-            const __m256i v1 = load2x128(s + 16, s + 64);
-            const __m256i v2 = load2x128(s + 32, s + 80);
-            __m256i m = _mm256_setzero_si256();
-            for (int p = 0; p < 3; ++p) {
-                const __m256i plane =
-                    _mm256_or_si256(_mm256_or_si256(_mm256_shuffle_epi8(v0, ctl[p][0]),
-                                                    _mm256_shuffle_epi8(v1, ctl[p][1])),
-                                    _mm256_shuffle_epi8(v2, ctl[p][2]));
-                m = _mm256_max_epu8(m, plane);
-            }
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i), m);
-        }
-    } else if (stride == 4) {
-        const __m128i s0 = _mm_cvtsi32_si128(static_cast<int>(8 * o[0]));
-        const __m128i s1 = _mm_cvtsi32_si128(static_cast<int>(8 * o[1]));
-        const __m128i s2 = _mm_cvtsi32_si128(static_cast<int>(8 * o[2]));
-        const __m256i low = _mm256_set1_epi32(0xFF);
-        // packs interleave the lanes: put the 4-pixel groups back in order.
-        const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-        for (; i + 32 <= pixels; i += 32) {
-            __m256i m[4];
-            for (int k = 0; k < 4; ++k) {
-                const __m256i v =
-                    _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + 4 * (i + 8 * k)));
-                const __m256i a = _mm256_max_epu8(_mm256_srl_epi32(v, s0), _mm256_srl_epi32(v, s1));
-                m[k] = _mm256_and_si256(_mm256_max_epu8(a, _mm256_srl_epi32(v, s2)), low);
-            }
-            const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(m[0], m[1]),
-                                                      _mm256_packus_epi32(m[2], m[3]));
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i),
-                                _mm256_permutevar8x32_epi32(bytes, order));
-        }
-    }
-    brightnessPortable(src + i * static_cast<size_t>(stride), stride, o, out + i, pixels - i);
-}
-
-// AVX-512: 3-byte pixels are split into planes with two-source byte permutes
-// (VBMI), 64 pixels from 192 bytes; 4-byte pixels as with AVX2, 16 per
-// vector, narrowed with a truncating move. Tails use masked loads and stores.
-MORVEN_TARGET_AVX512VBMI void brightnessAvx512(const uint8_t *src, int32_t stride,
-                                               const ptrdiff_t o[3], uint8_t *out, size_t pixels) {
-    if (stride == 3) {
-        alignas(64) uint8_t lo[3][64], hi[3][64];
-        __mmask64 fromC[3] = {0, 0, 0};
-        for (int p = 0; p < 3; ++p)
-            for (int i = 0; i < 64; ++i) {
-                const int j = 3 * i + p;
-                lo[p][i] = static_cast<uint8_t>(j & 127);
-                hi[p][i] = static_cast<uint8_t>(j >= 128 ? j - 128 : 0);
-                if (j >= 128) fromC[p] |= __mmask64{1} << i;
-            }
-        __m512i ilo[3], ihi[3];
-        for (int p = 0; p < 3; ++p) {
-            ilo[p] = _mm512_load_si512(lo[p]);
-            ihi[p] = _mm512_load_si512(hi[p]);
-        }
-        for (size_t i = 0; i < pixels; i += 64) {
-            const size_t n = pixels - i < 64 ? pixels - i : 64;
-            const size_t bytes = 3 * n;
-            const uint8_t *s = src + 3 * i;
-            auto live = [](size_t k) { return k >= 64 ? ~__mmask64{0} : (__mmask64{1} << k) - 1; };
-            const __m512i a = _mm512_maskz_loadu_epi8(live(bytes), s);
-            const __m512i b = _mm512_maskz_loadu_epi8(live(bytes > 64 ? bytes - 64 : 0), s + 64);
-            const __m512i c = _mm512_maskz_loadu_epi8(live(bytes > 128 ? bytes - 128 : 0), s + 128);
-            __m512i m = _mm512_setzero_si512();
-            for (int p = 0; p < 3; ++p) {
-                __m512i plane = _mm512_permutex2var_epi8(a, ilo[p], b);
-                plane = _mm512_mask_permutexvar_epi8(plane, fromC[p], ihi[p], c);
-                m = _mm512_max_epu8(m, plane);
-            }
-            _mm512_mask_storeu_epi8(out + i, live(n), m);
-        }
-        return;
-    }
-    if (stride != 4) {
-        brightnessPortable(src, stride, o, out, pixels);
-        return;
-    }
-    const __m128i s0 = _mm_cvtsi32_si128(static_cast<int>(8 * o[0]));
-    const __m128i s1 = _mm_cvtsi32_si128(static_cast<int>(8 * o[1]));
-    const __m128i s2 = _mm_cvtsi32_si128(static_cast<int>(8 * o[2]));
-    for (size_t i = 0; i < pixels; i += 16) {
-        const size_t n = pixels - i < 16 ? pixels - i : 16;
-        const __mmask16 live = static_cast<__mmask16>((1u << n) - 1);
-        const __m512i v = _mm512_maskz_loadu_epi32(live, src + 4 * i);
-        const __m512i a = _mm512_max_epu8(_mm512_srl_epi32(v, s0), _mm512_srl_epi32(v, s1));
-        _mm512_mask_cvtepi32_storeu_epi8(out + i, live,
-                                         _mm512_max_epu8(a, _mm512_srl_epi32(v, s2)));
-    }
-}
-
-#endif  // MORVEN_X86_KERNELS
-
 // Truncation toward zero clamped to 0..255 (NaN gives 0).
 inline uint8_t curveEntry(float v) {
     if (!(v > 0.0f)) return 0;
@@ -190,18 +49,10 @@ inline uint8_t curveEntry(float v) {
 
 }  // namespace
 
-void morven::brightnessRow(Isa isa, const uint8_t *src, int32_t stride, const ptrdiff_t offsets[3],
-                           uint8_t *out, size_t pixels) {
-#if MORVEN_X86_KERNELS
-    switch (kernelIsa(isa, true)) {
-        case Isa::Avx512: brightnessAvx512(src, stride, offsets, out, pixels); return;
-        case Isa::Avx2: brightnessAvx2(src, stride, offsets, out, pixels); return;
-        case Isa::Portable: break;
-    }
-#else
-    (void)isa;
-#endif
-    brightnessPortable(src, stride, offsets, out, pixels);
+void morven::statsFromBrightness(ByteCounter &brightness, const wzImage &image,
+                                 wzContrastEnhanceStats &stats) noexcept {
+    clearStats(stats, image);
+    storeCounts(brightness.totals(), stats.hist);
 }
 
 extern "C" {
@@ -218,9 +69,7 @@ MORVEN_API wzContrastEnhanceParams *wzContrastEnhanceParamsDefault(void) {
 }
 
 MORVEN_API void wzContrastEnhanceParamsRelease(wzContrastEnhanceParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzContrastEnhanceStats *wzContrastEnhanceStatsCreate(void) {
@@ -228,9 +77,7 @@ MORVEN_API wzContrastEnhanceStats *wzContrastEnhanceStatsCreate(void) {
 }
 
 MORVEN_API void wzContrastEnhanceStatsRelease(wzContrastEnhanceStats **stats) {
-    if (!stats || !*stats) return;
-    std::free(*stats);
-    *stats = nullptr;
+    releaseRecord(stats);
 }
 
 MORVEN_API void wzContrastEnhanceStatsInit(wzContrastEnhanceStats *stats, const wzImage *image) {
@@ -269,13 +116,13 @@ MORVEN_API wzStatus wzContrastEnhanceStatsRetrieve(wzContrastEnhanceStats *stats
     if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
     // The rows are contiguous: brightness of a stretch of pixels into a
     // buffer, then counted.
-    const Isa isa = bestIsa();
+    const Kernels &kernels = bestKernels();
     const size_t pixels = static_cast<size_t>(rows) * static_cast<size_t>(cols);
     constexpr size_t kChunk = 4096;
     uint8_t bright[kChunk];
     for (size_t done = 0; done < pixels;) {
         const size_t k = pixels - done < kChunk ? pixels - done : kChunk;
-        brightnessRow(isa, row + done * static_cast<size_t>(n), n, o.c, bright, k);
+        kernels.brightnessRow(row + done * static_cast<size_t>(n), n, o.c, bright, k);
         counter.add(bright, k);
         done += k;
     }

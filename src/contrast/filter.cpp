@@ -6,7 +6,7 @@
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
 #include "contrast/contrast_internal.hpp"
-#include "image/kernels.hpp"
+#include "kernels/kernels.hpp"
 #include "morven/color.h"
 #include "morven/contrast.h"
 
@@ -39,7 +39,7 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
 
     const int32_t rows = source->height;
     const int32_t cols = source->width > 0 ? source->width : 0;
-    const Isa isa = bestIsa();
+    const Kernels &kernels = bestKernels();
 
     if (n == 1) {
         // The destination is addressed with the source's width, so it must
@@ -52,7 +52,7 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
         for (int32_t y = 0; y < rows; ++y, s += cols, d += cols) {
             if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
             if (s == d || disjoint(s, bytes, d, bytes)) {
-                lutRow(isa, layout, s, d, bytes);
+                kernels.lutRow(layout, s, d, bytes);
             } else {
                 for (int32_t x = 0; x < cols; ++x) d[x] = curve[s[x]];
             }
@@ -81,7 +81,7 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
     for (int32_t y = 0; y < rows; ++y, sRow += srcRow, dRow += dstRow) {
         if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
         if (alike && (sRow == dRow || disjoint(sRow, rowBytes, dRow, rowBytes)))
-            lutRow(isa, layout, sRow, dRow, static_cast<size_t>(cols));
+            kernels.lutRow(layout, sRow, dRow, static_cast<size_t>(cols));
         else
             applyRowPlain(curve, sRow, n, os, dRow, m, od, cols);
     }
@@ -96,7 +96,7 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
     const wzStatus gathered = wzContrastEnhanceStatsRetrieve(stats.get(), source, cancel);
     if (gathered != WZ_STATUS_OK) return gathered;
 
-    FreePtr<uint8_t> curve(static_cast<uint8_t *>(std::malloc(256)));
+    FreePtr<uint8_t> curve = allocArray<uint8_t>(256);
     if (!curve) return WZ_STATUS_ERROR;
     wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
     stats.reset();
@@ -107,6 +107,20 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
 }  // extern "C"
 
 namespace morven {
+
+wzStatus contrastFilterCounted(const wzContrastEnhanceParams *params, ByteCounter &brightness,
+                               wzImage *image, const uint32_t *cancel) noexcept {
+    FreePtr<wzContrastEnhanceStats> stats(wzContrastEnhanceStatsCreate());
+    if (!stats) return WZ_STATUS_ERROR;
+    // Where the statistics pass over a colour image reads the flag.
+    if (image->height >= 1 && cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+    statsFromBrightness(brightness, *image, *stats);
+    FreePtr<uint8_t> curve = allocArray<uint8_t>(256);
+    if (!curve) return WZ_STATUS_ERROR;
+    wzContrastEnhanceAddParamsCompute(stats.get(), params, curve.get());
+    stats.reset();
+    return applyCurveMasked(curve.get(), image, nullptr, image, cancel);
+}
 
 wzStatus applyCurveMasked(const uint8_t curve[256], wzImage *source, const wzImage *mask,
                           wzImage *destination, const uint32_t *cancel) noexcept {

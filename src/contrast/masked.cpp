@@ -106,9 +106,8 @@ wzStatus filter16(const wzContrastEnhanceParams &params, wzImage *source, const 
     if (destination->type != wzType16U || destination->encoding != source->encoding ||
         destination->width != source->width || destination->height != source->height)
         return WZ_STATUS_ERROR;
-    FreePtr<wzContrastEnhanceStats16> stats(
-        static_cast<wzContrastEnhanceStats16 *>(std::malloc(sizeof(wzContrastEnhanceStats16))));
-    FreePtr<uint16_t> curve(static_cast<uint16_t *>(std::malloc(kLevels * sizeof(uint16_t))));
+    FreePtr<wzContrastEnhanceStats16> stats = allocArray<wzContrastEnhanceStats16>(1);
+    FreePtr<uint16_t> curve = allocArray<uint16_t>(kLevels);
     if (!stats || !curve) return WZ_STATUS_ERROR;
     const wzStatus gathered = wzContrastEnhanceStatsRetrieve16(stats.get(), source, statsMask, cancel);
     if (gathered != WZ_STATUS_OK) return gathered;

@@ -76,11 +76,11 @@ struct CurveWork {
     WorkingSpace space;
 
     bool initCompute() {
-        scratch.reset(static_cast<double *>(std::malloc(deep::kCurveScratch * sizeof(double))));
+        scratch = allocArray<double>(deep::kCurveScratch);
         return scratch != nullptr;
     }
     bool initRows(int32_t spaceCode, bool wide, int32_t width) {
-        planes.reset(static_cast<float *>(std::malloc((3 * static_cast<size_t>(width) + 1) * sizeof(float))));
+        planes = allocArray<float>(3 * int64_t{width} + 1);
         return planes && space.init(spaceCode == wzSpaceChannels ? wzSpaceYCbCr : spaceCode, wide);
     }
 };
@@ -94,11 +94,6 @@ void setIdentity(wzHistogramMatchCurves &c, int32_t space) {
             c.lower[k][u] = u > 0 ? u - 0.5f : 0.0f;
             c.upper[k][u] = u < kLevels - 1 ? u + 0.5f : static_cast<float>(kLevels - 1);
         }
-}
-
-template <typename T>
-FreePtr<T> allocRecord() {
-    return FreePtr<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
 }
 
 // Counts the selected pixels of the image's region into a deep profile.
@@ -177,25 +172,21 @@ bool targetServes(const wzImageColorProfile16 *target16, const wzHistogramMatchP
 extern "C" {
 
 MORVEN_API wzImageColorProfile16 *wzImageColorProfile16Create(void) {
-    return static_cast<wzImageColorProfile16 *>(std::calloc(1, sizeof(wzImageColorProfile16)));
+    return allocZeroed<wzImageColorProfile16>().release();
 }
 
 MORVEN_API void wzImageColorProfile16Release(wzImageColorProfile16 **profile) {
-    if (!profile || !*profile) return;
-    std::free(*profile);
-    *profile = nullptr;
+    releaseRecord(profile);
 }
 
 MORVEN_API wzHistogramMatchCurves *wzHistogramMatchCurvesCreate(void) {
-    auto *curves = static_cast<wzHistogramMatchCurves *>(std::malloc(sizeof(wzHistogramMatchCurves)));
+    FreePtr<wzHistogramMatchCurves> curves = allocArray<wzHistogramMatchCurves>(1);
     if (curves) setIdentity(*curves, wzSpaceChannels);
-    return curves;
+    return curves.release();
 }
 
 MORVEN_API void wzHistogramMatchCurvesRelease(wzHistogramMatchCurves **curves) {
-    if (!curves || !*curves) return;
-    std::free(*curves);
-    *curves = nullptr;
+    releaseRecord(curves);
 }
 
 MORVEN_API wzStatus wzImageFillColorProfileMasked(const wzImage *image, const wzImage *mask,
@@ -287,9 +278,8 @@ MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchPara
     }
 
     // Everything else at 16-bit precision.
-    FreePtr<wzImageColorProfile16> profile = allocRecord<wzImageColorProfile16>();
-    FreePtr<wzHistogramMatchCurves> curves(static_cast<wzHistogramMatchCurves *>(
-        std::malloc(sizeof(wzHistogramMatchCurves))));
+    FreePtr<wzImageColorProfile16> profile = allocZeroed<wzImageColorProfile16>();
+    FreePtr<wzHistogramMatchCurves> curves = allocArray<wzHistogramMatchCurves>(1);
     if (!profile || !curves) return WZ_STATUS_ERROR;
     wzStatus status = fillDeep(*source, o.statsMask, o.space, *profile, cancel);
     if (status != WZ_STATUS_OK) return status;
@@ -332,7 +322,7 @@ MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const w
         return WZ_STATUS_OK;
     }
     // 16-bit: a match to the flat distribution over every level.
-    FreePtr<wzImageColorProfile16> flat = allocRecord<wzImageColorProfile16>();
+    FreePtr<wzImageColorProfile16> flat = allocZeroed<wzImageColorProfile16>();
     if (!flat) return WZ_STATUS_ERROR;
     for (auto &array : flat->bins)
         for (double &bin : array) bin = 1.0;

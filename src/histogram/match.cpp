@@ -10,7 +10,8 @@
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
-#include "image/kernels.hpp"
+#include "kernels/count.hpp"
+#include "kernels/kernels.hpp"
 #include "histogram/match_internal.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
@@ -143,25 +144,38 @@ bool rowKernelLayout(const uint8_t *table, const wzImage &src, const ChannelByte
     return true;
 }
 
+// Counts the brightness (the largest of channels 1-3) of a row of `cols`
+// colour pixels of `step` bytes.
+void countBrightness(const Kernels &kernels, const uint8_t *row, int32_t step,
+                     const ChannelBytes &o, int32_t cols, ByteCounter &counter) {
+    constexpr size_t kChunk = 4096;
+    uint8_t bright[kChunk];
+    const size_t pixels = cols > 0 ? static_cast<size_t>(cols) : 0;
+    for (size_t done = 0; done < pixels;) {
+        const size_t k = pixels - done < kChunk ? pixels - done : kChunk;
+        kernels.brightnessRow(row + done * static_cast<size_t>(step), step, o.c, bright, k);
+        counter.add(bright, k);
+        done += k;
+    }
+}
+
 }  // namespace
 
 extern "C" {
 
 MORVEN_API wzHistogramMatchParams *wzHistogramMatchParamsDefault(void) {
-    auto *p = static_cast<wzHistogramMatchParams *>(std::calloc(1, sizeof(wzHistogramMatchParams)));
+    FreePtr<wzHistogramMatchParams> p = allocZeroed<wzHistogramMatchParams>();
     if (!p) return nullptr;
     p->strength = 1.0f;
     p->fidelity = 0.9f;
     p->mode = 0;
     p->maxStep = 255;
     p->targetProfile = nullptr;
-    return p;
+    return p.release();
 }
 
 MORVEN_API void wzHistogramMatchParamsRelease(wzHistogramMatchParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzHistogramMatchStats *wzHistogramMatchStatsCreate(void) {
@@ -173,10 +187,7 @@ MORVEN_API wzHistogramMatchStats *wzHistogramMatchStatsCreate(void) {
 }
 
 MORVEN_API void wzHistogramMatchStatsRelease(wzHistogramMatchStats **stats) {
-    if (!stats || !*stats) return;
-    wzImageColorProfileRelease(&(*stats)->profile);
-    std::free(*stats);
-    *stats = nullptr;
+    releaseRecord(stats, [](wzHistogramMatchStats &s) { wzImageColorProfileRelease(&s.profile); });
 }
 
 MORVEN_API void wzHistogramMatchStatsInit(wzHistogramMatchStats *stats) {
@@ -237,33 +248,7 @@ MORVEN_API wzStatus wzHistogramMatchApply(const void *reserved, const uint8_t ta
                                           const wzImage *source, wzImage *destination,
                                           const uint32_t *cancel) {
     (void)reserved;
-    if (source->type != wzType8U || destination->type != wzType8U ||
-        !isValidEncoding(source->encoding) || !isValidEncoding(destination->encoding))
-        return WZ_STATUS_ERROR;
-    const bool gray = source->encoding == wzEncodingGray;
-    const ChannelBytes os = channelBytes(*source);
-    const ChannelBytes od = channelBytes(*destination);
-    LutLayout layout;
-    const bool kernel = rowKernelLayout(table, *source, os, *destination, od, layout);
-    const Isa isa = bestIsa();
-    Cursor s = regionCursor(*source);
-    Cursor d = regionCursor(*destination);
-    const int32_t rows = source->roi.height;
-    const int32_t cols = source->roi.width;
-    const size_t rowBytes = cols > 0 ? static_cast<size_t>(cols) * static_cast<size_t>(s.step) : 0;
-    for (int32_t y = 0; y < rows; ++y) {
-        if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-        if (kernel && rowBytes > 0 && (s.p == d.p || disjoint(s.p, rowBytes, d.p, rowBytes))) {
-            lutRow(isa, layout, s.p, d.p, static_cast<size_t>(cols));
-            s.p += rowBytes;
-            d.p += rowBytes;
-        } else {
-            applyRowPlain(table, os, od, gray, s, d, cols);
-        }
-        s.p += s.gap;
-        d.p += d.gap;
-    }
-    return WZ_STATUS_OK;
+    return applyTable(table, source, destination, nullptr, cancel);
 }
 
 MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params, wzImage *source,
@@ -281,6 +266,52 @@ MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params,
 }  // extern "C"
 
 namespace morven {
+
+wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *destination,
+                    ByteCounter *brightness, const uint32_t *cancel) noexcept {
+    if (source->type != wzType8U || destination->type != wzType8U ||
+        !isValidEncoding(source->encoding) || !isValidEncoding(destination->encoding))
+        return WZ_STATUS_ERROR;
+    const bool gray = source->encoding == wzEncodingGray;
+    const ChannelBytes os = channelBytes(*source);
+    const ChannelBytes od = channelBytes(*destination);
+    LutLayout layout;
+    const bool kernel = rowKernelLayout(table, *source, os, *destination, od, layout);
+    const Kernels &kernels = bestKernels();
+    Cursor s = regionCursor(*source);
+    Cursor d = regionCursor(*destination);
+    const int32_t rows = source->roi.height;
+    const int32_t cols = source->roi.width;
+    const size_t rowBytes = cols > 0 ? static_cast<size_t>(cols) * static_cast<size_t>(s.step) : 0;
+    for (int32_t y = 0; y < rows; ++y) {
+        if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
+        uint8_t *written = d.p;
+        if (kernel && rowBytes > 0 && (s.p == d.p || disjoint(s.p, rowBytes, d.p, rowBytes))) {
+            kernels.lutRow(layout, s.p, d.p, static_cast<size_t>(cols));
+            s.p += rowBytes;
+            d.p += rowBytes;
+        } else {
+            applyRowPlain(table, os, od, gray, s, d, cols);
+        }
+        if (brightness)
+            countBrightness(kernels, written, static_cast<int32_t>(d.step), od, cols, *brightness);
+        s.p += s.gap;
+        d.p += d.gap;
+    }
+    return WZ_STATUS_OK;
+}
+
+wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source,
+                             wzImage *destination, ByteCounter &brightness,
+                             const uint32_t *cancel) noexcept {
+    wzImageColorProfile profile;
+    wzHistogramMatchStats stats{&profile};
+    const wzStatus filled = wzImageFillColorProfile(source, &profile);
+    if (filled != WZ_STATUS_OK) return filled;
+    uint8_t table[768];
+    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    return applyTable(table, source, destination, &brightness, cancel);
+}
 
 wzStatus applyTableMasked(const uint8_t table[768], wzImage *source, const wzImage *mask,
                           wzImage *destination, const uint32_t *cancel) noexcept {

@@ -8,6 +8,8 @@
 
 namespace morven {
 
+class ByteCounter;
+
 // The smoothing radius of a fidelity: trunc((1 - fidelity) * 50) in float;
 // anything from 255 up averages a whole 8-bit block, so larger radii (and
 // out-of-range products) become 255.
@@ -16,6 +18,18 @@ inline int32_t smoothingRadius(float fidelity) noexcept {
     if (!(r < 255.0f)) return 255;
     return r < 0.0f ? 0 : static_cast<int32_t>(r);
 }
+
+// wzHistogramMatchApply; with a counter, the brightness (the largest of
+// channels 1-3) of every destination pixel written is counted into it as
+// the rows are written (for a colour destination).
+wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *destination,
+                    ByteCounter *brightness, const uint32_t *cancel) noexcept;
+
+// wzHistogramMatchFilter without a mask, counting the brightness of the
+// destination pixels written as applyTable does.
+wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source,
+                             wzImage *destination, ByteCounter &brightness,
+                             const uint32_t *cancel) noexcept;
 
 // Applies a match table from source to destination and blends the result
 // with the unmatched values under the mask (null for none), copying the

@@ -75,8 +75,6 @@ inline void storeSample(uint8_t *p, bool wide, float full, float v) {
         *p = static_cast<uint8_t>(level);
 }
 
-float *allocTable(size_t n) { return static_cast<float *>(std::malloc(n * sizeof(float))); }
-
 // Inverse of a 3 x 3 matrix by cofactors.
 void invert3(const double m[3][3], float out[3][3]) {
     const double det = m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
@@ -105,9 +103,9 @@ bool WorkingSpace::init(int32_t space, bool wide) noexcept {
         for (int c = 0; c < 3; ++c) toXyz_[r][c] = static_cast<float>(kToXyz[r][c]);
     invert3(kToXyz, fromXyz_);
     const int levels = wide ? 65536 : 256;
-    decode_.reset(allocTable(static_cast<size_t>(levels)));
-    cbrt_.reset(allocTable(kGrid + 1));
-    encode_.reset(allocTable(kGrid + 1));
+    decode_ = allocArray<float>(levels);
+    cbrt_ = allocArray<float>(kGrid + 1);
+    encode_ = allocArray<float>(kGrid + 1);
     if (!decode_ || !cbrt_ || !encode_) return false;
     for (int v = 0; v < levels; ++v)
         decode_.get()[v] = static_cast<float>(srgbDecode(v / static_cast<double>(levels - 1)));

@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <cstring>
 
+#include "image/block_walks.hpp"
 #include "image/image_internal.hpp"
 
 using namespace morven;
@@ -35,36 +36,12 @@ double bilinear(const uint8_t *data, int64_t b, int64_t width, double fx, double
     return p00;
 }
 
-template <typename T>
-void fillBlock(uint8_t *p, int64_t n, T v) {
-    if constexpr (sizeof(T) == 1) {
-        std::memset(p, v, static_cast<size_t>(n));
-    } else {
-        for (int64_t i = 0; i < n; ++i, p += sizeof(T)) storeRaw<T>(p, v);
-    }
-}
-
-// The min/max walk over the region of a gray image. The update order is part
-// of the result: an infinite extreme is pulled back to +-DBL_MAX by the next
-// element, and the element that pulls min back is not compared with it.
+// The extremes of the region of a gray image.
 template <typename T>
 void minMaxRegion(const wzImage &img, double &outMin, double &outMax) {
     const Cursor c = regionCursor(img, sizeof(T));
-    const uint8_t *p = c.p;
     double mn = outMin, mx = outMax;
-    for (int32_t y = 0; y < img.roi.height; ++y, p += c.gap) {
-        for (int32_t x = 0; x < img.roi.width; ++x, p += sizeof(T)) {
-            const double v = static_cast<double>(loadElement<T>(p));
-            if (v > mx)
-                mx = v;
-            else if (mx > DBL_MAX)
-                mx = DBL_MAX;
-            if (mn < -DBL_MAX)
-                mn = -DBL_MAX;
-            else if (v < mn)
-                mn = v;
-        }
-    }
+    extremesOfRows<T, ExtremeRule::PullBack>(c.p, img.roi.height, img.roi.width, c.gap, mn, mx);
     outMin = mn;
     outMax = mx;
 }
@@ -72,27 +49,14 @@ void minMaxRegion(const wzImage &img, double &outMin, double &outMax) {
 // Bounding box of the non-zero elements of the whole gray block.
 template <typename T>
 bool nonZeroBox(const wzImage &img, wzRect &box) {
-    const int32_t w = img.width;
-    const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(w) * static_cast<ptrdiff_t>(sizeof(T));
+    const ptrdiff_t rowBytes =
+        static_cast<ptrdiff_t>(img.width) * static_cast<ptrdiff_t>(sizeof(T));
+    NonZeroBounds b;
     const uint8_t *row = img.data;
-    int32_t minX = 0, maxX = 0, minY = 0, maxY = 0;
-    bool found = false;
-    for (int32_t y = 0; y < img.height; ++y, row += rowBytes) {
-        int32_t first = 0, last = 0;
-        if (!nonZeroSpan<T>(row, w, first, last)) continue;
-        if (!found) {
-            found = true;
-            minX = first;
-            maxX = last;
-            minY = y;
-        } else {
-            if (first < minX) minX = first;
-            if (last > maxX) maxX = last;
-        }
-        maxY = y;
-    }
-    box = found ? wzRect{minX, minY, maxX - minX + 1, maxY - minY + 1} : wzRect{0, 0, 0, 0};
-    return found;
+    for (int32_t y = 0; y < img.height; ++y, row += rowBytes) b.addRow<T>(row, img.width, y, 0);
+    box = b.found ? wzRect{b.minX, b.minY, b.maxX - b.minX + 1, b.maxY - b.minY + 1}
+                  : wzRect{0, 0, 0, 0};
+    return b.found;
 }
 
 }  // namespace
@@ -129,7 +93,7 @@ MORVEN_API void wzImageSetVal(wzImage *image, double value) {
     if (n == 0) return;
     dispatchType(image->type, [&](auto tag) {
         using T = typename decltype(tag)::T;
-        fillBlock<T>(image->data, n, storeElement<T>(value));
+        fillElements<T>(image->data, n, storeElement<T>(value));
     });
 }
 

@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "image/image_internal.hpp"
-#include "image/kernels.hpp"
+#include "kernels/kernels.hpp"
 #include "morven/color.h"
 
 using namespace morven;
@@ -81,122 +81,6 @@ void toGray(Cursor s, const ChannelBytes &o, Cursor d, int32_t rows, int32_t col
     }
 }
 
-// ---------------------------------------------------------------------------
-// Gray conversion of 8-bit rows. The vector forms compute the same sum
-// directly: T0[b] + T1[g] + T2[r] is by definition 8192 + 1868 b + 9617 g +
-// 4899 r, whose terms are at most 4186112 (no wrap in 32 bits), and a 16-bit
-// multiply-add of the word pairs (b, g) by (1868, 9617) and (r, 1) by
-// (4899, 8192) forms exactly those products and sums in 32-bit lanes.
-
-void grayRow8Portable(const uint8_t *p, int32_t stride, const ptrdiff_t o[3], uint8_t *dst,
-                      size_t pixels) {
-    for (size_t i = 0; i < pixels; ++i, p += stride)
-        dst[i] = static_cast<uint8_t>((kGrayB[p[o[0]]] + kGrayG[p[o[1]]] + kGrayR[p[o[2]]]) >> 14);
-}
-
-#if MORVEN_X86_KERNELS
-
-// Shuffle controls for one 16-byte lane holding four pixels from its byte 0:
-// `pairs` puts b and g into the two words of each pixel's dword, `rest` puts
-// r into the low word (the high word gets the 1 that carries the rounding).
-struct GrayControls {
-    alignas(16) uint8_t pairs[16];
-    alignas(16) uint8_t rest[16];
-};
-
-GrayControls grayControls(int32_t stride, const ptrdiff_t o[3]) {
-    GrayControls c;
-    for (int i = 0; i < 4; ++i) {
-        const int base = stride * i;
-        const uint8_t px[4] = {static_cast<uint8_t>(base + o[0]), 0x80,
-                               static_cast<uint8_t>(base + o[1]), 0x80};
-        const uint8_t pr[4] = {static_cast<uint8_t>(base + o[2]), 0x80, 0x80, 0x80};
-        for (int k = 0; k < 4; ++k) {
-            c.pairs[4 * i + k] = px[k];
-            c.rest[4 * i + k] = pr[k];
-        }
-    }
-    return c;
-}
-
-constexpr int32_t kWeightsBG = 1868 | (9617 << 16);
-constexpr int32_t kWeightsR1 = 4899 | (8192 << 16);
-
-// Eight gray levels as dwords from a vector whose lanes hold four pixels each.
-MORVEN_TARGET_AVX2 inline __m256i grayDwords256(__m256i v, __m256i pairs, __m256i rest) {
-    const __m256i bg = _mm256_shuffle_epi8(v, pairs);
-    const __m256i r1 = _mm256_or_si256(_mm256_shuffle_epi8(v, rest), _mm256_set1_epi32(1 << 16));
-    const __m256i sum = _mm256_add_epi32(_mm256_madd_epi16(bg, _mm256_set1_epi32(kWeightsBG)),
-                                         _mm256_madd_epi16(r1, _mm256_set1_epi32(kWeightsR1)));
-    return _mm256_srli_epi32(sum, 14);
-}
-
-MORVEN_TARGET_AVX2 void grayRow8Avx2(const uint8_t *src, int32_t stride, const ptrdiff_t o[3],
-                                     uint8_t *dst, size_t pixels) {
-    const GrayControls c = grayControls(stride, o);
-    const __m256i pairs =
-        _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(c.pairs)));
-    const __m256i rest =
-        _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(c.rest)));
-    const size_t lane = 4 * static_cast<size_t>(stride);  // bytes of four pixels
-    // Each 16-byte half load reads 16 bytes from the start of four pixels:
-    // 3-byte pixels need 4 bytes beyond the 16 pixels of a step.
-    const size_t need = stride == 3 ? 18 : 16;
-    size_t i = 0;
-    for (; i + need <= pixels; i += 16) {
-        const uint8_t *s = src + i * static_cast<size_t>(stride);
-        __m256i half[2];
-        for (int h = 0; h < 2; ++h) {
-            const uint8_t *q = s + 2 * h * lane;
-            const __m256i v = _mm256_inserti128_si256(
-                _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
-            half[h] = grayDwords256(v, pairs, rest);
-        }
-        // Levels are 0..255, so the saturating packs are exact.
-        const __m256i words = _mm256_permute4x64_epi64(_mm256_packus_epi32(half[0], half[1]), 0xD8);
-        const __m128i bytes =
-            _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), bytes);
-    }
-    grayRow8Portable(src + i * static_cast<size_t>(stride), stride, o, dst + i, pixels - i);
-}
-
-// AVX-512: sixteen pixels per vector; for 3-byte pixels a dword permute
-// first gives each lane the 16 bytes that start its four pixels. Masked
-// loads and stores take the tail.
-MORVEN_TARGET_AVX512 void grayRow8Avx512(const uint8_t *src, int32_t stride, const ptrdiff_t o[3],
-                                         uint8_t *dst, size_t pixels) {
-    const GrayControls c = grayControls(stride, o);
-    const __m512i pairs =
-        _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i *>(c.pairs)));
-    const __m512i rest =
-        _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i *>(c.rest)));
-    const __m512i spread = _mm512_setr_epi32(0, 1, 2, 3, 3, 4, 5, 6, 6, 7, 8, 9, 9, 10, 11, 12);
-    const __m512i one = _mm512_set1_epi32(1 << 16);
-    const __m512i wBG = _mm512_set1_epi32(kWeightsBG);
-    const __m512i wR1 = _mm512_set1_epi32(kWeightsR1);
-    for (size_t i = 0; i < pixels; i += 16) {
-        const size_t n = pixels - i < 16 ? pixels - i : 16;
-        const size_t bytes = n * static_cast<size_t>(stride);
-        const uint8_t *s = src + i * static_cast<size_t>(stride);
-        __m512i v = bytes == 64 ? _mm512_loadu_si512(s)
-                                : _mm512_maskz_loadu_epi8((__mmask64{1} << bytes) - 1, s);
-        if (stride == 3) v = _mm512_permutexvar_epi32(spread, v);
-        const __m512i bg = _mm512_shuffle_epi8(v, pairs);
-        const __m512i r1 = _mm512_or_si512(_mm512_shuffle_epi8(v, rest), one);
-        const __m512i sum =
-            _mm512_add_epi32(_mm512_madd_epi16(bg, wBG), _mm512_madd_epi16(r1, wR1));
-        const __m512i level = _mm512_srli_epi32(sum, 14);
-        if (n == 16)
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), _mm512_cvtepi32_epi8(level));
-        else
-            _mm512_mask_cvtepi32_storeu_epi8(dst + i, static_cast<__mmask16>((1u << n) - 1), level);
-    }
-}
-
-#endif  // MORVEN_X86_KERNELS
-
 // Moves channels 1-3 element by element, each side by its own offsets.
 template <size_t ES>
 void moveChannels(Cursor s, const ChannelBytes &os, Cursor d, const ChannelBytes &od, int32_t rows,
@@ -265,20 +149,6 @@ void transposePixels(const uint8_t *src, ptrdiff_t srcRow, uint8_t *dst, int32_t
 
 }  // namespace
 
-void morven::grayRow8(Isa isa, const uint8_t *src, int32_t stride, const ptrdiff_t offsets[3],
-                      uint8_t *dst, size_t pixels) {
-#if MORVEN_X86_KERNELS
-    switch (kernelIsa(isa, false)) {
-        case Isa::Avx512: grayRow8Avx512(src, stride, offsets, dst, pixels); return;
-        case Isa::Avx2: grayRow8Avx2(src, stride, offsets, dst, pixels); return;
-        case Isa::Portable: break;
-    }
-#else
-    (void)isa;
-#endif
-    grayRow8Portable(src, stride, offsets, dst, pixels);
-}
-
 extern "C" {
 
 MORVEN_API wzStatus wzImageCvtColor(const wzImage *src, wzImage *dst) {
@@ -306,16 +176,16 @@ MORVEN_API wzStatus wzImageCvtColor(const wzImage *src, wzImage *dst) {
     if (dst->encoding == wzEncodingGray && src->type == wzType8U) {
         // Row kernel, unless the destination row starts inside the source
         // row past its start: there the pixel order decides the result.
-        const Isa isa = bestIsa();
+        const Kernels &kernels = bestKernels();
         const size_t n = static_cast<size_t>(cols);
         const size_t srcBytes = n * static_cast<size_t>(s.step);
         Cursor sc = s;
         Cursor dc = d;
         for (int32_t y = 0; y < rows; ++y) {
             if (atOrBefore(dc.p, sc.p) || disjoint(sc.p, srcBytes, dc.p, n))
-                grayRow8(isa, sc.p, static_cast<int32_t>(sc.step), os.c, dc.p, n);
+                kernels.grayRow(sc.p, static_cast<int32_t>(sc.step), os.c, dc.p, n);
             else
-                grayRow8Portable(sc.p, static_cast<int32_t>(sc.step), os.c, dc.p, n);
+                plainKernels().grayRow(sc.p, static_cast<int32_t>(sc.step), os.c, dc.p, n);
             sc.p += srcBytes + sc.gap;
             dc.p += n + dc.gap;
         }

@@ -5,7 +5,7 @@
 
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
-#include "image/kernels.hpp"
+#include "kernels/kernels.hpp"
 
 using namespace morven;
 
@@ -92,192 +92,14 @@ void convertBlock(const uint8_t *src, uint8_t *dst, int64_t n) {
     }
 }
 
-// ---------------------------------------------------------------------------
-// Vector forms of the pairs 8U <-> 32F and 8U <-> 16U. Each step loads all of
-// its source elements before it stores anything, widening steps walk from
-// the end and narrowing ones from the start (as the element loop does), and
-// the few elements left over run the element loop in the same direction.
-// Exactness: integer to float conversion of a byte is exact and the division
-// by 255 is the same correctly rounded IEEE division; the float product
-// v * 255 is the same single-precision product. Truncation returns
-// 0x80000000 for NaN and for products beyond the 32-bit range, which already
-// has the low byte of the saturated result except for products at or above
-// 2^31 (saturated to INT32_MAX, low byte 0xFF): those lanes are set apart.
-
-#if MORVEN_X86_KERNELS
-
-using U8 = TypeTag<wzType8U>;
-using U16 = TypeTag<wzType16U>;
-using F32 = TypeTag<wzType32F>;
-
-MORVEN_TARGET_AVX2 void u8ToF32Avx2(const uint8_t *src, uint8_t *dst, int64_t n) {
-    const __m256 scale = _mm256_set1_ps(255.0f);
-    int64_t i = n;
-    while (i >= 32) {
-        i -= 32;
-        __m256 f[4];
-        for (int k = 0; k < 4; ++k) {
-            const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i + 8 * k));
-            f[k] = _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(b)), scale);
-        }
-        for (int k = 0; k < 4; ++k)
-            _mm256_storeu_ps(reinterpret_cast<float *>(dst + 4 * (i + 8 * k)), f[k]);
-    }
-    convertBlock<U8, F32>(src, dst, i);
+// The kernel of a pair that has one, else null.
+ConvertFn pairKernel(const Kernels &k, uint32_t srcType, uint32_t dstType) {
+    if (srcType == wzType8U && dstType == wzType32F) return k.u8ToF32;
+    if (srcType == wzType32F && dstType == wzType8U) return k.f32ToU8;
+    if (srcType == wzType8U && dstType == wzType16U) return k.u8ToU16;
+    if (srcType == wzType16U && dstType == wzType8U) return k.u16ToU8;
+    return nullptr;
 }
-
-MORVEN_TARGET_AVX512 void u8ToF32Avx512(const uint8_t *src, uint8_t *dst, int64_t n) {
-    const __m512 scale = _mm512_set1_ps(255.0f);
-    int64_t i = n;
-    while (i >= 64) {
-        i -= 64;
-        __m512 f[4];
-        for (int k = 0; k < 4; ++k) {
-            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i + 16 * k));
-            f[k] = _mm512_div_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(b)), scale);
-        }
-        for (int k = 0; k < 4; ++k) _mm512_storeu_ps(dst + 4 * (i + 16 * k), f[k]);
-    }
-    convertBlock<U8, F32>(src, dst, i);
-}
-
-// Low bytes of the saturated truncations of v * 255.
-MORVEN_TARGET_AVX2 inline __m256i f32ToLowBytes256(__m256 v) {
-    const __m256 p = _mm256_mul_ps(v, _mm256_set1_ps(255.0f));
-    const __m256i t = _mm256_cvttps_epi32(p);
-    const __m256 big = _mm256_cmp_ps(p, _mm256_set1_ps(2147483648.0f), _CMP_GE_OQ);
-    const __m256i low = _mm256_set1_epi32(0xFF);
-    return _mm256_or_si256(_mm256_and_si256(t, low),
-                           _mm256_and_si256(_mm256_castps_si256(big), low));
-}
-
-MORVEN_TARGET_AVX2 void f32ToU8Avx2(const uint8_t *src, uint8_t *dst, int64_t n) {
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-    int64_t i = 0;
-    for (; i + 32 <= n; i += 32) {
-        __m256i b[4];
-        for (int k = 0; k < 4; ++k)
-            b[k] = f32ToLowBytes256(
-                _mm256_loadu_ps(reinterpret_cast<const float *>(src + 4 * (i + 8 * k))));
-        // Values are 0..255: the saturating packs are exact.
-        const __m256i bytes =
-            _mm256_packus_epi16(_mm256_packus_epi32(b[0], b[1]), _mm256_packus_epi32(b[2], b[3]));
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i),
-                            _mm256_permutevar8x32_epi32(bytes, order));
-    }
-    convertBlock<F32, U8>(src + 4 * i, dst + i, n - i);
-}
-
-MORVEN_TARGET_AVX512 void f32ToU8Avx512(const uint8_t *src, uint8_t *dst, int64_t n) {
-    const __m512 scale = _mm512_set1_ps(255.0f);
-    const __m512 limit = _mm512_set1_ps(2147483648.0f);
-    const __m512i ones = _mm512_set1_epi32(0xFF);
-    int64_t i = 0;
-    for (; i + 64 <= n; i += 64) {
-        __m128i b[4];
-        for (int k = 0; k < 4; ++k) {
-            const __m512 p = _mm512_mul_ps(_mm512_loadu_ps(src + 4 * (i + 16 * k)), scale);
-            const __m512i t = _mm512_mask_mov_epi32(_mm512_cvttps_epi32(p),
-                                                    _mm512_cmp_ps_mask(p, limit, _CMP_GE_OQ), ones);
-            b[k] = _mm512_cvtepi32_epi8(t);
-        }
-        for (int k = 0; k < 4; ++k)
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i + 16 * k), b[k]);
-    }
-    convertBlock<F32, U8>(src + 4 * i, dst + i, n - i);
-}
-
-MORVEN_TARGET_AVX2 void u8ToU16Avx2(const uint8_t *src, uint8_t *dst, int64_t n) {
-    int64_t i = n;
-    while (i >= 32) {
-        i -= 32;
-        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
-        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i + 16));
-        const __m256i a = _mm256_slli_epi16(_mm256_cvtepu8_epi16(lo), 8);
-        const __m256i b = _mm256_slli_epi16(_mm256_cvtepu8_epi16(hi), 8);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 2 * i), a);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 2 * i + 32), b);
-    }
-    convertBlock<U8, U16>(src, dst, i);
-}
-
-MORVEN_TARGET_AVX512 void u8ToU16Avx512(const uint8_t *src, uint8_t *dst, int64_t n) {
-    int64_t i = n;
-    while (i >= 64) {
-        i -= 64;
-        const __m256i lo = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + i));
-        const __m256i hi = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + i + 32));
-        const __m512i a = _mm512_slli_epi16(_mm512_cvtepu8_epi16(lo), 8);
-        const __m512i b = _mm512_slli_epi16(_mm512_cvtepu8_epi16(hi), 8);
-        _mm512_storeu_si512(dst + 2 * i, a);
-        _mm512_storeu_si512(dst + 2 * i + 64, b);
-    }
-    convertBlock<U8, U16>(src, dst, i);
-}
-
-MORVEN_TARGET_AVX2 void u16ToU8Avx2(const uint8_t *src, uint8_t *dst, int64_t n) {
-    int64_t i = 0;
-    for (; i + 32 <= n; i += 32) {
-        const __m256i a = _mm256_srli_epi16(
-            _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + 2 * i)), 8);
-        const __m256i b = _mm256_srli_epi16(
-            _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + 2 * i + 32)), 8);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i),
-                            _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8));
-    }
-    convertBlock<U16, U8>(src + 2 * i, dst + i, n - i);
-}
-
-MORVEN_TARGET_AVX512 void u16ToU8Avx512(const uint8_t *src, uint8_t *dst, int64_t n) {
-    int64_t i = 0;
-    for (; i + 64 <= n; i += 64) {
-        const __m512i a = _mm512_srli_epi16(_mm512_loadu_si512(src + 2 * i), 8);
-        const __m512i b = _mm512_srli_epi16(_mm512_loadu_si512(src + 2 * i + 64), 8);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), _mm512_cvtepi16_epi8(a));
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i + 32), _mm512_cvtepi16_epi8(b));
-    }
-    convertBlock<U16, U8>(src + 2 * i, dst + i, n - i);
-}
-
-// Runs the vector form of a pair when there is one; false otherwise.
-bool convertVector(Isa isa, uint32_t srcType, uint32_t dstType, const uint8_t *src, uint8_t *dst,
-                   int64_t n) {
-    using Fn = void (*)(const uint8_t *, uint8_t *, int64_t);
-    Fn avx2 = nullptr;
-    Fn avx512 = nullptr;
-    if (srcType == wzType8U && dstType == wzType32F) {
-        avx2 = u8ToF32Avx2;
-        avx512 = u8ToF32Avx512;
-    } else if (srcType == wzType32F && dstType == wzType8U) {
-        avx2 = f32ToU8Avx2;
-        avx512 = f32ToU8Avx512;
-    } else if (srcType == wzType8U && dstType == wzType16U) {
-        avx2 = u8ToU16Avx2;
-        avx512 = u8ToU16Avx512;
-    } else if (srcType == wzType16U && dstType == wzType8U) {
-        avx2 = u16ToU8Avx2;
-        avx512 = u16ToU8Avx512;
-    } else {
-        return false;
-    }
-    // The vector walk equals the element loop when neither can read a byte
-    // that the conversion has already written: disjoint blocks, or a
-    // destination that starts at or after the source when widening (the
-    // walk runs backwards) and at or before it when narrowing.
-    const int64_t ss = elementSize(srcType);
-    const int64_t ds = elementSize(dstType);
-    const bool ordered = ds > ss ? atOrBefore(src, dst) : atOrBefore(dst, src);
-    if (!ordered && !disjoint(src, static_cast<size_t>(n * ss), dst, static_cast<size_t>(n * ds)))
-        return false;
-    switch (kernelIsa(isa, false)) {
-        case Isa::Avx512: avx512(src, dst, n); return true;
-        case Isa::Avx2: avx2(src, dst, n); return true;
-        case Isa::Portable: return false;
-    }
-    return false;
-}
-
-#endif  // MORVEN_X86_KERNELS
 
 // Calls f(sourceTag, destinationTag) once for a pair of known type codes.
 template <typename Fn>
@@ -287,13 +109,20 @@ void dispatchPair(uint32_t srcType, uint32_t dstType, Fn &&f) {
 
 }  // namespace
 
-void morven::convertElements(Isa isa, uint32_t srcType, uint32_t dstType, const uint8_t *src,
-                             uint8_t *dst, int64_t n) {
-#if MORVEN_X86_KERNELS
-    if (convertVector(isa, srcType, dstType, src, dst, n)) return;
-#else
-    (void)isa;
-#endif
+void morven::convertElements(const Kernels &kernels, uint32_t srcType, uint32_t dstType,
+                             const uint8_t *src, uint8_t *dst, int64_t n) {
+    // The vector walk equals the element loop when neither can read a byte
+    // that the conversion has already written: disjoint blocks, or a
+    // destination that starts at or after the source when widening (the
+    // walk runs backwards) and at or before it when narrowing.
+    const int64_t ss = elementSize(srcType), ds = elementSize(dstType);
+    const bool ordered = ds > ss ? atOrBefore(src, dst) : atOrBefore(dst, src);
+    const bool vectorSafe =
+        ordered || disjoint(src, static_cast<size_t>(n * ss), dst, static_cast<size_t>(n * ds));
+    if (const ConvertFn f = pairKernel(vectorSafe ? kernels : plainKernels(), srcType, dstType)) {
+        f(src, dst, n);
+        return;
+    }
     dispatchPair(srcType, dstType, [&](auto s, auto d) {
         using S = decltype(s);
         using D = decltype(d);
@@ -314,7 +143,7 @@ MORVEN_API wzStatus wzImageCvtType(const wzImage *src, wzImage *dst) {
             std::memmove(dst->data, src->data, static_cast<size_t>(n * elementSize(src->type)));
         return WZ_STATUS_OK;
     }
-    convertElements(bestIsa(), src->type, dst->type, src->data, dst->data, n);
+    convertElements(bestKernels(), src->type, dst->type, src->data, dst->data, n);
     return WZ_STATUS_OK;
 }
 

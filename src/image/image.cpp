@@ -9,14 +9,14 @@ using namespace morven;
 namespace {
 
 wzImage *newHeader(int32_t width, int32_t height, uint32_t encoding, uint32_t type) {
-    auto *img = static_cast<wzImage *>(std::calloc(1, sizeof(wzImage)));
+    FreePtr<wzImage> img = allocZeroed<wzImage>();
     if (!img) return nullptr;
     img->type = type;
     img->encoding = encoding;
     img->height = height;
     img->width = width;
     img->roi = wzRect{0, 0, width, height};
-    return img;
+    return img.release();
 }
 
 }  // namespace
@@ -41,9 +41,8 @@ MORVEN_API wzImage *wzImageCreateWithType(int32_t width, int32_t height, uint32_
         return nullptr;
     FreePtr<wzImage> img(newHeader(width, height, encoding, type));
     if (!img) return nullptr;
-    // malloc(0) may legitimately return null; ask for one byte so that an empty
-    // image is still an image.
-    img->data = static_cast<uint8_t *>(std::malloc(bytes > 0 ? static_cast<size_t>(bytes) : 1));
+    // One byte at least, so that an empty image is still an image.
+    img->data = allocArray<uint8_t>(bytes).release();
     if (!img->data) return nullptr;
     return img.release();
 }
@@ -56,17 +55,10 @@ MORVEN_API wzImage *wzImageCreateAs(const wzImage *model) {
     return wzImageCreateWithType(model->width, model->height, model->encoding, model->type);
 }
 
-MORVEN_API void wzImageReleaseHeader(wzImage **image) {
-    if (!image || !*image) return;
-    std::free(*image);
-    *image = nullptr;
-}
+MORVEN_API void wzImageReleaseHeader(wzImage **image) { releaseRecord(image); }
 
 MORVEN_API void wzImageRelease(wzImage **image) {
-    if (!image || !*image) return;
-    std::free((*image)->data);
-    std::free(*image);
-    *image = nullptr;
+    releaseRecord(image, [](wzImage &i) { std::free(i.data); });
 }
 
 MORVEN_API wzSize wzImageSize(const wzImage *image) { return wzSize{image->width, image->height}; }

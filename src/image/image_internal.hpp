@@ -218,6 +218,30 @@ inline bool nonZeroSpan(const uint8_t *row, int32_t w, int32_t &first, int32_t &
     return true;
 }
 
+// True when the byte ranges [a, a + na) and [b, b + nb) share no byte.
+inline bool disjoint(const uint8_t *a, size_t na, const uint8_t *b, size_t nb) noexcept {
+    const auto pa = reinterpret_cast<uintptr_t>(a);
+    const auto pb = reinterpret_cast<uintptr_t>(b);
+    return pa + na <= pb || pb + nb <= pa;
+}
+
+// True when address a is at or before address b (blocks of one buffer or not).
+inline bool atOrBefore(const uint8_t *a, const uint8_t *b) noexcept {
+    return reinterpret_cast<uintptr_t>(a) <= reinterpret_cast<uintptr_t>(b);
+}
+
+struct Kernels;
+
+// Converts n elements from srcType to dstType (distinct known type codes) by
+// the rule of wzImageCvtType, in its order: wider destinations from the last
+// element to the first, narrower ones from the first. The pairs with kernels
+// (8U <-> 32F, 8U <-> 16U) run those of `kernels` when the order of the
+// vector walk cannot change the result (the blocks do not overlap, or the
+// destination starts at or after the source when widening, at or before it
+// when narrowing); other cases run the element loop.
+void convertElements(const Kernels &kernels, uint32_t srcType, uint32_t dstType, const uint8_t *src,
+                     uint8_t *dst, int64_t n);
+
 // Reads element i of a block of type T as a double.
 template <typename T>
 inline double loadAsDouble(const uint8_t *data, int64_t i) noexcept {

@@ -55,7 +55,7 @@ MORVEN_API wzMatrix *wzMatrixDumpLoad(FILE *stream) {
         readPayload(stream, count * static_cast<int64_t>(sizeof(double)))));
     if (!block) return nullptr;
 
-    m->rowPtr = static_cast<double **>(std::calloc(static_cast<size_t>(m->nRows), sizeof(double *)));
+    m->rowPtr = allocZeroedArray<double *>(m->nRows).release();
     if (!m->rowPtr) return nullptr;
     wzMatrixAssignData(m.get(), block.release());
     return m.release();

@@ -12,13 +12,9 @@ using namespace morven;
 
 namespace {
 
-// Row-pointer table of n entries, zero-filled. At least one entry is
-// allocated so that a zero row count gives a record whatever the allocator
-// does with zero-sized requests.
-double **newRowTable(int32_t nRows) {
-    const size_t n = nRows > 0 ? static_cast<size_t>(nRows) : 1;
-    return static_cast<double **>(std::calloc(n, sizeof(double *)));
-}
+// Row-pointer table of n entries, zero-filled (one entry at least, so that
+// a zero row count still gives a record).
+double **newRowTable(int32_t nRows) { return allocZeroedArray<double *>(nRows).release(); }
 
 // rowPtr[i] = block + i * nCols for the first nRows rows. A null block gives
 // null row pointers (there is nothing to point into).
@@ -55,13 +51,12 @@ MORVEN_API wzMatrix *wzMatrixCreate(int32_t nRows, int32_t nCols) {
     if (!m) return nullptr;
     FreePtr<double *> rows(newRowTable(nRows));
     if (!rows) return nullptr;
-    double *block = static_cast<double *>(
-        std::calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof(double)));
+    FreePtr<double> block = allocZeroedArray<double>(count);
     if (!block) return nullptr;
     m->rowPtr = rows.release();
     m->nRows = nRows;
     m->nCols = nCols;
-    setRows(*m, block);
+    setRows(*m, block.release());
     return m.release();
 }
 
@@ -74,18 +69,14 @@ MORVEN_API wzMatrix *wzMatrixCreateIdentity(int32_t n) {
 }
 
 MORVEN_API void wzMatrixReleaseHeader(wzMatrix **m) {
-    if (!m || !*m) return;
-    std::free((*m)->rowPtr);
-    std::free(*m);
-    *m = nullptr;
+    releaseRecord(m, [](wzMatrix &x) { std::free(x.rowPtr); });
 }
 
 MORVEN_API void wzMatrixRelease(wzMatrix **m) {
-    if (!m || !*m) return;
-    std::free((*m)->rowPtr);
-    std::free((*m)->data);
-    std::free(*m);
-    *m = nullptr;
+    releaseRecord(m, [](wzMatrix &x) {
+        std::free(x.rowPtr);
+        std::free(x.data);
+    });
 }
 
 MORVEN_API void wzMatrixSetImageWrap(const wzMatrix *m, wzImage *image) {

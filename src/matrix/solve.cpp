@@ -115,7 +115,7 @@ MORVEN_API wzStatus wzMatrixQRDecomposition(const wzMatrix *A, wzMatrix *Q, wzMa
         }
     }
     // R(r, c) = sum over i of Q(i, r) * A(i, c), in full.
-    productKernel(*R, *Q, *A, true);
+    bestKernels().product(*R, *Q, *A, true);
     return WZ_STATUS_OK;
 }
 

@@ -24,11 +24,6 @@ struct Planes {
     FreePtr<uint8_t> count;  // 2 rows: 1 + accepted neighbours
 };
 
-template <typename T>
-FreePtr<T> allocArray(size_t n) {
-    return FreePtr<T>(static_cast<T *>(std::malloc(n * sizeof(T))));
-}
-
 // Adds the pair p, q when it is accepted.
 inline void pair(const uint16_t *g, const uint16_t *x, size_t p, size_t q, int32_t *sp,
                  int32_t *sq, uint8_t *np, uint8_t *nq, int32_t t) {
@@ -119,11 +114,11 @@ MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params, c
     const size_t w = static_cast<size_t>(input->width), h = static_cast<size_t>(input->height);
     const size_t pixels = w * h;
     Planes pl;
-    pl.guide = allocArray<uint16_t>(pixels);
-    pl.current = allocArray<uint16_t>(pixels);
-    pl.next = allocArray<uint16_t>(pixels);
-    pl.sum = allocArray<int32_t>(2 * w);
-    pl.count = allocArray<uint8_t>(2 * w);
+    pl.guide = allocArray<uint16_t>(static_cast<int64_t>(pixels));
+    pl.current = allocArray<uint16_t>(static_cast<int64_t>(pixels));
+    pl.next = allocArray<uint16_t>(static_cast<int64_t>(pixels));
+    pl.sum = allocArray<int32_t>(static_cast<int64_t>(2 * w));
+    pl.count = allocArray<uint8_t>(static_cast<int64_t>(2 * w));
     if (!pl.guide || !pl.current || !pl.next || !pl.sum || !pl.count) return WZ_STATUS_ERROR;
     const ChannelBytes o = channelBytes(*input);
     const int channels = input->encoding == wzEncodingGray ? 1 : 3;

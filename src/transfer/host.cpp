@@ -1,5 +1,6 @@
 // Host entry points: the narrow interface over packed 8-bit BGR buffers, and
-// the library's only global state.
+// the library's only global state. Nothing can interrupt a host call, so the
+// calls pass no cancel flag.
 #include "common/memory.hpp"
 #include "morven/transfer.h"
 
@@ -10,9 +11,6 @@ namespace {
 // The one support object, created by wzMorvenInit and released by
 // wzMorvenDispose; only read in between.
 wzHistogramTransferSupport *support = nullptr;
-
-// Cancel flag of every call made here. Nothing sets it.
-uint32_t stop = 0;
 
 // A header over a host buffer (the buffer stays the host's).
 wzImage *wrapBGR(int32_t width, int32_t height, const uint8_t *pixels) {
@@ -68,7 +66,7 @@ MORVEN_API wzStatus wzMorvenTransfer(int32_t width, int32_t height, const uint8_
     params->contrastLowTail = lowTail;
     params->matchMaxStep = maxStep;
     params->smoothEnabled = 0;
-    return wzHistogramTransferFilter(params, support, src, nullptr, dst, &stop);
+    return wzHistogramTransferFilter(params, support, src, nullptr, dst, nullptr);
 }
 
 MORVEN_API wzStatus wzMorvenSmooth(int32_t width, int32_t height, const uint8_t *guide,
@@ -92,7 +90,7 @@ MORVEN_API wzStatus wzMorvenSmooth(int32_t width, int32_t height, const uint8_t 
     if (!params) return WZ_STATUS_ERROR;
     params->threshold = threshold;
     params->iterations = iterations;
-    return wzSelectiveSmooth(params, support->smoothSupport, gd, in, out, &stop);
+    return wzSelectiveSmooth(params, support->smoothSupport, gd, in, out, nullptr);
 }
 
 }  // extern "C"

@@ -3,10 +3,30 @@
 #include <cstdlib>
 
 #include "common/memory.hpp"
+#include "contrast/contrast_internal.hpp"
+#include "histogram/match_internal.hpp"
+#include "image/image_internal.hpp"
+#include "kernels/count.hpp"
 #include "morven/color.h"
 #include "morven/transfer.h"
 
 using namespace morven;
+
+namespace {
+
+// Whether matching source into destination writes every pixel of the
+// destination block, row after row: whole 8-bit images of one size (the
+// source's region all of it), a colour destination.
+bool matchWritesWholeColour(const wzImage &source, const wzImage &destination) {
+    const wzRect &r = source.roi;
+    return source.type == wzType8U && destination.type == wzType8U &&
+           isValidEncoding(source.encoding) && channelCount(destination.encoding) >= 3 &&
+           r.x == 0 && r.y == 0 && r.width == source.width && r.height == source.height &&
+           destination.roi.x == 0 && destination.roi.y == 0 && destination.width == source.width &&
+           destination.height == source.height;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -19,14 +39,13 @@ MORVEN_API wzHistogramTransferSupport *wzHistogramTransferSupportCreate(void) {
 }
 
 MORVEN_API void wzHistogramTransferSupportRelease(wzHistogramTransferSupport **support) {
-    if (!support || !*support) return;
-    wzSelectiveSmoothSupportRelease(&(*support)->smoothSupport);
-    std::free(*support);
-    *support = nullptr;
+    releaseRecord(support, [](wzHistogramTransferSupport &s) {
+        wzSelectiveSmoothSupportRelease(&s.smoothSupport);
+    });
 }
 
 MORVEN_API wzHistogramTransferParams *wzHistogramTransferParamsDefault(void) {
-    auto *p = static_cast<wzHistogramTransferParams *>(std::calloc(1, sizeof(wzHistogramTransferParams)));
+    FreePtr<wzHistogramTransferParams> p = allocZeroed<wzHistogramTransferParams>();
     if (!p) return nullptr;
     p->targetProfile = nullptr;
     p->matchStrength = 1.0f;
@@ -38,24 +57,20 @@ MORVEN_API wzHistogramTransferParams *wzHistogramTransferParamsDefault(void) {
     p->smoothThreshold = 0.1f;
     p->smoothIterations = 2;
     p->matchMaxStep = 255;
-    return p;
+    return p.release();
 }
 
 MORVEN_API void wzHistogramTransferParamsRelease(wzHistogramTransferParams **params) {
-    if (!params || !*params) return;
-    std::free(*params);
-    *params = nullptr;
+    releaseRecord(params);
 }
 
 MORVEN_API wzHistogramTransferParamsInner *wzHistogramTransferParamsInnerCreate(void) {
     // All four attempts are made; any failure releases all of them.
-    auto *inner = static_cast<wzHistogramTransferParamsInner *>(
-        std::calloc(1, sizeof(wzHistogramTransferParamsInner)));
+    FreePtr<wzHistogramTransferParamsInner> inner = allocZeroed<wzHistogramTransferParamsInner>();
     wzHistogramMatchParams *match = wzHistogramMatchParamsDefault();
     wzContrastEnhanceParams *contrast = wzContrastEnhanceParamsDefault();
     wzSelectiveSmoothParams *smooth = wzSelectiveSmoothParamsDefault();
     if (!inner || !match || !contrast || !smooth) {
-        std::free(inner);
         wzHistogramMatchParamsRelease(&match);
         wzContrastEnhanceParamsRelease(&contrast);
         wzSelectiveSmoothParamsRelease(&smooth);
@@ -64,16 +79,15 @@ MORVEN_API wzHistogramTransferParamsInner *wzHistogramTransferParamsInnerCreate(
     inner->matchParams = match;
     inner->contrastParams = contrast;
     inner->smoothParams = smooth;
-    return inner;
+    return inner.release();
 }
 
 MORVEN_API void wzHistogramTransferParamsInnerRelease(wzHistogramTransferParamsInner **inner) {
-    if (!inner || !*inner) return;
-    wzContrastEnhanceParamsRelease(&(*inner)->contrastParams);
-    wzSelectiveSmoothParamsRelease(&(*inner)->smoothParams);
-    wzHistogramMatchParamsRelease(&(*inner)->matchParams);
-    std::free(*inner);
-    *inner = nullptr;
+    releaseRecord(inner, [](wzHistogramTransferParamsInner &i) {
+        wzContrastEnhanceParamsRelease(&i.contrastParams);
+        wzSelectiveSmoothParamsRelease(&i.smoothParams);
+        wzHistogramMatchParamsRelease(&i.matchParams);
+    });
 }
 
 MORVEN_API void wzHistogramTransferSetInnerParams(const wzHistogramTransferParams *params,
@@ -117,11 +131,20 @@ MORVEN_API wzStatus wzHistogramTransferFilter(const wzHistogramTransferParams *p
     }
     const wzImage *untouched = copy ? copy : source;
 
-    wzStatus status = wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
+    // When matching writes every destination pixel, the brightness that
+    // contrast's statistics need is counted as the rows are written, rather
+    // than in a second pass over the destination.
+    const bool counted = inner->contrastEnabled && matchWritesWholeColour(*source, *destination);
+    ByteCounter brightness;
+    wzStatus status =
+        counted ? matchFilterCounting(inner->matchParams, source, destination, brightness, cancel)
+                : wzHistogramMatchFilter(inner->matchParams, source, nullptr, destination, cancel);
     if (status != WZ_STATUS_OK) return status;
     if (inner->contrastEnabled) {
-        status = wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr, destination,
-                                         cancel);
+        status = counted
+                     ? contrastFilterCounted(inner->contrastParams, brightness, destination, cancel)
+                     : wzContrastEnhanceFilter(inner->contrastParams, destination, nullptr,
+                                               destination, cancel);
         if (status != WZ_STATUS_OK) return status;
     }
     if (inner->smoothEnabled) {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "morven/color.h"
+#include "image/block_walks.hpp"
 #include "volume/volume_internal.hpp"
 
 using namespace morven;
@@ -38,32 +39,20 @@ template <typename T>
 void fillPlanes(wzVolume &v, T value) {
     const int64_t n = int64_t{v.width} * v.height;
     const int64_t size = n * static_cast<int64_t>(sizeof(T));
-    for (int32_t z = 0; z < v.depth; ++z) {
-        uint8_t *p = planeVoxels(v, z, size);
-        if constexpr (sizeof(T) == 1) {
-            std::memset(p, value, static_cast<size_t>(n));
-        } else {
-            for (int64_t i = 0; i < n; ++i, p += sizeof(T)) storeRaw<T>(p, value);
-        }
-    }
+    for (int32_t z = 0; z < v.depth; ++z) fillElements<T>(planeVoxels(v, z, size), n, value);
 }
 
+// The extremes of the region of interest, plane by plane.
 template <typename T>
 void minMaxBox(const wzVolume &v, double &outMin, double &outMax) {
     const wzBox &b = v.roi;
+    double mn = outMin, mx = outMax;
     const int64_t es = sizeof(T);
     const int64_t size = int64_t{v.width} * v.height * es;
     const int64_t rowGap = int64_t{v.width - b.width} * es;
-    double mn = outMin, mx = outMax;
     for (int32_t z = b.z; z < b.z + b.depth; ++z) {
         const uint8_t *p = planeVoxels(v, z, size) + (int64_t{b.y} * v.width + b.x) * es;
-        for (int32_t y = 0; y < b.height; ++y, p += rowGap) {
-            for (int32_t x = 0; x < b.width; ++x, p += es) {
-                const double e = static_cast<double>(loadElement<T>(p));
-                if (e > mx) mx = e;
-                if (e < mn) mn = e;
-            }
-        }
+        extremesOfRows<T, ExtremeRule::Plain>(p, b.height, b.width, rowGap, mn, mx);
     }
     outMin = mn;
     outMax = mx;
@@ -72,30 +61,19 @@ void minMaxBox(const wzVolume &v, double &outMin, double &outMax) {
 // Bounding box of the non-zero voxels, row by row of every plane.
 template <typename T>
 bool nonZeroBox(const wzVolume &v, wzBox &box) {
-    const int32_t w = v.width;
-    const int64_t es = sizeof(T);
     const int64_t size = planeBytes(v);
     box = wzBox{0, 0, 0, 0, 0, 0};
     if (size == 0) return false;  // empty planes, or a size no block can have
-    int32_t minX = INT32_MAX, minY = INT32_MAX, minZ = INT32_MAX;
-    int32_t maxX = -INT32_MAX, maxY = -INT32_MAX, maxZ = -INT32_MAX;
-    bool found = false;
+    NonZeroBounds b;
     for (int32_t z = 0; z < v.depth; ++z) {
         const uint8_t *row = planeVoxels(v, z, size);
-        for (int32_t y = 0; y < v.height; ++y, row += w * es) {
-            int32_t first = 0, last = 0;
-            if (!nonZeroSpan<T>(row, w, first, last)) continue;
-            found = true;
-            if (first < minX) minX = first;
-            if (last > maxX) maxX = last;
-            if (y < minY) minY = y;
-            if (y > maxY) maxY = y;
-            if (z < minZ) minZ = z;
-            if (z > maxZ) maxZ = z;
-        }
+        for (int32_t y = 0; y < v.height; ++y, row += int64_t{v.width} * int64_t{sizeof(T)})
+            b.addRow<T>(row, v.width, y, z);
     }
-    if (found) box = wzBox{minX, minY, minZ, maxX - minX + 1, maxY - minY + 1, maxZ - minZ + 1};
-    return found;
+    if (b.found)
+        box = wzBox{
+            b.minX, b.minY, b.minZ, b.maxX - b.minX + 1, b.maxY - b.minY + 1, b.maxZ - b.minZ + 1};
+    return b.found;
 }
 
 // Copies the row (axis 1) or column (axis 0) slice element by element, out

@@ -148,15 +148,14 @@ MORVEN_API wzVolume *wzVolumeDumpLoadWithSeparatePlanes(FILE *stream) {
     // small start), so a header that claims many planes costs memory only
     // for the data that follows it. Entries beyond the planes read stay null.
     int64_t capacity = r.depth < kInitialPlaneTable ? r.depth : kInitialPlaneTable;
-    v->planes = static_cast<wzImage **>(
-        std::calloc(capacity > 0 ? static_cast<size_t>(capacity) : 1, sizeof(wzImage *)));
+    v->planes = allocZeroedArray<wzImage *>(capacity).release();
     if (!v->planes) return nullptr;
     int32_t made = 0;
     bool ok = true;
     for (int32_t k = 0; k < r.depth && ok; ++k) {
         if (k == capacity) {
             const int64_t grown = capacity * 2 < r.depth ? capacity * 2 : r.depth;
-            auto *table = static_cast<wzImage **>(std::calloc(static_cast<size_t>(grown), sizeof(wzImage *)));
+            wzImage **table = allocZeroedArray<wzImage *>(grown).release();
             if (!table) {
                 ok = false;
                 break;

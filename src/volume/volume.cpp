@@ -11,13 +11,16 @@ using namespace morven;
 namespace {
 
 // Frees the plane headers from the last to the first with the given image
-// release, then the plane table and the record.
-void releaseVolume(wzVolume *v, void (*releasePlane)(wzImage **)) {
-    if (v->planes) {
-        for (int32_t k = v->depth - 1; k >= 0; --k) releasePlane(&v->planes[k]);
-        std::free(v->planes);
-    }
-    std::free(v);
+// release, then the plane table.
+void freePlanes(wzVolume &v, void (*releasePlane)(wzImage **)) {
+    if (!v.planes) return;
+    for (int32_t k = v.depth - 1; k >= 0; --k) releasePlane(&v.planes[k]);
+    std::free(v.planes);
+}
+
+// Frees the volume (planes, table and record), nulling the pointer.
+void releaseVolume(wzVolume **v, void (*releasePlane)(wzImage **)) {
+    releaseRecord(v, [releasePlane](wzVolume &x) { freePlanes(x, releasePlane); });
 }
 
 // Points plane k at block + k * plane size.
@@ -34,15 +37,14 @@ wzVolume *createContiguous(int32_t width, int32_t height, int32_t depth, uint32_
     wzVolume *v = wzVolumeCreateHeaderWithTypeAndEncoding(width, height, depth, type, encoding);
     if (!v) return nullptr;
     int64_t bytes = 0;
-    uint8_t *block = nullptr;
+    FreePtr<uint8_t> block;
     if (checkedMul(planeBytes(*v), depth, bytes) && static_cast<uint64_t>(bytes) <= PTRDIFF_MAX)
-        // One byte at least, so that an empty volume is still a volume.
-        block = static_cast<uint8_t *>(std::calloc(bytes > 0 ? static_cast<size_t>(bytes) : 1, 1));
+        block = allocZeroedArray<uint8_t>(bytes);  // one byte at least: an empty volume is a volume
     if (!block) {
-        releaseVolume(v, wzImageReleaseHeader);
+        releaseVolume(&v, wzImageReleaseHeader);
         return nullptr;
     }
-    layOutPlanes(*v, block);
+    layOutPlanes(*v, block.release());
     return v;
 }
 
@@ -62,7 +64,7 @@ namespace morven {
 wzVolume *wzVolumeCreateHeaderWithTypeAndEncoding(int32_t width, int32_t height, int32_t depth,
                                                   uint32_t type, uint32_t encoding) {
     if (width < 0 || height < 0 || depth < 0) return nullptr;
-    auto *v = static_cast<wzVolume *>(std::calloc(1, sizeof(wzVolume)));
+    FreePtr<wzVolume> v = allocZeroed<wzVolume>();
     if (!v) return nullptr;
     v->type = type;
     v->depth = depth;
@@ -70,21 +72,18 @@ wzVolume *wzVolumeCreateHeaderWithTypeAndEncoding(int32_t width, int32_t height,
     v->height = height;
     v->roi = wzBox{0, 0, 0, width, height, depth};
     // One entry at least, so that a volume without planes is still a volume.
-    v->planes = static_cast<wzImage **>(
-        std::calloc(depth > 0 ? static_cast<size_t>(depth) : 1, sizeof(wzImage *)));
-    if (!v->planes) {
-        std::free(v);
-        return nullptr;
-    }
+    v->planes = allocZeroedArray<wzImage *>(depth).release();
+    if (!v->planes) return nullptr;
+    wzVolume *out = v.release();
     for (int32_t k = 0; k < depth; ++k) {
-        v->planes[k] = wzImageCreateHeaderWithType(width, height, encoding, type);
-        if (!v->planes[k]) {
+        out->planes[k] = wzImageCreateHeaderWithType(width, height, encoding, type);
+        if (!out->planes[k]) {
             // Entries k .. depth-1 are still null: releasing them is a no-op.
-            releaseVolume(v, wzImageReleaseHeader);
+            releaseVolume(&out, wzImageReleaseHeader);
             return nullptr;
         }
     }
-    return v;
+    return out;
 }
 
 }  // namespace morven
@@ -140,7 +139,7 @@ MORVEN_API wzVolume *wzVolumeCreateWithTypeWithSeparatePlanes(int32_t width, int
         if (!plane) {
             // Planes before k own blocks, the rest are bare headers (null data):
             // wzImageRelease frees exactly what each holds.
-            releaseVolume(v, wzImageRelease);
+            releaseVolume(&v, wzImageRelease);
             return nullptr;
         }
         v->planes[k]->data = plane->data;
@@ -155,22 +154,18 @@ MORVEN_API wzVolume *wzVolumeCreateWithSeparatePlanes(int32_t width, int32_t hei
 }
 
 MORVEN_API void wzVolumeReleaseHeader(wzVolume **volume) {
-    if (!volume || !*volume) return;
-    releaseVolume(*volume, wzImageReleaseHeader);
-    *volume = nullptr;
+    releaseVolume(volume, wzImageReleaseHeader);
 }
 
 MORVEN_API void wzVolumeRelease(wzVolume **volume) {
-    if (!volume || !*volume) return;
-    std::free((*volume)->voxels);
-    releaseVolume(*volume, wzImageReleaseHeader);
-    *volume = nullptr;
+    releaseRecord(volume, [](wzVolume &v) {
+        std::free(v.voxels);
+        freePlanes(v, wzImageReleaseHeader);
+    });
 }
 
 MORVEN_API void wzVolumeReleaseWithSeparatePlanes(wzVolume **volume) {
-    if (!volume || !*volume) return;
-    releaseVolume(*volume, wzImageRelease);
-    *volume = nullptr;
+    releaseVolume(volume, wzImageRelease);
 }
 
 MORVEN_API wzSize3D wzVolumeSize(const wzVolume *volume) {

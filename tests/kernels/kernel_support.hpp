@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "common/cpu.hpp"
+#include "kernels/kernels.hpp"
 #include "support/image_fixtures.hpp"
 
 namespace kernel_test {
@@ -46,11 +46,15 @@ struct GuardedBlock {
 // Every instruction set this processor runs, the portable loop first.
 inline std::vector<Isa> availableIsas(bool vectorOnly = false) {
     std::vector<Isa> out;
-    for (Isa isa : {Isa::Portable, Isa::Avx2, Isa::Avx512})
+    for (Isa isa : {Isa::Portable, Isa::Avx2, Isa::Avx512, Isa::Neon})
         if (morven::isaAvailable(isa) && !(vectorOnly && isa == Isa::Portable)) out.push_back(isa);
     return out;
 }
-inline std::string isaName(Isa isa) { return isa == Isa::Portable ? "portable" : isa == Isa::Avx2 ? "avx2" : "avx512"; }
+inline std::string isaName(Isa isa) {
+    const char *names[] = {"portable", "avx2", "avx512", "neon"};
+    return names[int(isa)];
+}
+inline const morven::Kernels &kernels(Isa isa) { return morven::kernelsFor(isa); }
 
 inline void fillBytes(uint8_t *p, size_t n, std::mt19937 &rng) {
     for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(rng());

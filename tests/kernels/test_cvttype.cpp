@@ -4,7 +4,7 @@
 #include <cmath>
 #include <limits>
 
-#include "image/kernels.hpp"
+#include "image/image_internal.hpp"
 #include "kernel_support.hpp"
 
 using namespace kernel_test;
@@ -62,7 +62,7 @@ TEST(KernelCvtType, EveryVariantFollowsTheElementRules) {
     for (const Pair &p : kPairs)
         checkRowKernel({p.fromSize, p.toSize, std::max(p.fromSize, p.toSize),
                         [&](Isa isa, const uint8_t *s, uint8_t *d, size_t n) {
-                            morven::convertElements(isa, p.from, p.to, s, d, int64_t(n));
+                            morven::convertElements(kernels(isa), p.from, p.to, s, d, int64_t(n));
                         },
                         [&](const uint8_t *s, uint8_t *d, size_t n) {
                             for (size_t i = 0; i < n; ++i) ruleElement(p, s, i, d + i * p.toSize);
@@ -83,8 +83,8 @@ TEST(KernelCvtType, OverlappingBlocksEqualTheElementLoop) {
                     Bytes plain(span);
                     fillSource(p, plain.data() + 10, n, rng);
                     GuardedBlock block(plain);
-                    morven::convertElements(Isa::Portable, p.from, p.to, &plain[10], &plain[10 + shift], int64_t(n));
-                    morven::convertElements(isa, p.from, p.to, block.data + 10, block.data + 10 + shift, int64_t(n));
+                    morven::convertElements(kernels(Isa::Portable), p.from, p.to, &plain[10], &plain[10 + shift], int64_t(n));
+                    morven::convertElements(kernels(isa), p.from, p.to, block.data + 10, block.data + 10 + shift, int64_t(n));
                     ASSERT_EQ(bytesAt(block.data, span), plain)
                         << isaName(isa) << " " << p.from << "->" << p.to << " n " << n << " shift " << shift;
                 }

@@ -2,8 +2,6 @@
 // and on awkward rows of every layout against the fixed-point formula (the
 // brightness row kernel alongside), and wzImageCvtColor over regions and in
 // place.
-#include "contrast/kernels.hpp"
-#include "image/kernels.hpp"
 #include "kernel_support.hpp"
 
 using namespace kernel_test;
@@ -35,7 +33,7 @@ TEST(KernelGray, EveryColourGivesTheFormulaInEveryVariant) {
     const ptrdiff_t bgr[3] = {0, 1, 2};
     for (Isa isa : availableIsas()) {
         GuardedBlock dst(kColours);
-        morven::grayRow8(isa, src.data, 3, bgr, dst.data, kColours);
+        kernels(isa).grayRow(src.data, 3, bgr, dst.data, kColours);
         ASSERT_EQ(0, std::memcmp(dst.data, expect.data(), kColours)) << isaName(isa);
     }
 }
@@ -50,7 +48,7 @@ TEST(KernelGray, GrayAndBrightnessRowsOfEveryLayout) {
             const size_t n = channels(enc);
             checkRowKernel({n, 1, 0,
                             [&](Isa isa, const uint8_t *s, uint8_t *d, size_t k) {
-                                (gray ? morven::grayRow8 : morven::brightnessRow)(isa, s, int32_t(n), off, d, k);
+                                (gray ? kernels(isa).grayRow : kernels(isa).brightnessRow)(s, int32_t(n), off, d, k);
                             },
                             [&](const uint8_t *s, uint8_t *d, size_t k) {
                                 for (size_t i = 0; i < k; ++i) d[i] = (gray ? grayOf : brightnessOf)(enc, s + i * n);

@@ -1,6 +1,6 @@
-// Counting in 16-bit sub-tables: colour profiles, brightness histograms and
-// the byte counter against plain counting, also past the flush window.
-#include "image/kernels.hpp"
+// Counting in sub-tables: colour profiles, brightness histograms and the
+// byte and channel counters against plain counting, also across flushes.
+#include "kernels/count.hpp"
 #include "kernel_support.hpp"
 
 using namespace kernel_test;
@@ -45,17 +45,32 @@ TEST(KernelHistogram, ProfilesHistogramsAndByteCountsEqualPlainCounting) {
         }
 }
 
-// More samples of one value than the 8 x 65535 that fill every 16-bit
-// sub-count must reach the totals whole, in one row or spread over rows.
-TEST(KernelHistogram, RunsOfOneValueLongerThanTheFlushWindowCountExactly) {
+// Runs of one value across many flushes of the sub-tables (windows made
+// small here, and the real one) must reach the totals whole, fed in uneven
+// pieces; then long runs through the public functions, in one row or spread
+// over rows.
+TEST(KernelHistogram, RunsOfOneValueAcrossFlushesCountExactly) {
     std::mt19937 rng(44);
     const size_t run = 3 * 8 * 65535 + 12345;
-    Bytes same(run, 77);
-    morven::ByteCounter counter;
-    for (size_t at = 0, piece; at < run; at += piece)
-        counter.add(same.data() + at, piece = std::min(run - at, size_t(1 + rng() % 200000)));
-    ASSERT_EQ(counter.totals()[77], run);
-    ASSERT_EQ(counter.totals()[76], 0u);
+    Bytes same(run, 77), pixels(12 * 1700);
+    const ptrdiff_t bgr[3] = {0, 1, 2}, argb[3] = {3, 2, 1};
+    for (uint32_t window : {7u, 1000u, UINT32_MAX}) {
+        morven::ByteCounter bytes(window);
+        for (size_t at = 0, piece; at < run; at += piece)
+            bytes.add(same.data() + at, piece = std::min(run - at, size_t(1 + rng() % 200000)));
+        ASSERT_EQ(bytes.totals()[77], run) << window;
+        ASSERT_EQ(bytes.totals()[76], 0u) << window;
+        for (int stride : {3, 4}) {
+            const ptrdiff_t *o = stride == 3 ? bgr : argb;
+            const size_t n = pixels.size() / size_t(stride);
+            for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = uint8_t(20 + i % size_t(stride));
+            morven::ChannelCounter channels(window);
+            for (size_t at = 0, piece; at < n; at += piece)
+                channels.add(pixels.data() + at * size_t(stride), stride, o, piece = std::min(n - at, size_t(1 + rng() % 900)));
+            for (int a = 0; a < 3; ++a)  // array a holds the byte at o[2 - a]
+                ASSERT_EQ(channels.totals(a)[20 + o[2 - a]], n) << window << " stride " << stride << " array " << a;
+        }
+    }
     for (uint32_t enc : {wzEncodingGray, wzEncodingBGR, wzEncodingRGBA})
         for (int32_t w : {1, 1500, 700000}) {
             const int32_t h = int32_t(run / size_t(w) / 3 + 1);

@@ -1,7 +1,6 @@
 // Table look-ups: the row kernel in every variant against the tables byte by
 // byte, and the histogram-matching and contrast apply steps over regions, in
 // place and through overlapping headers against the documented pixel loops.
-#include "image/kernels.hpp"
 #include "kernel_support.hpp"
 
 using namespace kernel_test;
@@ -25,7 +24,7 @@ TEST(KernelLut, RowKernelMatchesTheTablesInEveryVariant) {
         const size_t stride = size_t(lay.stride);
         checkRowKernel({stride, stride, stride,
                         [&](Isa isa, const uint8_t *s, uint8_t *d, size_t n) {
-                            morven::lutRow(isa, layout, s, d, n);
+                            kernels(isa).lutRow(layout, s, d, n);
                         },
                         [&](const uint8_t *s, uint8_t *d, size_t n) {
                             for (size_t i = 0; i < n * stride; ++i)

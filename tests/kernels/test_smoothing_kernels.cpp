@@ -1,8 +1,9 @@
-// Selective smoothing: the vector passes against the scalar pass on guarded
-// blocks (awkward and large sizes, every threshold regime, pass counts
-// across the pipelined group size, flat guides, guide = input, in place,
-// outputs partly over the input, with and without a cancel flag), the
-// fallback for other tables, cancellation, and the vector quotient step over
+// Selective smoothing: the row-pipelined pass with the row kernels of every
+// instruction set here (the plain ones included) against the table-driven
+// pass on guarded blocks (awkward and large sizes, every threshold regime,
+// pass counts across the pipelined group size, flat guides, guide = input,
+// in place, outputs partly over the input, with and without a cancel flag),
+// the fallback for other tables, cancellation, and the quotient step over
 // its whole input range.
 #include "kernel_support.hpp"
 #include "smoothing/smoothing_internal.hpp"
@@ -26,28 +27,28 @@ struct Scene {
     Bytes guide{}, input{}, output{};
 };
 
-// Runs `isa` on copies of the scene in guarded blocks; returns the block
-// holding the output.
-Bytes run(Isa isa, const Scene &s, const wzSelectiveSmoothParams &p, const wzSelectiveSmoothSupport *support,
+// Runs the kernels of `isa` (null: the table-driven pass) on copies of the
+// scene in guarded blocks; returns the block holding the output.
+Bytes run(const Isa *isa, const Scene &s, const wzSelectiveSmoothParams &p, const wzSelectiveSmoothSupport *support,
           const uint32_t *cancel, wzStatus want = 0) {
     GuardedBlock gb(s.guide), xb(s.input), ob(s.output);
     uint8_t *out = s.inPlace ? xb.data : s.below ? xb.data + size_t(s.w) * channels(s.encX) : ob.data;
     const wzRect all{0, 0, s.w, s.h};
     HeaderPtr g = header(s.w, s.h, s.encG, gb.data, all), x = header(s.w, s.h, s.encX, xb.data, all),
               o = header(s.w, s.h, s.inPlace ? s.encX : s.encO, out, all);
-    EXPECT_EQ(morven::selectiveSmoothWith(isa, &p, support, s.guideIsInput ? x.get() : g.get(), x.get(), o.get(),
+    EXPECT_EQ(morven::selectiveSmoothWith(isa ? &kernels(*isa) : nullptr, &p, support, s.guideIsInput ? x.get() : g.get(), x.get(), o.get(),
                                           cancel), want);
     return out == ob.data ? bytesAt(ob.data, s.output.size()) : bytesAt(xb.data, s.input.size());
 }
 
-// Every vector variant gives the scalar pass's bytes, with and without a
-// cancel flag (channels side by side or one after the other).
+// Every kernel table gives the table-driven pass's bytes, with and without
+// a cancel flag that is never set.
 void expectSameAsScalar(const Scene &s, const wzSelectiveSmoothParams &p, const wzSelectiveSmoothSupport *support) {
     const uint32_t noCancel = 0;
-    const Bytes want = run(Isa::Portable, s, p, support, nullptr);
-    for (Isa isa : availableIsas(true))
+    const Bytes want = run(nullptr, s, p, support, nullptr);
+    for (Isa isa : availableIsas())
         for (const uint32_t *cancel : {static_cast<const uint32_t *>(nullptr), &noCancel})
-            ASSERT_EQ(run(isa, s, p, support, cancel), want) << isaName(isa) << (cancel ? " with flag " : " ")
+            ASSERT_EQ(run(&isa, s, p, support, cancel), want) << isaName(isa) << (cancel ? " with flag " : " ")
                                                              << s.w << "x" << s.h << " t=" << p.threshold
                                                              << " passes=" << p.iterations;
 }
@@ -90,9 +91,8 @@ Scene randomScene(int32_t w, int32_t h, std::mt19937 &rng) {
 // Widths 2-67 (tails of every vector step) and two large images; t = 1, 25,
 // 127, 128, 255 and above, and random ones; mostly 1-3 passes, sometimes
 // more than the pipelined group of 8; outputs partly over the input, which
-// must take the scalar pass.
-TEST(SmoothingKernels, VectorPassesMatchScalar) {
-    if (availableIsas(true).empty()) GTEST_SKIP() << "no vector instruction set here";
+// must take the table-driven pass.
+TEST(SmoothingKernels, RowKernelsMatchTheTableDrivenPass) {
     Support support;
     ASSERT_TRUE(support.p);
     std::mt19937 rng(2024);
@@ -120,23 +120,26 @@ TEST(SmoothingKernels, PairsAtTheThresholdAndRatioLimits) {
             return std::pair{col % 2 ? d : 0, col % 2 ? 2 * d + int(row % 2) : 0};
         });
         expectSameAsScalar(s, {th, 1}, support.p);
-        EXPECT_NE(run(Isa::Portable, s, {th, 1}, support.p, nullptr), s.input) << "nothing accepted at t=" << th;
+        EXPECT_NE(run(nullptr, s, {th, 1}, support.p, nullptr), s.input) << "nothing accepted at t=" << th;
     }
 }
 
-// Supports whose tables are not the closed form take the scalar pass; a
-// flag set before the call gives status 2 and leaves the output as it was,
-// in every variant.
+// Supports whose tables are not the closed form take the table-driven pass;
+// a flag set before the call gives status 2 and leaves the output as it was,
+// with every kernel table and without.
 TEST(SmoothingKernels, FallbacksAndCancelBeforeTheCall) {
     Support plain, odd;
     ASSERT_TRUE(plain.p && odd.p);
     std::mt19937 rng(5);
     const uint32_t stop = 1;
     const Scene r = randomScene(40, 6, rng);
-    for (Isa isa : availableIsas())
+    std::vector<const Isa *> choices{nullptr};
+    const std::vector<Isa> isas = availableIsas();
+    for (const Isa &isa : isas) choices.push_back(&isa);
+    for (const Isa *isa : choices)
         for (int32_t passes : {2, 12})
             EXPECT_EQ(run(isa, r, {0.1f, passes}, plain.p, &stop, 2), r.inPlace || r.below ? r.input : r.output)
-                << isaName(isa);
+                << (isa ? isaName(*isa) : "tables");
 
     // Horizontal pairs with d = 2, e = 4, which e > 2d refuses and the
     // modified table accepts.
@@ -146,7 +149,7 @@ TEST(SmoothingKernels, FallbacksAndCancelBeforeTheCall) {
     });
     const wzSelectiveSmoothParams p{0.1f, 2};
     expectSameAsScalar(s, p, odd.p);
-    EXPECT_NE(run(Isa::Portable, s, p, odd.p, nullptr), run(Isa::Portable, s, p, plain.p, nullptr));
+    EXPECT_NE(run(nullptr, s, p, odd.p, nullptr), run(nullptr, s, p, plain.p, nullptr));
 }
 
 // Every numerator the pass can form (-2040..4335) over every count (1..9):
@@ -157,11 +160,10 @@ TEST(SmoothingKernels, QuotientStepIsExact) {
     for (int n = 1; n <= 9; ++n)
         for (int v = -2040; v <= 4335; ++v) num.push_back(int16_t(v)), count.push_back(uint16_t(n));
     while (num.size() % 32) num.push_back(0), count.push_back(1);
-    for (Isa isa : availableIsas(true)) {
+    for (Isa isa : availableIsas()) {
         Bytes q(num.size());
-        ASSERT_TRUE(morven::smoothQuotients(isa, num.data(), count.data(), q.data(), int32_t(q.size())));
+        kernels(isa).smoothQuotients(num.data(), count.data(), q.data(), int32_t(q.size()));
         for (size_t i = 0; i < q.size(); ++i)
             ASSERT_EQ(q[i], uint8_t(num[i] / count[i])) << isaName(isa) << " " << num[i] << " / " << count[i];
     }
-    EXPECT_FALSE(morven::smoothQuotients(Isa::Portable, num.data(), count.data(), nullptr, 32));
 }

@@ -12,6 +12,7 @@
 #include <random>
 #include <vector>
 
+#include "kernels/kernel_support.hpp"
 #include "matrix/matrix_internal.hpp"
 #include "morven/matrix.h"
 
@@ -21,6 +22,8 @@ extern "C" void dgesvd_(const char *, const char *, const int *, const int *, do
 #endif
 
 namespace {
+
+using kernel_test::availableIsas;
 
 struct Release { void operator()(wzMatrix *m) const { wzMatrixRelease(&m); } };
 // An owned matrix that passes as wzMatrix * (do not test it as a bool).
@@ -107,11 +110,11 @@ TEST(MatrixArith, ProductRefusalsAndPlainLoop) {
             }
         ASSERT_EQ((s[1] % 2 ? wzMatrixProduct : wzMatrixProduct_MP)(p, x, y), 0u);
         EXPECT_TRUE(sameBits(p, plain)) << s[0] << "x" << s[1] << "x" << s[2];
-        for (bool portable : {false, true}) {  // the kernel of processors without wide vectors
+        for (morven::Isa isa : availableIsas()) {  // every kernel this processor runs
             Mat k1 = make(s[0], s[2], {}, NAN), k2 = make(s[0], s[2], {}, NAN);
-            morven::productKernel(*k1, *x, *y, false, portable);
-            morven::productKernel(*k2, *xt, *y, true, portable);
-            EXPECT_TRUE(sameBits(k1, plain) && sameBits(k2, plain)) << portable;
+            morven::kernelsFor(isa).product(*k1, *x, *y, false);
+            morven::kernelsFor(isa).product(*k2, *xt, *y, true);
+            EXPECT_TRUE(sameBits(k1, plain) && sameBits(k2, plain)) << int(isa);
         }
     }
 }
@@ -340,7 +343,7 @@ Mat reconstruct(const Svd &s) {  // U diag(w) V^T
 // estimate never passes a split test). Then, on full-rank and rank-deficient
 // random matrices: reconstruction, non-negative values, orthogonal V (and U
 // when m >= n; otherwise it has n - m null columns), and the same bits from
-// in-place rotations and the portable code.
+// in-place rotations and from the loops of every instruction set here.
 TEST(MatrixSvd, WorkedAndRandomFactorisations) {
     Mat d = make(2, 2, {3, 0, 0, -2});
     const Svd s = decompose(d);
@@ -364,12 +367,15 @@ TEST(MatrixSvd, WorkedAndRandomFactorisations) {
             EXPECT_TRUE(std::all_of(r.w->data, r.w->data + n, [](double x) { return x >= 0.0; }));
             EXPECT_LT(gramError(r.v), tol);
             EXPECT_LT(m >= n ? gramError(r.u) : 0.0, tol);
-            for (bool staged : {false, true}) {
-                Svd t{copyOf(a), make(n, 1), make(n, n), 0};
-                ASSERT_EQ(morven::svdDecompose(morven::oneBefore(t.u->rowPtr), m, n, morven::oneBefore(t.w->data),
-                                               morven::oneBefore(t.v->rowPtr), staged, true), 0);
-                EXPECT_TRUE(sameBits(t.u, r.u) && sameBits(t.w, r.w) && sameBits(t.v, r.v)) << staged;
-            }
+            for (morven::Isa isa : availableIsas())
+                for (bool staged : {false, true}) {
+                    Svd t{copyOf(a), make(n, 1), make(n, n), 0};
+                    ASSERT_EQ(morven::svdDecompose(morven::kernelsFor(isa), morven::oneBefore(t.u->rowPtr), m, n,
+                                                   morven::oneBefore(t.w->data), morven::oneBefore(t.v->rowPtr),
+                                                   staged), 0);
+                    EXPECT_TRUE(sameBits(t.u, r.u) && sameBits(t.w, r.w) && sameBits(t.v, r.v))
+                        << int(isa) << " staged " << staged;
+                }
         }
 }
 

@@ -37,8 +37,9 @@ protected:
         return wzHistogramTransferFilter(params, support, src, m, dst, cancel);
     }
     // The stages by hand: matching (mode 0), then contrast in place when enabled.
-    ImagePtr matchedAndContrasted() {
-        ImagePtr e = makeImage(23, 17, wzEncodingBGR);
+    ImagePtr matchedAndContrasted(uint32_t encoding = wzEncodingBGR) {
+        ImagePtr e = makeImage(23, 17, encoding);
+        std::memset(e->data, 7, blockBytes(e.get()));  // the bytes no stage writes
         const wzHistogramMatchParams mp{params->matchStrength, params->matchFidelity, 0, params->matchMaxStep, &target};
         const wzContrastEnhanceParams cp{params->contrastHighTail, params->contrastLowTail, 0, 255, 0};
         EXPECT_EQ(wzHistogramMatchFilter(&mp, source.get(), nullptr, e.get(), nullptr), 0u);
@@ -80,15 +81,19 @@ TEST_F(Pipeline, DefaultsAndTheStagesRecords) {
 }
 
 // Matching alone by default, contrast applied in place on the matched image
-// when enabled. Into a region of a larger destination the result lands there
-// alone, and the region is reset to the whole image.
+// when enabled, into destinations of every colour layout. Into a region of a
+// larger destination the result lands there alone, and the region is reset
+// to the whole image.
 TEST_F(Pipeline, MatchingThenContrastAndRegionReset) {
-    for (int contrast : {1, 0}) {
-        params->contrastEnabled = contrast;
-        ImagePtr dst = makeImage(23, 17, wzEncodingBGR);
-        ASSERT_EQ(run(source.get(), nullptr, dst.get()), 0u);
-        EXPECT_EQ(snapshot(dst.get()), snapshot(matchedAndContrasted().get())) << contrast;
-    }
+    for (uint32_t encoding : {wzEncodingBGR, wzEncodingRGB, wzEncodingARGB, wzEncodingRGBA})
+        for (int contrast : {1, 0}) {
+            params->contrastEnabled = contrast;
+            ImagePtr dst = makeImage(23, 17, encoding);
+            std::memset(dst->data, 7, blockBytes(dst.get()));
+            ImagePtr want = matchedAndContrasted(encoding);
+            ASSERT_EQ(run(source.get(), nullptr, dst.get()), 0u);
+            EXPECT_EQ(snapshot(dst.get()), snapshot(want.get())) << encoding << " contrast " << contrast;
+        }
     ImagePtr big = makeImage(30, 20, wzEncodingBGR), e = matchedAndContrasted();
     std::memset(big->data, 7, 1800);
     big->roi = {4, 2, 23, 17};
