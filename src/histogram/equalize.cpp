@@ -55,7 +55,8 @@ Stretch stretchTable8(const wzImageColorProfile &profile, uint8_t table[768]) no
         stretched = true;
         const float scale = 255.0f / static_cast<float>(hi - lo);
         for (int i = 0; i < lo; ++i) block[i] = 0;
-        for (int i = lo; i < hi; ++i) block[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
+        for (int i = lo; i < hi; ++i)
+            block[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
         for (int i = hi; i < 256; ++i) block[i] = 255;
     }
     return !occupied ? Stretch::Empty : (stretched ? Stretch::Done : Stretch::Flat);

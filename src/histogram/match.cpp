@@ -9,10 +9,10 @@
 
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
+#include "histogram/match_internal.hpp"
 #include "image/image_internal.hpp"
 #include "kernels/count.hpp"
 #include "kernels/kernels.hpp"
-#include "histogram/match_internal.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
 
@@ -325,7 +325,8 @@ wzStatus applyTableMasked(const uint8_t table[768], wzImage *source, const wzIma
         return status;
     }
     wzStatus status = wzHistogramMatchApply(nullptr, table, source, destination, cancel);
-    if (status == WZ_STATUS_OK && mask) status = wzAddWeigthedM(source, destination, destination, mask);
+    if (status == WZ_STATUS_OK && mask)
+        status = wzAddWeigthedM(source, destination, destination, mask);
     return status;
 }
 

@@ -89,7 +89,8 @@ MORVEN_API wzStatus wzAddWeigthedS(const wzImage *a, const wzImage *b, wzImage *
         return WZ_STATUS_ERROR;
     const float w = static_cast<float>(weight) / 255.0f;
     const WeightPair pair{1.0f - w, w};
-    runBlend(blendWalk(*a, *b, *dst), a->roi.height, a->roi.width, [&] { return pair; }, [] {});
+    runBlend(
+        blendWalk(*a, *b, *dst), a->roi.height, a->roi.width, [&] { return pair; }, [] {});
     return WZ_STATUS_OK;
 }
 
@@ -188,9 +189,9 @@ bool blendMasked16(const wzImage &a, const wzImage &b, wzImage &dst, const wzIma
     return true;
 }
 
-wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst, const wzImage &mask) noexcept {
-    if (a.type == wzType16U)
-        return blendMasked16(a, b, dst, mask) ? WZ_STATUS_OK : WZ_STATUS_ERROR;
+wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst,
+                        const wzImage &mask) noexcept {
+    if (a.type == wzType16U) return blendMasked16(a, b, dst, mask) ? WZ_STATUS_OK : WZ_STATUS_ERROR;
     return wzAddWeigthedM(&a, &b, &dst, &mask);
 }
 

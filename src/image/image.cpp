@@ -65,7 +65,9 @@ MORVEN_API wzSize wzImageSize(const wzImage *image) { return wzSize{image->width
 
 MORVEN_API uint32_t wzImageGetEncoding(const wzImage *image) { return image->encoding; }
 
-MORVEN_API int32_t wzImageGetNChannel(const wzImage *image) { return channelCount(image->encoding); }
+MORVEN_API int32_t wzImageGetNChannel(const wzImage *image) {
+    return channelCount(image->encoding);
+}
 
 MORVEN_API int32_t wzGetNChannelFromEncoding(uint32_t encoding) { return channelCount(encoding); }
 

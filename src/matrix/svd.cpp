@@ -436,7 +436,8 @@ MORVEN_API double **matrix(int64_t nrl, int64_t nrh, int64_t ncl, int64_t nch) {
     double **table = rowTable.release();
     table[0] = nullptr;
     double *first = offsetBy(block, oneMinus(ncl));
-    for (int64_t r = 0; r < rows; ++r) table[1 + r] = offsetBy(first, static_cast<uint64_t>(r * cols));
+    for (int64_t r = 0; r < rows; ++r)
+        table[1 + r] = offsetBy(first, static_cast<uint64_t>(r * cols));
     return offsetBy(table, oneMinus(nrl));
 }
 

@@ -44,7 +44,8 @@ MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransf
 
     const wzHistogramMatchParams match{params->matchStrength, params->matchFidelity, 0,
                                        params->matchMaxStep, params->targetProfile};
-    wzStatus status = wzHistogramMatchFilterWithOptions(&match, &o, source, nullptr, destination, cancel);
+    wzStatus status =
+        wzHistogramMatchFilterWithOptions(&match, &o, source, nullptr, destination, cancel);
     if (status != WZ_STATUS_OK) return status;
     if (params->contrastEnabled) {
         const wzContrastEnhanceParams contrast{params->contrastHighTail, params->contrastLowTail, 0,

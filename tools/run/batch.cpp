@@ -28,8 +28,10 @@ Listing listFolder(const fs::path &folder) {
     for (const fs::directory_entry &entry : fs::directory_iterator(folder)) {
         const std::string name = entry.path().filename().string();
         if (name.empty() || name[0] == '.' || !entry.is_regular_file()) continue;
-        if (formatForPath(name)) listing.pictures.push_back(entry.path().string());
-        else listing.others.push_back(name);
+        if (formatForPath(name))
+            listing.pictures.push_back(entry.path().string());
+        else
+            listing.others.push_back(name);
     }
     std::sort(listing.pictures.begin(), listing.pictures.end());
     std::sort(listing.others.begin(), listing.others.end());
@@ -52,7 +54,9 @@ std::string progressBar(size_t done, size_t total, size_t failed) {
     return bar;
 }
 
-void reportFailure(const std::string &file, const std::string &reason) { printLine("morven: " + file + ": " + reason); }
+void reportFailure(const std::string &file, const std::string &reason) {
+    printLine("morven: " + file + ": " + reason);
+}
 
 std::string plural(size_t n, const char *one, const char *many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
@@ -86,14 +90,17 @@ BatchPlan planBatch(const BatchSettings &batch) {
         }
         if (!listing.others.empty()) {
             std::string names;
-            for (size_t i = 0; i < listing.others.size() && i < 3; ++i) names += (i ? ", " : "") + listing.others[i];
+            for (size_t i = 0; i < listing.others.size() && i < 3; ++i)
+                names += (i ? ", " : "") + listing.others[i];
             if (listing.others.size() > 3) names += ", ...";
-            plan.messages.push_back({false, input, plural(listing.others.size(), "file", "files") +
-                                                       " of other kinds left out (" + names +
-                                                       "); PNG, JPEG, TIFF and WebP files are taken"});
+            plan.messages.push_back({false, input,
+                                     plural(listing.others.size(), "file", "files") +
+                                         " of other kinds left out (" + names +
+                                         "); PNG, JPEG, TIFF and WebP files are taken"});
         }
         if (listing.pictures.empty())
-            plan.messages.push_back({false, input, "no PNG, JPEG, TIFF or WebP files in this folder"});
+            plan.messages.push_back(
+                {false, input, "no PNG, JPEG, TIFF or WebP files in this folder"});
         for (std::string &file : listing.pictures) add(std::move(file));
     }
 
@@ -102,8 +109,8 @@ BatchPlan planBatch(const BatchSettings &batch) {
         item.output = (fs::path(batch.folder) / outputName(item.input, batch.format)).string();
         const auto [it, fresh] = claimed.emplace(item.output, item.input);
         if (!fresh && plan.clash.empty())
-            plan.clash = it->second + " and " + item.input + " would both be written to " + item.output +
-                         " (use separate runs)";
+            plan.clash = it->second + " and " + item.input + " would both be written to " +
+                         item.output + " (use separate runs)";
     }
     return plan;
 }
@@ -150,8 +157,10 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
             if (i >= items.size()) break;
             std::optional<FileResult> result;
             try {
-                const Format format = batch.format ? *batch.format : *formatForPath(items[i].output);
-                result = processFile(items[i].input, items[i].output, format, operation, settings, protectedInputs);
+                const Format format =
+                    batch.format ? *batch.format : *formatForPath(items[i].output);
+                result = processFile(items[i].input, items[i].output, format, operation, settings,
+                                     protectedInputs);
             } catch (const Interrupted &) {
                 break;
             } catch (const FileError &e) {
@@ -174,7 +183,8 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
             progress();
         }
     };
-    const size_t threads = std::max<size_t>(1, std::min<size_t>(size_t(std::max(1, batch.jobs)), items.size()));
+    const size_t threads =
+        std::max<size_t>(1, std::min<size_t>(size_t(std::max(1, batch.jobs)), items.size()));
     std::vector<std::jthread> pool;
     for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
     work();
@@ -184,18 +194,20 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
     char seconds[32];
     std::snprintf(seconds, sizeof seconds, "%.2f s", clock.seconds());
     if (cancelled()) {
-        printLine("morven: interrupted; " + std::to_string(written) + " of " + std::to_string(items.size()) +
-                  " images were written");
+        printLine("morven: interrupted; " + std::to_string(written) + " of " +
+                  std::to_string(items.size()) + " images were written");
         return kExitInterrupted;
     }
     if (!settings.quiet) {
-        std::string line = "morven: " + std::to_string(written) + " of " + std::to_string(items.size()) +
-                           " images " + batch.verb + " into " + batch.folder + " in " + seconds + " with " +
+        std::string line = "morven: " + std::to_string(written) + " of " +
+                           std::to_string(items.size()) + " images " + batch.verb + " into " +
+                           batch.folder + " in " + seconds + " with " +
                            plural(threads, "thread", "threads");
         if (skipped) line += "; " + std::to_string(skipped) + " skipped (already there)";
         if (failed) line += "; " + std::to_string(failed) + " failed";
         printLine(line);
-        if (settings.verbose) printLine("morven: summed over all images: " + describeTimings(total));
+        if (settings.verbose)
+            printLine("morven: summed over all images: " + describeTimings(total));
     }
     return failed ? kExitFailure : kExitOk;
 }
