@@ -30,6 +30,68 @@ MaskFile readMask(const std::string &path, const RunSettings &settings) {
     return mask;
 }
 
+// Checks the command line; returns the output format of a batch (none:
+// each input's own).
+std::optional<Format> checkArguments(const TransferOptions &o, const Options &given, bool batch) {
+    if (o.out.output.empty()) throw UsageError(batch ? "missing -o FOLDER" : "missing -o OUTPUT");
+    std::optional<Format> batchFormat;
+    if (batch) {
+        if (o.files.empty()) throw UsageError("expected at least one INPUT file or folder");
+        if (!o.compare.empty())
+            throw UsageError("--compare works on a single source, not with --reference");
+        if (!o.format.empty()) batchFormat = outputFormat("x." + o.format, "--format");
+        return batchFormat;
+    }
+    if (o.files.size() != 2)
+        throw UsageError("expected SOURCE and REFERENCE, got " + std::to_string(o.files.size()) +
+                         " argument" + (o.files.size() == 1 ? "" : "s"));
+    for (const char *name : {"--format", "--jobs"})
+        if (given.given(name))
+            throw UsageError(std::string(name) + " is for batch runs (with --reference)");
+    outputFormat(o.out.output);
+    if (!o.compare.empty() && o.compare == o.out.output)
+        throw UsageError("--compare and -o name the same file");
+    if (!o.compare.empty()) outputFormat(o.compare, "--compare");
+    return batchFormat;
+}
+
+// Refuses early, before any decoding, when the outputs of a single transfer
+// cannot be written; false when the output exists and is to be skipped.
+bool checkSingleOutputs(const TransferOptions &o, const RunSettings &settings,
+                        const std::vector<std::string> &protectedInputs) {
+    std::error_code error;
+    if (settings.skipExisting && std::filesystem::exists(o.out.output, error)) {
+        printNotes(settings, o.out.output, {"already exists; skipped"});
+        return false;
+    }
+    std::vector<std::string> inputs = protectedInputs;
+    inputs.push_back(o.files[0]);
+    checkOutputPath(o.out.output, inputs, settings.force);
+    if (!o.compare.empty()) checkOutputPath(o.compare, inputs, settings.force);
+    return true;
+}
+
+void printReferenceTimes(const std::string &referencePath, const Timings &setup) {
+    char text[96];
+    std::snprintf(text, sizeof text, ": decode %.1f ms, library %.1f ms", setup.decode * 1e3,
+                  setup.library * 1e3);
+    printLine("morven: reference " + referencePath + text);
+}
+
+// Source, reference and result side by side, written without metadata.
+void writeComparison(const TransferOptions &o, const RunSettings &settings, Reference &reference,
+                     const Picture &before, const Picture &after) {
+    const ComparePanel panels[3] = {
+        {&before, "source"},
+        {&reference.picture(), "reference"},
+        {&after, std::string("result (") + spaceName(reference.targetFor(before).space) + ")"}};
+    WriteSettings plain = settings.write;
+    plain.strip = true;
+    const std::vector<uint8_t> bytes = encodePicture(
+        composeComparison(panels, o.settings.manageColour), outputFormat(o.compare), plain);
+    writeFileAtomically(o.compare, bytes, settings.force);
+}
+
 int run(TransferOptions &o, const Options &given) {
     TransferSettings &s = o.settings;
     s.manageColour = !o.ignoreProfiles;
@@ -37,44 +99,12 @@ int run(TransferOptions &o, const Options &given) {
         if (o.space == spaceName(space)) s.space = space;
     const bool batch = !o.reference.empty();
     const RunSettings settings = o.out.settings();
-    if (o.out.output.empty()) throw UsageError(batch ? "missing -o FOLDER" : "missing -o OUTPUT");
-
-    std::string referencePath = o.reference;
-    std::optional<Format> batchFormat;
-    if (batch) {
-        if (o.files.empty()) throw UsageError("expected at least one INPUT file or folder");
-        if (!o.compare.empty())
-            throw UsageError("--compare works on a single source, not with --reference");
-        if (!o.format.empty()) batchFormat = outputFormat("x." + o.format, "--format");
-    } else {
-        if (o.files.size() != 2)
-            throw UsageError("expected SOURCE and REFERENCE, got " +
-                             std::to_string(o.files.size()) + " argument" +
-                             (o.files.size() == 1 ? "" : "s"));
-        for (const char *name : {"--format", "--jobs"})
-            if (given.given(name))
-                throw UsageError(std::string(name) + " is for batch runs (with --reference)");
-        referencePath = o.files[1];
-        outputFormat(o.out.output);
-        if (!o.compare.empty() && o.compare == o.out.output)
-            throw UsageError("--compare and -o name the same file");
-        if (!o.compare.empty()) outputFormat(o.compare, "--compare");
-    }
+    const std::optional<Format> batchFormat = checkArguments(o, given, batch);
+    const std::string referencePath = batch ? o.reference : o.files[1];
     std::vector<std::string> protectedInputs{referencePath};
     for (const std::string *m : {&o.mask, &o.sourceMask, &o.referenceMask})
         if (!m->empty()) protectedInputs.push_back(*m);
-    if (!batch) {
-        // Refuse early, before any decoding, when the outputs cannot be written.
-        std::error_code error;
-        if (settings.skipExisting && std::filesystem::exists(o.out.output, error)) {
-            printNotes(settings, o.out.output, {"already exists; skipped"});
-            return kExitOk;
-        }
-        std::vector<std::string> inputs = protectedInputs;
-        inputs.push_back(o.files[0]);
-        checkOutputPath(o.out.output, inputs, settings.force);
-        if (!o.compare.empty()) checkOutputPath(o.compare, inputs, settings.force);
-    }
+    if (!batch && !checkSingleOutputs(o, settings, protectedInputs)) return kExitOk;
 
     Timings setup;
     Stopwatch clock;
@@ -90,12 +120,7 @@ int run(TransferOptions &o, const Options &given) {
     Reference reference(std::move(referencePicture), std::move(referenceMask.plane), s);
     const Support support = makeSupport();
     setup.library = clock.seconds();
-    if (settings.verbose) {
-        char text[96];
-        std::snprintf(text, sizeof text, ": decode %.1f ms, library %.1f ms", setup.decode * 1e3,
-                      setup.library * 1e3);
-        printLine("morven: reference " + referencePath + text);
-    }
+    if (settings.verbose) printReferenceTimes(referencePath, setup);
 
     const Operation transfer = [&](const std::string &path, Picture &picture,
                                    std::vector<std::string> &notes) {
@@ -112,17 +137,8 @@ int run(TransferOptions &o, const Options &given) {
     const FileResult result =
         processFile(o.files[0], o.out.output, outputFormat(o.out.output), transfer, settings,
                     protectedInputs, compare ? &before : nullptr, compare ? &after : nullptr);
-    if (compare && result.outcome == Outcome::Written) {
-        const ComparePanel panels[3] = {
-            {&before, "source"},
-            {&reference.picture(), "reference"},
-            {&after, std::string("result (") + spaceName(reference.targetFor(before).space) + ")"}};
-        WriteSettings plain = settings.write;
-        plain.strip = true;
-        const std::vector<uint8_t> bytes = encodePicture(composeComparison(panels, s.manageColour),
-                                                         outputFormat(o.compare), plain);
-        writeFileAtomically(o.compare, bytes, settings.force);
-    }
+    if (compare && result.outcome == Outcome::Written)
+        writeComparison(o, settings, reference, before, after);
     return kExitOk;
 }
 

@@ -115,9 +115,28 @@ BatchPlan planBatch(const BatchSettings &batch) {
     return plan;
 }
 
-int runBatch(const BatchSettings &batch, const Operation &operation, const RunSettings &settings,
-             const std::vector<std::string> &protectedInputs) {
-    BatchPlan plan = planBatch(batch);
+namespace {
+
+// What a batch did so far; guarded by the caller's mutex while it runs.
+struct BatchCounts {
+    size_t done = 0, written = 0, skipped = 0, failed = 0;
+    Timings total;
+
+    void add(const std::optional<FileResult> &result) {
+        ++done;
+        if (!result) {
+            ++failed;
+        } else if (result->outcome == Outcome::Skipped) {
+            ++skipped;
+        } else {
+            total += result->timings;
+            ++written;
+        }
+    }
+};
+
+// Prints the planning messages; returns how many of them are failures.
+size_t reportPlanMessages(const BatchPlan &plan, const RunSettings &settings) {
     size_t failed = 0;
     for (const BatchPlan::Message &message : plan.messages) {
         if (message.failure) {
@@ -127,9 +146,64 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
             printLine("morven: note: " + message.file + ": " + message.text);
         }
     }
+    return failed;
+}
+
+// One file of the batch; its failure is reported and gives no result.
+// Interrupted passes through.
+std::optional<FileResult> processItem(const BatchPlan::Item &item, const BatchSettings &batch,
+                                      const Operation &operation, const RunSettings &settings,
+                                      const std::vector<std::string> &protectedInputs) {
+    try {
+        const Format format = batch.format ? *batch.format : *formatForPath(item.output);
+        return processFile(item.input, item.output, format, operation, settings, protectedInputs);
+    } catch (const Interrupted &) {
+        throw;
+    } catch (const FileError &e) {
+        reportFailure(e.file(), e.what());
+    } catch (const std::bad_alloc &) {
+        reportFailure(item.input, "out of memory");
+    } catch (const std::exception &e) {
+        reportFailure(item.input, e.what());
+    }
+    return std::nullopt;
+}
+
+// The closing line (or the interruption's); returns the exit status.
+int reportBatch(const BatchSettings &batch, const RunSettings &settings, const BatchCounts &counts,
+                size_t items, size_t threads, double elapsed) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.2f s", elapsed);
+    if (cancelled()) {
+        printLine("morven: interrupted; " + std::to_string(counts.written) + " of " +
+                  std::to_string(items) + " images were written");
+        return kExitInterrupted;
+    }
+    if (!settings.quiet) {
+        std::string line = "morven: " + std::to_string(counts.written) + " of " +
+                           std::to_string(items) + " images " + batch.verb + " into " +
+                           batch.folder + " in " + seconds + " with " +
+                           plural(threads, "thread", "threads");
+        if (counts.skipped)
+            line += "; " + std::to_string(counts.skipped) + " skipped (already there)";
+        if (counts.failed) line += "; " + std::to_string(counts.failed) + " failed";
+        printLine(line);
+        if (settings.verbose)
+            printLine("morven: summed over all images: " + describeTimings(counts.total));
+    }
+    return counts.failed ? kExitFailure : kExitOk;
+}
+
+}  // namespace
+
+int runBatch(const BatchSettings &batch, const Operation &operation, const RunSettings &settings,
+             const std::vector<std::string> &protectedInputs) {
+    BatchPlan plan = planBatch(batch);
+    BatchCounts counts;
+    counts.failed = reportPlanMessages(plan, settings);
     if (!plan.clash.empty()) throw UsageError(plan.clash);
     const std::vector<BatchPlan::Item> &items = plan.items;
-    if (items.empty() && failed == 0) {
+    if (items.empty() && counts.failed == 0) {
         printLine("morven: nothing to do: no input images");
         return kExitFailure;
     }
@@ -142,12 +216,10 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
 
     const bool showProgress = !settings.quiet && ::isatty(STDERR_FILENO);
     std::atomic<size_t> next{0};
-    std::mutex mutex;  // guards the counters below
-    size_t done = 0, written = 0, skipped = 0;
-    Timings total;
+    std::mutex mutex;  // guards counts
     const Stopwatch clock;
     const auto progress = [&] {
-        if (showProgress) setProgressLine(progressBar(done, items.size(), failed));
+        if (showProgress) setProgressLine(progressBar(counts.done, items.size(), counts.failed));
     };
     progress();
 
@@ -157,29 +229,12 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
             if (i >= items.size()) break;
             std::optional<FileResult> result;
             try {
-                const Format format =
-                    batch.format ? *batch.format : *formatForPath(items[i].output);
-                result = processFile(items[i].input, items[i].output, format, operation, settings,
-                                     protectedInputs);
+                result = processItem(items[i], batch, operation, settings, protectedInputs);
             } catch (const Interrupted &) {
                 break;
-            } catch (const FileError &e) {
-                reportFailure(e.file(), e.what());
-            } catch (const std::bad_alloc &) {
-                reportFailure(items[i].input, "out of memory");
-            } catch (const std::exception &e) {
-                reportFailure(items[i].input, e.what());
             }
             std::lock_guard lock(mutex);
-            ++done;
-            if (!result) {
-                ++failed;
-            } else if (result->outcome == Outcome::Skipped) {
-                ++skipped;
-            } else {
-                total += result->timings;
-                ++written;
-            }
+            counts.add(result);
             progress();
         }
     };
@@ -190,26 +245,7 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
     work();
     pool.clear();  // joins
     if (showProgress) setProgressLine("");
-
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.2f s", clock.seconds());
-    if (cancelled()) {
-        printLine("morven: interrupted; " + std::to_string(written) + " of " +
-                  std::to_string(items.size()) + " images were written");
-        return kExitInterrupted;
-    }
-    if (!settings.quiet) {
-        std::string line = "morven: " + std::to_string(written) + " of " +
-                           std::to_string(items.size()) + " images " + batch.verb + " into " +
-                           batch.folder + " in " + seconds + " with " +
-                           plural(threads, "thread", "threads");
-        if (skipped) line += "; " + std::to_string(skipped) + " skipped (already there)";
-        if (failed) line += "; " + std::to_string(failed) + " failed";
-        printLine(line);
-        if (settings.verbose)
-            printLine("morven: summed over all images: " + describeTimings(total));
-    }
-    return failed ? kExitFailure : kExitOk;
+    return reportBatch(batch, settings, counts, items.size(), threads, clock.seconds());
 }
 
 }  // namespace morven::tool
