@@ -7,15 +7,9 @@
 extern "C" {
 
 MORVEN_API wzStatus wzHistogramEqualization(const wzImage *source, wzImage *destination) {
-    wzImageColorProfile flat, profile;
-    wzImageColorProfileForEqualization(&flat);
+    wzImageColorProfile profile;
     wzImageFillColorProfile(source, &profile);
-    wzImageColorProfileNormalize(&profile);
-    const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
-    const wzHistogramMatchStats stats{&profile};
-    uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(&stats, &params, table);
-    wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+    morven::applyEqualization(profile, source, destination);
     return WZ_STATUS_OK;
 }
 
@@ -35,6 +29,18 @@ MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destinati
 }  // extern "C"
 
 namespace morven {
+
+void applyEqualization(wzImageColorProfile &profile, const wzImage *source,
+                       wzImage *destination) noexcept {
+    wzImageColorProfile flat;
+    wzImageColorProfileForEqualization(&flat);
+    wzImageColorProfileNormalize(&profile);
+    const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
+    const wzHistogramMatchStats stats{&profile};
+    uint8_t table[768];
+    wzHistogramMatchAddParamsCompute(&stats, &params, table);
+    wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+}
 
 Stretch stretchTable8(const wzImageColorProfile &profile, uint8_t table[768]) noexcept {
     // Block b serves channel b + 1, counted in array 2 - b; a gray image has

@@ -315,17 +315,11 @@ MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const w
         !statsMaskFits(statsMask, source->roi.width, source->roi.height))
         return WZ_STATUS_ERROR;
     if (source->type == wzType8U) {
-        wzImageColorProfile flat, profile;
-        wzImageColorProfileForEqualization(&flat);
+        wzImageColorProfile profile;
         wzImageFillColorProfileMasked(source, statsMask, &profile);
         if (regionEmpty(*source)) return WZ_STATUS_OK;
         if (!(profileTotal(profile) > 0.0f)) return unchanged(source, destination);
-        wzImageColorProfileNormalize(&profile);
-        const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
-        const wzHistogramMatchStats stats{&profile};
-        uint8_t table[768];
-        wzHistogramMatchAddParamsCompute(&stats, &params, table);
-        wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+        applyEqualization(profile, source, destination);
         return WZ_STATUS_OK;
     }
     // 16-bit: a match to the flat distribution over every level.

@@ -254,12 +254,9 @@ MORVEN_API wzStatus wzHistogramMatchApply(const void *reserved, const uint8_t ta
 MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params, wzImage *source,
                                            const wzImage *mask, wzImage *destination,
                                            const uint32_t *cancel) {
-    wzImageColorProfile profile;
-    wzHistogramMatchStats stats{&profile};
-    const wzStatus filled = wzImageFillColorProfile(source, &profile);
-    if (filled != WZ_STATUS_OK) return filled;
     uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    const wzStatus filled = matchTable(params, source, table);
+    if (filled != WZ_STATUS_OK) return filled;
     return applyTableMasked(table, source, mask, destination, cancel);
 }
 
@@ -301,15 +298,22 @@ wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *de
     return WZ_STATUS_OK;
 }
 
+wzStatus matchTable(const wzHistogramMatchParams *params, const wzImage *source,
+                    uint8_t table[768]) noexcept {
+    wzImageColorProfile profile;
+    const wzHistogramMatchStats stats{&profile};
+    const wzStatus filled = wzImageFillColorProfile(source, &profile);
+    if (filled != WZ_STATUS_OK) return filled;
+    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    return WZ_STATUS_OK;
+}
+
 wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source,
                              wzImage *destination, ByteCounter &brightness,
                              const uint32_t *cancel) noexcept {
-    wzImageColorProfile profile;
-    wzHistogramMatchStats stats{&profile};
-    const wzStatus filled = wzImageFillColorProfile(source, &profile);
-    if (filled != WZ_STATUS_OK) return filled;
     uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    const wzStatus filled = matchTable(params, source, table);
+    if (filled != WZ_STATUS_OK) return filled;
     return applyTable(table, source, destination, &brightness, cancel);
 }
 

@@ -248,4 +248,9 @@ inline double loadAsDouble(const uint8_t *data, int64_t i) noexcept {
     return static_cast<double>(loadElement<T>(data + i * static_cast<int64_t>(sizeof(T))));
 }
 
+// A copy of the whole block of source (smoothing reads all of it) in a new
+// image of the given type, with source's region so that a blend covers the
+// same pixels as in the source; null when it cannot be allocated.
+wzImage *copyWithRegion(const wzImage &source, uint32_t type) noexcept;
+
 }  // namespace morven

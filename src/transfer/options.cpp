@@ -33,12 +33,8 @@ MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransf
     wzImage *copy = nullptr;
     ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
     if (needCopy) {
-        copy = wzImageCreateWithType(source->width, source->height, source->encoding, source->type);
+        copy = copyWithRegion(*source, source->type);
         if (!copy) return WZ_STATUS_ERROR;
-        wzImage whole = *source;
-        wzImageResetROI(&whole);
-        wzCopy(&whole, copy);
-        wzImageSetROI(copy, &source->roi);
     }
     const wzImage *untouched = copy ? copy : source;
 
