@@ -188,6 +188,7 @@ wzStatus countLevels(const wzImage &image, const wzImage *mask, int32_t space,
                 if (selected && !selected[x]) continue;
                 const float v = w[x];
                 const int32_t level =
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
                     v > 0.0f ? (v < 65535.0f ? static_cast<int32_t>(v + 0.5f) : 65535) : 0;
                 out[level] += 1.0;
             }
@@ -206,6 +207,7 @@ namespace {
 // the end of its bin on the side of u, linearly.
 inline float curveAt(const Curve &curve, float u) noexcept {
     u = u > 0.0f ? (u < 65535.0f ? u : 65535.0f) : 0.0f;
+    // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
     const int k = static_cast<int>(u + 0.5f);
     const float d = u - static_cast<float>(k);  // -0.5 .. 0.5
     const float c = curve.centre[k];
@@ -234,6 +236,7 @@ wzStatus applyCurves(const Curve *const curves[3], int32_t space, const WorkingS
                 uint16_t out[3];
                 for (int k = 0; k < channels; ++k) {
                     const uint16_t v = loadElement<uint16_t>(p + ls.c[k]);
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
                     out[k] = curves[k] ? static_cast<uint16_t>(curves[k]->centre[v] + 0.5f) : v;
                 }
                 for (int k = 0; k < channels; ++k) storeRaw<uint16_t>(q + ld.c[k], out[k]);
@@ -258,6 +261,7 @@ void curvesToTable8(const Curve *const curves[3], uint8_t table[768]) noexcept {
         for (int v = 0; v < 256; ++v) {
             const float level =
                 curves[k] ? curves[k]->centre[257 * v] : static_cast<float>(257 * v);
+            // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
             table[256 * k + v] = static_cast<uint8_t>(level / 257.0f + 0.5f);
         }
 }

@@ -301,9 +301,9 @@ wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *de
 wzStatus matchTable(const wzHistogramMatchParams *params, const wzImage *source,
                     uint8_t table[768]) noexcept {
     wzImageColorProfile profile;
-    const wzHistogramMatchStats stats{&profile};
     const wzStatus filled = wzImageFillColorProfile(source, &profile);
     if (filled != WZ_STATUS_OK) return filled;
+    const wzHistogramMatchStats stats{&profile};
     wzHistogramMatchAddParamsCompute(&stats, params, table);
     return WZ_STATUS_OK;
 }

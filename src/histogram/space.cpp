@@ -75,6 +75,7 @@ inline float sampleOf(const uint8_t *p, bool wide) {
 inline void storeSample(uint8_t *p, bool wide, float full, float v) {
     v = v > 0.0f ? v : 0.0f;  // NaN gives 0 as well
     v = v < full ? v : full;
+    // NOLINTNEXTLINE(bugprone-incorrect-roundings): clamped to 0..full, rounds half up
     const auto level = static_cast<uint32_t>(v + 0.5f);
     if (wide)
         storeRaw<uint16_t>(p, static_cast<uint16_t>(level));

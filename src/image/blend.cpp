@@ -175,6 +175,7 @@ bool blendMasked16(const wzImage &a, const wzImage &b, wzImage &dst, const wzIma
                 const double p = loadElement<uint16_t>(ca.p + o.c[k]);
                 const double q = loadElement<uint16_t>(cb.p + o.c[k]);
                 const double r = p + w * (q - p);  // stays within p..q
+                // NOLINTNEXTLINE(bugprone-incorrect-roundings): r lies in 0..65535, rounds half up
                 storeRaw<uint16_t>(cd.p + o.c[k], static_cast<uint16_t>(r + 0.5));
             }
             ca.p += ca.step;

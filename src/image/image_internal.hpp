@@ -104,7 +104,7 @@ inline Cursor regionCursor(const wzImage &img, ptrdiff_t step) noexcept {
 template <typename F>
 inline int32_t truncSat32(F v) noexcept {
     static_assert(std::is_floating_point_v<F>);
-    if (v != v) return 0;
+    if (std::isnan(v)) return 0;
     if (v >= static_cast<F>(2147483648.0)) return INT32_MAX;
     if (v <= static_cast<F>(-2147483648.0)) return INT32_MIN;
     return static_cast<int32_t>(v);

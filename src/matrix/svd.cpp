@@ -33,6 +33,7 @@ namespace {
 // point outside their blocks deliberately, and k may be any 64-bit offset.
 template <typename T>
 T *offsetBy(T *p, uint64_t k) noexcept {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): wrapping address arithmetic, see above
     return reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(p) +
                                  static_cast<uintptr_t>(k * sizeof(T)));
 }

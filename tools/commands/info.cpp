@@ -25,6 +25,7 @@ void printChannel(const char *name, const double *bins, int depth) {
     static const int percents[] = {1, 5, 25, 50, 75, 95, 99};
     const uint32_t step = depth == 8 ? 257 : 1;
     double count = 0, sum = 0;
+    // NOLINTNEXTLINE(bugprone-integer-division): b / step is the level of bin b, a whole number
     for (uint32_t b = 0; b < WZ_PROFILE16_BINS; ++b) count += bins[b], sum += bins[b] * (b / step);
     std::printf("  %-7s", name);
     if (count == 0) {

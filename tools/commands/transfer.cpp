@@ -117,7 +117,7 @@ int run(TransferOptions &o, const Options &given) {
                    sourceMask = readMask(o.sourceMask, settings);
     setup.decode = clock.seconds();
     clock = Stopwatch();
-    Reference reference(std::move(referencePicture), std::move(referenceMask.plane), s);
+    Reference reference(std::move(referencePicture), referenceMask.plane, s);
     const Support support = makeSupport();
     setup.library = clock.seconds();
     if (settings.verbose) printReferenceTimes(referencePath, setup);

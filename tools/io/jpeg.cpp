@@ -152,8 +152,10 @@ std::vector<uint8_t> encodeJpeg(const Picture &pic, int quality) {
             cinfo.density_unit = r.unit == Resolution::Unit::Inch         ? 1
                                  : r.unit == Resolution::Unit::Centimetre ? 2
                                                                           : 0;
+            // NOLINTBEGIN(bugprone-incorrect-roundings): resolutions are positive
             cinfo.X_density = UINT16(r.x + 0.5);
             cinfo.Y_density = UINT16(r.y + 0.5);
+            // NOLINTEND(bugprone-incorrect-roundings)
         }
         jpeg_start_compress(&cinfo, TRUE);
         if (!pic.icc.empty())

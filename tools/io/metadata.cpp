@@ -212,6 +212,7 @@ void embedMetadata(std::vector<uint8_t> &file, Format format, const EmbeddedMeta
                 metadata.exif.findKey(Exiv2::ExifKey("Exif.Image.XResolution")) !=
                     metadata.exif.end()) {
                 const auto rational = [](double v) {
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings): resolutions are positive
                     return Exiv2::URational(uint32_t(v * 100 + 0.5), 100);
                 };
                 out["Exif.Image.XResolution"] = rational(written.resolution.x);

@@ -200,10 +200,12 @@ std::vector<uint8_t> encodePng(const Picture &pic) {
             const double perMetre = pic.resolution.unit == Resolution::Unit::Inch ? 100 / 2.54
                                     : cm                                          ? 100
                                                                                   : 1;
+            // NOLINTBEGIN(bugprone-incorrect-roundings): resolutions are positive
             png_set_pHYs(png, info, png_uint_32(pic.resolution.x * perMetre + 0.5),
                          png_uint_32(pic.resolution.y * perMetre + 0.5),
                          pic.resolution.unit == Resolution::Unit::None ? PNG_RESOLUTION_UNKNOWN
                                                                        : PNG_RESOLUTION_METER);
+            // NOLINTEND(bugprone-incorrect-roundings)
         }
         // Level 6 costs about twice the time of level 3 for a few per cent.
         png_set_compression_level(png, 3);

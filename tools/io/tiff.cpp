@@ -195,7 +195,8 @@ void readBlocks(const std::string &path, TIFF *tif, const Layout &l, MemoryFile 
     std::vector<uint8_t> block(static_cast<size_t>(blockBytes));
     const uint32_t mask = (1u << std::min<int>(l.bits, 16)) - 1;
 
-    for (uint16_t plane = 0; plane < (contig ? 1 : l.samples); ++plane)
+    const uint16_t planes = contig ? 1 : l.samples;
+    for (uint16_t plane = 0; plane < planes; ++plane)
         for (uint32_t by = 0; by < l.height; by += blockHeight)
             for (uint32_t bx = 0; bx < l.width; bx += blockWidth) {
                 if (cancelled()) throw Interrupted();

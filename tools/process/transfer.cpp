@@ -33,7 +33,8 @@ wzWorkingSpace effectiveSpace(bool sourceGray, bool referenceGray, wzWorkingSpac
     return chosen;
 }
 
-Reference::Reference(Picture picture, std::vector<uint8_t> mask, const TransferSettings &settings)
+Reference::Reference(Picture picture, const std::vector<uint8_t> &mask,
+                     const TransferSettings &settings)
     : picture_(std::move(picture)), settings_(settings) {
     const int w = picture_.width, h = picture_.height;
     mask_ = MaskImage(bothMasks(opaqueMask(picture_), mask), w, h);

@@ -50,7 +50,7 @@ class Reference {
 public:
     // mask: statistics mask of the reference's size (--reference-mask), or
     // empty; fully transparent pixels are left out as well.
-    Reference(Picture picture, std::vector<uint8_t> mask, const TransferSettings &settings);
+    Reference(Picture picture, const std::vector<uint8_t> &mask, const TransferSettings &settings);
     const Picture &picture() const { return picture_; }
     const Target &targetFor(const Picture &source);
 

@@ -9,7 +9,8 @@ namespace morven::tool {
 void printNotes(const RunSettings &settings, const std::string &file,
                 const std::vector<std::string> &notes) {
     if (settings.quiet) return;
-    for (const std::string &text : notes) printLine("morven: note: " + file + ": " + text);
+    const std::string prefix = "morven: note: " + file + ": ";
+    for (const std::string &text : notes) printLine(prefix + text);
 }
 
 FileResult processFile(const std::string &input, const std::string &output, Format format,
