@@ -139,7 +139,6 @@ extern "C" {
 MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats *stats,
                                                          const wzImage *image, const wzImage *mask,
                                                          const uint32_t *cancel) {
-    // cppcheck-suppress memsetClassFloat ; all bits zero is 0.0 in IEEE 754, as the library assumes
     std::memset(stats, 0, sizeof *stats);
     if (!imageAndMaskFit(*image, mask)) return WZ_STATUS_ERROR;
     if (!mask && image->type == wzType8U)

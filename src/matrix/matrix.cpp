@@ -91,6 +91,7 @@ MORVEN_API void wzMatrixSetImageWrap(const wzMatrix *m, wzImage *image) {
 MORVEN_API void wzImageSetMatrixWrap(const wzImage *image, wzMatrix *m) {
     m->nRows = image->height;
     m->nCols = image->width;
+    // cppcheck-suppress invalidPointerCast ; the block of a 64F image holds doubles
     setRows(*m, reinterpret_cast<double *>(image->data));
 }
 
