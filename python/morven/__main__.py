@@ -58,6 +58,7 @@ def _parser():
     p.add_argument("--format", type=str.lower, choices=["png", "jpg", "jpeg", "tif", "tiff", "webp"])
     p.add_argument("--quality", type=_range(int, 1, 100), metavar="Q")
     p.add_argument("--lossless", action="store_true", default=None)
+    p.add_argument("--tiff-compression", type=str.lower, choices=["none", "lzw", "deflate"])
     p.add_argument("--strip", action="store_true", default=None)
     exclusive = p.add_mutually_exclusive_group()
     exclusive.add_argument("-f", "--force", action="store_true", default=None)
@@ -89,7 +90,8 @@ def _transfer(args, parser):
 
     options = {name: getattr(args, name) for name in (
         "strength", "fidelity", "max_step", "contrast", "high_tail", "low_tail", "smooth", "smooth_threshold",
-        "smooth_iterations", "space", "ignore_profiles", "quality", "lossless", "strip", "force", "skip_existing")}
+        "smooth_iterations", "space", "ignore_profiles", "quality", "lossless", "tiff_compression", "strip", "force",
+        "skip_existing")}
     start = time.monotonic()
     client = None
     try:

@@ -23,7 +23,7 @@ __all__ = ["FileResult", "FileBatch", "transfer_files"]
 
 _OPTIONS = ("space", "strength", "fidelity", "max_step", "contrast", "low_tail", "high_tail", "smooth",
             "smooth_threshold", "smooth_iterations", "ignore_profiles", "quality", "lossless", "strip", "force",
-            "skip_existing")
+            "skip_existing", "tiff_compression")
 
 
 @dataclasses.dataclass
@@ -168,8 +168,8 @@ def transfer_files(inputs, reference, outdir, client=None, *, mask=None, source_
     with its options and defaults: ``space`` (``"lab"``), ``strength``,
     ``fidelity``, ``max_step``, ``contrast``, ``low_tail``, ``high_tail``,
     ``smooth``, ``smooth_threshold``, ``smooth_iterations``,
-    ``ignore_profiles``, ``quality``, ``lossless``, ``strip``, ``force`` and
-    ``skip_existing``; ``mask``, ``source_mask`` and ``reference_mask`` are
+    ``ignore_profiles``, ``quality``, ``lossless``, ``tiff_compression``,
+    ``strip``, ``force`` and ``skip_existing``; ``mask``, ``source_mask`` and ``reference_mask`` are
     files. Every worker must see the inputs, the output folder and the
     package at the same paths as the caller.
 

@@ -33,7 +33,7 @@ namespace {
 
 using Notes = std::vector<std::pair<std::string, std::string>>;
 
-constexpr int kStateVersion = 1;
+constexpr int kStateVersion = 2;
 
 py::bytes bytesOf(const void *data, size_t size) {
     return py::bytes(static_cast<const char *>(data), size);
@@ -178,7 +178,7 @@ public:
             s.strength, s.fidelity, s.maxStep, s.contrast, s.highTail, s.lowTail, s.smooth,
             s.smoothThreshold, s.smoothIterations, int(s.space), s.manageColour,
             r.write.encode.quality, r.write.encode.lossless, r.write.strip, r.force, r.skipExisting,
-            options_.format ? int(*options_.format) : -1);
+            options_.format ? int(*options_.format) : -1, int(r.write.encode.tiffCompression));
         const tool::Picture &p = reference_->picture();
         const py::tuple picture =
             py::make_tuple(p.width, p.height, p.channels, p.depth,
@@ -224,6 +224,7 @@ public:
         r.skipExisting = s[15].cast<bool>();
         r.quiet = true;
         if (s[16].cast<int>() >= 0) f->options_.format = tool::Format(s[16].cast<int>());
+        r.write.encode.tiffCompression = tool::TiffCompression(s[17].cast<int>());
         f->referencePath_ = state[2].cast<std::string>();
 
         const auto p = state[3].cast<py::tuple>();
@@ -278,7 +279,8 @@ std::unique_ptr<FileTransfer> makeTransfer(
     const std::string &referenceMask, const std::string &space, bool ignoreProfiles,
     double strength, double fidelity, int maxStep, bool contrast, double lowTail, double highTail,
     bool smooth, double smoothThreshold, int smoothIterations, int quality, bool lossless,
-    bool strip, bool force, bool skipExisting, const std::string &format) {
+    bool strip, bool force, bool skipExisting, const std::string &format,
+    const std::string &tiffCompression) {
     // The ranges of the tool's command line.
     inRange("strength", strength, 0, 1);
     inRange("fidelity", fidelity, 0, 1);
@@ -310,6 +312,11 @@ std::unique_ptr<FileTransfer> makeTransfer(
     t.smoothIterations = smoothIterations;
     o.run.write.encode.quality = quality;
     o.run.write.encode.lossless = lossless;
+    try {
+        o.run.write.encode.tiffCompression = tool::tiffCompressionNamed(tiffCompression);
+    } catch (const std::invalid_argument &e) {
+        throw py::value_error(std::string("tiff_compression: ") + e.what());
+    }
     o.run.write.strip = strip;
     o.run.force = force;
     o.run.skipExisting = skipExisting;
@@ -367,6 +374,8 @@ PYBIND11_MODULE(_tool, m) {
     defaults["smooth_threshold"] = d.smoothThreshold;
     defaults["smooth_iterations"] = d.smoothIterations;
     defaults["quality"] = tool::EncodeSettings{}.quality;
+    defaults["tiff_compression"] =
+        tool::tiffCompressionName(tool::EncodeSettings{}.tiffCompression);
     m.attr("DEFAULTS") = defaults;
     m.attr("WITH_METADATA") = tool::metadataAvailable();
 
@@ -375,7 +384,8 @@ PYBIND11_MODULE(_tool, m) {
         .def(py::init(&makeTransfer), "reference"_a, "mask"_a, "source_mask"_a, "reference_mask"_a,
              "space"_a, "ignore_profiles"_a, "strength"_a, "fidelity"_a, "max_step"_a, "contrast"_a,
              "low_tail"_a, "high_tail"_a, "smooth"_a, "smooth_threshold"_a, "smooth_iterations"_a,
-             "quality"_a, "lossless"_a, "strip"_a, "force"_a, "skip_existing"_a, "format"_a)
+             "quality"_a, "lossless"_a, "strip"_a, "force"_a, "skip_existing"_a, "format"_a,
+             "tiff_compression"_a)
         .def("run", &FileTransfer::run, "input"_a, "output"_a)
         .def_property_readonly("notes", &FileTransfer::notes)
         .def_property_readonly("target_keys", &FileTransfer::targetKeys)

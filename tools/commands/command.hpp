@@ -62,6 +62,7 @@ int runCommandLine(int argc, char **argv, const std::vector<Command> &commands);
 struct OutputOptions {
     std::string output;
     int quality = 90;
+    std::string tiffCompression = "deflate";
     bool lossless = false, strip = false, force = false, skipExisting = false, quiet = false,
          verbose = false;
     RunSettings settings() const;

@@ -11,6 +11,7 @@ RunSettings OutputOptions::settings() const {
     RunSettings s;
     s.write.encode.quality = quality;
     s.write.encode.lossless = lossless;
+    s.write.encode.tiffCompression = tiffCompressionNamed(tiffCompression);
     s.write.strip = strip;
     s.force = force;
     s.skipExisting = skipExisting;
@@ -24,6 +25,8 @@ void declareOutputOptions(Options &options, OutputOptions &o, const std::string 
     options.number("--quality", o.quality, 1, 100, "Q",
                    "JPEG and lossy WebP quality, 1 to 100 (default 90)");
     options.flag("--lossless", o.lossless, "write WebP lossless");
+    options.choice("--tiff-compression", o.tiffCompression, {"none", "lzw", "deflate"}, "KIND",
+                   "TIFF output compression, lossless: none, lzw or deflate (default)");
     options.flag("--strip", o.strip, "write no EXIF, XMP, IPTC, ICC profile or resolution");
     options.flag("-f,--force", o.force, "replace an existing output");
     options.flag("--skip-existing", o.skipExisting,

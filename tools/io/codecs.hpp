@@ -33,14 +33,21 @@ Picture decodeJpeg(const std::string &path, Bytes bytes);
 Picture decodeTiff(const std::string &path, Bytes bytes);
 Picture decodeWebP(const std::string &path, Bytes bytes);
 
+enum class TiffCompression { None, Lzw, Deflate };
+
 struct EncodeSettings {
     int quality = 90;       // JPEG and lossy WebP, 1..100
     bool lossless = false;  // WebP
+    TiffCompression tiffCompression = TiffCompression::Deflate;
 };
+
+// "none", "lzw", "deflate"; from name throws std::invalid_argument.
+const char *tiffCompressionName(TiffCompression compression);
+TiffCompression tiffCompressionNamed(const std::string &name);
 
 std::vector<uint8_t> encodePng(const Picture &picture);
 std::vector<uint8_t> encodeJpeg(const Picture &picture, int quality);
-std::vector<uint8_t> encodeTiff(const Picture &picture);
+std::vector<uint8_t> encodeTiff(const Picture &picture, TiffCompression compression);
 std::vector<uint8_t> encodeWebP(const Picture &picture, const EncodeSettings &settings);
 
 }  // namespace morven::tool

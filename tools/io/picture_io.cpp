@@ -112,7 +112,7 @@ std::vector<uint8_t> encodePicture(const Picture &source, Format format,
     switch (format) {
         case Format::Png: bytes = encodePng(*picture); break;
         case Format::Jpeg: bytes = encodeJpeg(*picture, settings.encode.quality); break;
-        case Format::Tiff: bytes = encodeTiff(*picture); break;
+        case Format::Tiff: bytes = encodeTiff(*picture, settings.encode.tiffCompression); break;
         case Format::WebP: bytes = encodeWebP(*picture, settings.encode); break;
     }
     if (!settings.strip && source.metadata)

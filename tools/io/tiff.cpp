@@ -312,7 +312,24 @@ Picture decodeTiff(const std::string &path, Bytes bytes) {
     return pic;
 }
 
-std::vector<uint8_t> encodeTiff(const Picture &pic) {
+const char *tiffCompressionName(TiffCompression compression) {
+    switch (compression) {
+        case TiffCompression::None: return "none";
+        case TiffCompression::Lzw: return "lzw";
+        case TiffCompression::Deflate: break;
+    }
+    return "deflate";
+}
+
+TiffCompression tiffCompressionNamed(const std::string &name) {
+    for (const TiffCompression c :
+         {TiffCompression::None, TiffCompression::Lzw, TiffCompression::Deflate})
+        if (name == tiffCompressionName(c)) return c;
+    throw std::invalid_argument("TIFF compression must be none, lzw or deflate, got '" + name +
+                                "'");
+}
+
+std::vector<uint8_t> encodeTiff(const Picture &pic, TiffCompression compression) {
     std::vector<uint8_t> out;
     MemoryFile file;
     file.out = &out;
@@ -331,8 +348,15 @@ std::vector<uint8_t> encodeTiff(const Picture &pic) {
             const uint16_t kind = EXTRASAMPLE_UNASSALPHA;
             TIFFSetField(t, TIFFTAG_EXTRASAMPLES, uint16_t(1), &kind);
         }
-        TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
-        TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
+        // Both lossless coders with horizontal prediction, which suits photographs.
+        if (compression == TiffCompression::None) {
+            TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+        } else {
+            TIFFSetField(
+                t, TIFFTAG_COMPRESSION,
+                compression == TiffCompression::Lzw ? COMPRESSION_LZW : COMPRESSION_ADOBE_DEFLATE);
+            TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
+        }
         TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
         if (!pic.icc.empty())
             TIFFSetField(t, TIFFTAG_ICCPROFILE, uint32_t(pic.icc.size()), pic.icc.data());
