@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -170,9 +169,8 @@ TEST_F(Tool, KeepsTheSourcesMetadataWhereTheFormatHoldsIt) {
 
 // ---------------------------------------------------------------------------
 // 3. Colour management: the reference is converted into the source's space
-// before matching and the output carries the source's profile; pictures
-// that show the same colours match as the same colours; CMYK is converted
-// through its profile or refused without one.
+// before matching and the output carries the source's profile; CMYK is
+// converted through its profile or refused without one.
 
 TEST_F(Tool, ConvertsTheReferenceIntoTheSourcesColourSpace) {
     const std::vector<uint8_t> p3 = p3Profile(), adobe = adobeProfile();
@@ -203,27 +201,6 @@ TEST_F(Tool, ConvertsTheReferenceIntoTheSourcesColourSpace) {
         EXPECT_EQ(readPic(at("batch/plain.png")), libraryTransfer(readPic(at("plain.png")), convert(adobeRef, adobe, {}), t));
         EXPECT_EQ(readPic(at("batch/adobe-source.png")), libraryTransfer(readPic(at("adobe-source.png")), adobeRef, t));
     }
-
-    // The same colours stored as sRGB in the reference and as Display P3 in
-    // the source (which holds all of sRGB): matching changes almost nothing,
-    // and far more when the profiles are ignored. (Fidelity 1: the smoothed
-    // curve of the default bends the brightest levels of any match.)
-    const Pic srgb = png(at("same.png"), 160, 120, 3, 8, 34);
-    Pic inP3 = convert(srgb, {}, p3);
-    for (uint16_t &v : inP3.px) v = uint16_t((v + 128) / 257);
-    inP3.depth = 8;
-    writePng(at("same-p3.png"), inP3, p3);
-    const auto error = [&](const char *flag) {
-        Args args{"transfer", at("same-p3.png"), at("same.png"), "-o", at("same-out.png"), "--force", "--fidelity", "1"};
-        if (*flag) args.push_back(flag);
-        ok(args);
-        const Pic out = readPic(at("same-out.png"));
-        double worst = 0;
-        for (size_t i = 0; i < out.px.size(); ++i) worst = std::max(worst, std::fabs(double(out.px[i]) - inP3.px[i]));
-        return worst;
-    };
-    EXPECT_LE(error(""), 2);
-    EXPECT_GT(error("--ignore-profiles"), 8);
 
     // CMYK JPEG: through its profile into sRGB, or refused without one.
     const std::vector<uint8_t> cmyk = cmykProfile();
@@ -533,6 +510,7 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
         {{"transfer", source, other, "-o", x, "--space", "hsv"}, 2, "--space"},
         {{"transfer", source, other, "-o", x, "--smooth-threshold", "0.2"}, 2, "--smooth"},
         {{"transfer", source, other, "-o", x, "--force", "--skip-existing"}, 2, "--skip-existing"},
+        {{"transfer", source, other, "-o", x, "--compare", x}, 2, "--compare and -o name the same file"},
         {{"transfer", source, other, "--frobnicate"}, 2, "--frobnicate"},
         {{"transfer", source, "-o", x}, 2, "SOURCE and REFERENCE"}};
     for (const auto &[name, bytes, reason] : {std::tuple<std::string, std::string, std::string>{"empty.png", "", "empty file"},
