@@ -192,6 +192,7 @@ def _bad_arguments():
     t = morven.transfer
     lab16 = morven.Profile(np.ones((3, 65536)), "lab")
     flat = np.zeros(66, np.uint8)
+    guide = np.ones_like(rgb)
     return [
         (t, (rgb.astype(float), ref), {}, TypeError, "uint8 or uint16"),
         (t, (np.zeros((4, 6, 2), np.uint8), ref), {}, ValueError, "shape"),
@@ -219,6 +220,7 @@ def _bad_arguments():
         (morven.match_histograms, (rgb, ref[..., :2]), {}, ValueError, "number of channels"),
         (morven.match_histograms, (rgb, ref), dict(channel_axis=3), ValueError, "out of range"),
         (morven.smooth, (rgb, ref), {}, ValueError, "must match"),
+        (morven.smooth, (rgb, guide), dict(out=guide), ValueError, "must not be the guide"),
         (morven.profile, (rgb,), dict(space="xyz"), ValueError, "space must be"),
     ]
 
