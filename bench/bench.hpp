@@ -18,20 +18,20 @@ namespace bench {
 
 // A comparison of one measured case with another case of the same run.
 struct Yardstick {
-    std::string key;       // benchmark name of the yardstick case
-    double maxRatio = 0.0; // target: time / yardstick time <= maxRatio; 0 for none
+    std::string key;        // benchmark name of the yardstick case
+    double maxRatio = 0.0;  // target: time / yardstick time <= maxRatio; 0 for none
 };
 
 // What the reporter needs to know about one registered benchmark.
 struct Case {
-    std::string key;        // benchmark name, "<operation>/<size>/<code>"
-    std::string operation;  // what the table shows, e.g. "wzImageCvtColor BGR>gray"
-    std::string size;       // e.g. "24 MP", "512x512"
-    std::string picture;    // the picture it runs on ("" when none)
-    double bytes = 0.0;     // bytes per iteration for MB/s (0: not shown)
-    double flops = 0.0;     // floating-point operations per iteration (0: not shown)
-    double minGflops = 0.0; // target on the throughput itself; 0 for none
-    bool listed = true;     // false for the memcpy yardsticks (shown as yardsticks only)
+    std::string key;         // benchmark name, "<operation>/<size>/<code>"
+    std::string operation;   // what the table shows, e.g. "wzImageCvtColor BGR>gray"
+    std::string size;        // e.g. "24 MP", "512x512"
+    std::string picture;     // the picture it runs on ("" when none)
+    double bytes = 0.0;      // bytes per iteration for MB/s (0: not shown)
+    double flops = 0.0;      // floating-point operations per iteration (0: not shown)
+    double minGflops = 0.0;  // target on the throughput itself; 0 for none
+    bool listed = true;      // false for the memcpy yardsticks (shown as yardsticks only)
     std::vector<Yardstick> yardsticks;
 };
 
@@ -51,8 +51,8 @@ struct Dimensions {
     int32_t height;
 };
 Dimensions dimensionsFor(double megapixels);
-std::string sizeLabel(double megapixels); // "0.25 MP"
-std::string sizeKey(double megapixels);   // "0.25MP"
+std::string sizeLabel(double megapixels);  // "0.25 MP"
+std::string sizeKey(double megapixels);    // "0.25MP"
 
 // Deterministic 8-bit BGR test pictures of one size and scene, made once and
 // kept. The synthetic scene: smooth gradients, large flat cells with hard
@@ -61,9 +61,9 @@ std::string sizeKey(double megapixels);   // "0.25MP"
 struct Picture {
     int32_t width = 0;
     int32_t height = 0;
-    std::vector<uint8_t> source;      // the picture to process
-    std::vector<uint8_t> reference;   // another colour distribution
-    std::vector<uint8_t> transferred; // source after wzMorvenTransfer to reference
+    std::vector<uint8_t> source;       // the picture to process
+    std::vector<uint8_t> reference;    // another colour distribution
+    std::vector<uint8_t> transferred;  // source after wzMorvenTransfer to reference
     size_t pixels() const { return size_t(width) * size_t(height); }
     size_t bytes() const { return pixels() * 3; }
 };
@@ -110,4 +110,4 @@ void timeCalls(benchmark::State &state, const void *live, Call call, const char 
 void registerImageBenchmarks(const std::vector<double> &megapixels);
 void registerMatrixBenchmarks();
 
-} // namespace bench
+}  // namespace bench

@@ -47,7 +47,7 @@ const wzSelectiveSmoothSupport *smoothSupport() {
 // built with OpenCV) and the library's case, registered in that order so
 // that the three run next to each other.
 struct Group {
-    std::string name; // "<operation>/<size>"
+    std::string name;  // "<operation>/<size>"
     std::string size;
     double bytes;
     bool atTarget;
@@ -55,8 +55,10 @@ struct Group {
     std::string peerKey;
 
     Group(const char *operation, double mp, double yardstickBytes)
-        : name(std::string(operation) + "/" + sizeKey(mp)), size(sizeLabel(mp)),
-          bytes(yardstickBytes), atTarget(mp == kTargetMegapixels) {
+        : name(std::string(operation) + "/" + sizeKey(mp)),
+          size(sizeLabel(mp)),
+          bytes(yardstickBytes),
+          atTarget(mp == kTargetMegapixels) {
         memcpyKey = addMemcpyCase(name, size, bytes);
     }
 
@@ -86,9 +88,9 @@ struct Group {
             Case c = make((std::string(code) + "@" + sceneLabel(scene)).c_str(), operation);
             c.picture = sceneLabel(scene);
             c.yardsticks.push_back({memcpyKey, atTarget ? maxMemcpy : 0.0});
-            if (!peerKey.empty())
-                c.yardsticks.push_back({peerKey, atTarget ? maxPeer : 0.0});
-            addCase(c, [mp, scene, run](benchmark::State &state) { run(state, picture(mp, scene)); });
+            if (!peerKey.empty()) c.yardsticks.push_back({peerKey, atTarget ? maxPeer : 0.0});
+            addCase(c,
+                    [mp, scene, run](benchmark::State &state) { run(state, picture(mp, scene)); });
         }
     }
 };
@@ -126,15 +128,17 @@ void profileFill(double mp) {
         timeCalls(state, hist[0].data, [&] { calcHist3(image, hist); });
     });
 #endif
-    g.addMorven("morven", "wzImageFillColorProfile", 2.5, 0.0, mp, [](benchmark::State &state, const Picture &p) {
-        Header image(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
-        wzImageColorProfile *profile = wzImageColorProfileCreate();
-        if (!image || !profile)
-            state.SkipWithError("allocation failed");
-        timeCalls(state, profile, [&] { return wzImageFillColorProfile(image.get(), profile); },
-                  "wzImageFillColorProfile");
-        wzImageColorProfileRelease(&profile);
-    });
+    g.addMorven("morven", "wzImageFillColorProfile", 2.5, 0.0, mp,
+                [](benchmark::State &state, const Picture &p) {
+                    Header image(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
+                    wzImageColorProfile *profile = wzImageColorProfileCreate();
+                    if (!image || !profile) state.SkipWithError("allocation failed");
+                    timeCalls(
+                        state, profile,
+                        [&] { return wzImageFillColorProfile(image.get(), profile); },
+                        "wzImageFillColorProfile");
+                    wzImageColorProfileRelease(&profile);
+                });
 }
 
 void matchApply(double mp) {
@@ -144,23 +148,27 @@ void matchApply(double mp) {
     g.addPeer("cv::LUT", [mp](benchmark::State &state) {
         const Picture &p = picture(mp);
         uint8_t table[768];
-        if (!matchTable(p, table))
-            state.SkipWithError("match table failed");
+        if (!matchTable(p, table)) state.SkipWithError("match table failed");
         std::vector<uint8_t> out(p.bytes());
         cv::Mat src = bgrMat(p, p.source), dst = bgrMat(p, out), lut = lutOf(table);
         timeCalls(state, dst.data, [&] { cv::LUT(src, lut, dst); });
     });
 #endif
-    g.addMorven("morven", "wzHistogramMatchApply", 1.5, 0.0, mp, [](benchmark::State &state, const Picture &p) {
-        uint8_t table[768];
-        std::vector<uint8_t> out(p.bytes());
-        Header src(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
-        Header dst(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
-        if (!matchTable(p, table) || !src || !dst)
-            state.SkipWithError("set-up failed");
-        timeCalls(state, out.data(), [&] { return wzHistogramMatchApply(nullptr, table, src.get(), dst.get(), nullptr); },
-                  "wzHistogramMatchApply");
-    });
+    g.addMorven("morven", "wzHistogramMatchApply", 1.5, 0.0, mp,
+                [](benchmark::State &state, const Picture &p) {
+                    uint8_t table[768];
+                    std::vector<uint8_t> out(p.bytes());
+                    Header src(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
+                    Header dst(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
+                    if (!matchTable(p, table) || !src || !dst) state.SkipWithError("set-up failed");
+                    timeCalls(
+                        state, out.data(),
+                        [&] {
+                            return wzHistogramMatchApply(nullptr, table, src.get(), dst.get(),
+                                                         nullptr);
+                        },
+                        "wzHistogramMatchApply");
+                });
 }
 
 void transfer(double mp) {
@@ -172,8 +180,7 @@ void transfer(double mp) {
     g.addPeer("cv::calcHist x6 + cv::LUT", [mp](benchmark::State &state) {
         const Picture &p = picture(mp);
         uint8_t table[768];
-        if (!matchTable(p, table))
-            state.SkipWithError("match table failed");
+        if (!matchTable(p, table)) state.SkipWithError("match table failed");
         std::vector<uint8_t> out(p.bytes());
         cv::Mat src = bgrMat(p, p.source), ref = bgrMat(p, p.reference), dst = bgrMat(p, out);
         cv::Mat lut = lutOf(table), srcHist[3], refHist[3];
@@ -192,11 +199,15 @@ void transfer(double mp) {
                     contrast ? 8.5 : 6.5, contrast ? 0.0 : 1.0, mp,
                     [contrast](benchmark::State &state, const Picture &p) {
                         std::vector<uint8_t> out(p.bytes());
-                        timeCalls(state, out.data(), [&] {
-                            return wzMorvenTransfer(p.width, p.height, p.source.data(), out.data(), p.width,
-                                                    p.height, p.reference.data(), contrast, 255, 1.0f, 9.0f,
-                                                    50.0f, 0.9f);
-                        }, "wzMorvenTransfer");
+                        timeCalls(
+                            state, out.data(),
+                            [&] {
+                                return wzMorvenTransfer(p.width, p.height, p.source.data(),
+                                                        out.data(), p.width, p.height,
+                                                        p.reference.data(), contrast, 255, 1.0f,
+                                                        9.0f, 50.0f, 0.9f);
+                            },
+                            "wzMorvenTransfer");
                     });
     }
 }
@@ -212,14 +223,16 @@ void toGray(double mp) {
         timeCalls(state, dst.data, [&] { cv::cvtColor(src, dst, cv::COLOR_BGR2GRAY); });
     });
 #endif
-    g.addMorven("morven", "wzImageCvtColor BGR>gray", 2.0, 1.0, mp, [](benchmark::State &state, const Picture &p) {
-        std::vector<uint8_t> out(p.pixels());
-        Header src(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
-        Header dst(p.width, p.height, wzEncodingGray, wzType8U, out.data());
-        if (!src || !dst)
-            state.SkipWithError("allocation failed");
-        timeCalls(state, out.data(), [&] { return wzImageCvtColor(src.get(), dst.get()); }, "wzImageCvtColor");
-    });
+    g.addMorven("morven", "wzImageCvtColor BGR>gray", 2.0, 1.0, mp,
+                [](benchmark::State &state, const Picture &p) {
+                    std::vector<uint8_t> out(p.pixels());
+                    Header src(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
+                    Header dst(p.width, p.height, wzEncodingGray, wzType8U, out.data());
+                    if (!src || !dst) state.SkipWithError("allocation failed");
+                    timeCalls(
+                        state, out.data(), [&] { return wzImageCvtColor(src.get(), dst.get()); },
+                        "wzImageCvtColor");
+                });
 }
 
 void smooth(double mp) {
@@ -228,23 +241,27 @@ void smooth(double mp) {
     // With defaults, without a cancel flag and with one that is never set
     // (the two take one path).
     for (bool flag : {false, true}) {
-        g.addMorven(flag ? "morven+flag" : "morven",
-                    flag ? "wzSelectiveSmooth 2 passes, flag" : "wzSelectiveSmooth 2 passes", 20.0, 0.0, mp,
-                    [flag](benchmark::State &state, const Picture &p) {
-                        std::vector<uint8_t> out(p.bytes());
-                        Header guide(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
-                        Header input(p.width, p.height, wzEncodingBGR, wzType8U, p.transferred.data());
-                        Header output(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
-                        wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
-                        const uint32_t never = 0;
-                        if (!guide || !input || !output || !params || !smoothSupport())
-                            state.SkipWithError("allocation failed");
-                        timeCalls(state, out.data(), [&] {
-                            return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(),
-                                                     output.get(), flag ? &never : nullptr);
-                        }, "wzSelectiveSmooth");
-                        wzSelectiveSmoothParamsRelease(&params);
-                    });
+        g.addMorven(
+            flag ? "morven+flag" : "morven",
+            flag ? "wzSelectiveSmooth 2 passes, flag" : "wzSelectiveSmooth 2 passes", 20.0, 0.0, mp,
+            [flag](benchmark::State &state, const Picture &p) {
+                std::vector<uint8_t> out(p.bytes());
+                Header guide(p.width, p.height, wzEncodingBGR, wzType8U, p.source.data());
+                Header input(p.width, p.height, wzEncodingBGR, wzType8U, p.transferred.data());
+                Header output(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
+                wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
+                const uint32_t never = 0;
+                if (!guide || !input || !output || !params || !smoothSupport())
+                    state.SkipWithError("allocation failed");
+                timeCalls(
+                    state, out.data(),
+                    [&] {
+                        return wzSelectiveSmooth(params, smoothSupport(), guide.get(), input.get(),
+                                                 output.get(), flag ? &never : nullptr);
+                    },
+                    "wzSelectiveSmooth");
+                wzSelectiveSmoothParamsRelease(&params);
+            });
     }
 }
 
@@ -260,14 +277,12 @@ struct Conversion {
     const char *peer;
 };
 
-size_t elementBytes(uint32_t type) {
-    return type == wzType8U ? 1 : type == wzType16U ? 2 : 4;
-}
+size_t elementBytes(uint32_t type) { return type == wzType8U ? 1 : type == wzType16U ? 2 : 4; }
 
 void convert(double mp, const Conversion &conv) {
     const Dimensions d = dimensionsFor(mp);
-    const double larger = 3.0 * d.width * d.height *
-                          double(std::max(elementBytes(conv.from), elementBytes(conv.to)));
+    const double larger =
+        3.0 * d.width * d.height * double(std::max(elementBytes(conv.from), elementBytes(conv.to)));
     Group g(conv.key, mp, larger);
 
     // Source block of type conv.from (made from the 8-bit picture with the
@@ -293,10 +308,12 @@ void convert(double mp, const Conversion &conv) {
     g.addPeer(conv.peer, [mp, conv, prepare](benchmark::State &state) {
         const Picture &p = picture(mp);
         Blocks b;
-        if (!prepare(p, b))
-            state.SkipWithError("set-up failed");
-        auto depth = [](uint32_t t) { return t == wzType8U ? CV_8U : t == wzType16U ? CV_16U : CV_32F; };
-        cv::Mat src(p.height, p.width, CV_MAKETYPE(depth(conv.from), 3), const_cast<uint8_t *>(b.source));
+        if (!prepare(p, b)) state.SkipWithError("set-up failed");
+        auto depth = [](uint32_t t) {
+            return t == wzType8U ? CV_8U : t == wzType16U ? CV_16U : CV_32F;
+        };
+        cv::Mat src(p.height, p.width, CV_MAKETYPE(depth(conv.from), 3),
+                    const_cast<uint8_t *>(b.source));
         cv::Mat dst(p.height, p.width, CV_MAKETYPE(conv.cvType, 3), b.dst.data());
         timeCalls(state, dst.data, [&] { src.convertTo(dst, conv.cvType, conv.cvScale); });
     });
@@ -307,10 +324,10 @@ void convert(double mp, const Conversion &conv) {
                     bool ok = prepare(p, b);
                     Header src(p.width, p.height, wzEncodingBGR, conv.from, b.source);
                     Header dst(p.width, p.height, wzEncodingBGR, conv.to, b.dst.data());
-                    if (!ok || !src || !dst)
-                        state.SkipWithError("set-up failed");
-                    timeCalls(state, b.dst.data(), [&] { return wzImageCvtType(src.get(), dst.get()); },
-                              "wzImageCvtType");
+                    if (!ok || !src || !dst) state.SkipWithError("set-up failed");
+                    timeCalls(
+                        state, b.dst.data(), [&] { return wzImageCvtType(src.get(), dst.get()); },
+                        "wzImageCvtType");
                 });
 }
 
@@ -325,24 +342,18 @@ const Conversion kConversions[] = {
     {"cvt16u8u", "16U>8U", wzType16U, wzType8U, CV_8U, 1.0 / 256.0, "Mat::convertTo 16U>8U"},
 };
 
-} // namespace
+}  // namespace
 
 void registerImageBenchmarks(const std::vector<double> &megapixels) {
     // Operation by operation, each at every size, so that a case and its
     // yardsticks always run back to back.
-    for (double mp : megapixels)
-        profileFill(mp);
-    for (double mp : megapixels)
-        matchApply(mp);
-    for (double mp : megapixels)
-        transfer(mp);
-    for (double mp : megapixels)
-        toGray(mp);
-    for (double mp : megapixels)
-        smooth(mp);
+    for (double mp : megapixels) profileFill(mp);
+    for (double mp : megapixels) matchApply(mp);
+    for (double mp : megapixels) transfer(mp);
+    for (double mp : megapixels) toGray(mp);
+    for (double mp : megapixels) smooth(mp);
     for (const Conversion &conv : kConversions)
-        for (double mp : megapixels)
-            convert(mp, conv);
+        for (double mp : megapixels) convert(mp, conv);
 }
 
-} // namespace bench
+}  // namespace bench

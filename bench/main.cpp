@@ -30,8 +30,7 @@ bool parseSizes(const char *list, std::vector<double> &sizes) {
     while (*p) {
         char *end = nullptr;
         const double mp = std::strtod(p, &end);
-        if (end == p || !(mp > 0.0) || mp > 200.0)
-            return false;
+        if (end == p || !(mp > 0.0) || mp > 200.0) return false;
         sizes.push_back(mp);
         p = end;
         if (*p == ',')
@@ -42,7 +41,7 @@ bool parseSizes(const char *list, std::vector<double> &sizes) {
     return !sizes.empty();
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char **argv) {
     std::vector<double> sizes = {0.25, 1, 4, 24};
@@ -52,7 +51,8 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--sizes=", 8) == 0) {
             if (!parseSizes(argv[i] + 8, sizes)) {
-                std::fprintf(stderr, "morven_bench: bad --sizes list '%s' (megapixels, e.g. 1,24)\n",
+                std::fprintf(stderr,
+                             "morven_bench: bad --sizes list '%s' (megapixels, e.g. 1,24)\n",
                              argv[i] + 8);
                 return 2;
             }
@@ -60,22 +60,22 @@ int main(int argc, char **argv) {
         }
         if (std::strncmp(argv[i], "--pictures=", 11) == 0) {
             if (!bench::setScenes(argv[i] + 11)) {
-                std::fprintf(stderr, "morven_bench: bad --pictures list '%s' (synthetic, coffee, chelsea, "
-                                     "astronaut, coffee+noise)\n", argv[i] + 11);
+                std::fprintf(stderr,
+                             "morven_bench: bad --pictures list '%s' (synthetic, coffee, chelsea, "
+                             "astronaut, coffee+noise)\n",
+                             argv[i] + 11);
                 return 2;
             }
             continue;
         }
-        if (std::strncmp(argv[i], "--benchmark_out=", 16) == 0)
-            haveOut = argv[i][16] != '\0';
+        if (std::strncmp(argv[i], "--benchmark_out=", 16) == 0) haveOut = argv[i][16] != '\0';
         argv[kept++] = argv[i];
     }
     argc = kept;
     argv[argc] = nullptr;
 
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 2;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
 
 #ifdef MORVEN_BENCH_HAVE_OPENCV
     cv::setNumThreads(1);

@@ -63,11 +63,13 @@ void product() {
         if (!a || !b || !d) {
             state.SkipWithError("allocation failed");
         } else {
-            std::vector<double> va = randomBlock(size_t(n) * n, 1), vb = randomBlock(size_t(n) * n, 2);
+            std::vector<double> va = randomBlock(size_t(n) * n, 1),
+                                vb = randomBlock(size_t(n) * n, 2);
             std::memcpy(a->data, va.data(), va.size() * sizeof(double));
             std::memcpy(b->data, vb.data(), vb.size() * sizeof(double));
         }
-        timeCalls(state, d->data, [&] { return wzMatrixProduct(d, a, b); }, "wzMatrixProduct");
+        timeCalls(
+            state, d->data, [&] { return wzMatrixProduct(d, a, b); }, "wzMatrixProduct");
         wzMatrixRelease(&d);
         wzMatrixRelease(&b);
         wzMatrixRelease(&a);
@@ -128,24 +130,26 @@ void svd() {
         const std::vector<double> input = randomBlock(size_t(n) * n, 3);
         double **a = matrix(1, n, 0, n - 1), **v = matrix(1, n, 0, n - 1);
         double *w = vector(1, n);
-        if (!a || !v || !w)
-            state.SkipWithError("allocation failed");
-        timeCalls(state, &w[1], [&] {
-            // One contiguous block starting at a[1][0].
-            std::memcpy(&a[1][0], input.data(), input.size() * sizeof(double));
-            return svdcmp(a, n, n, w, v);
-        }, "svdcmp");
+        if (!a || !v || !w) state.SkipWithError("allocation failed");
+        timeCalls(
+            state, &w[1],
+            [&] {
+                // One contiguous block starting at a[1][0].
+                std::memcpy(&a[1][0], input.data(), input.size() * sizeof(double));
+                return svdcmp(a, n, n, w, v);
+            },
+            "svdcmp");
         free_vector(w, 1, n);
         free_matrix(v, 1, n, 0, n - 1);
         free_matrix(a, 1, n, 0, n - 1);
     });
 }
 
-} // namespace
+}  // namespace
 
 void registerMatrixBenchmarks() {
     product();
     svd();
 }
 
-} // namespace bench
+}  // namespace bench

@@ -31,8 +31,7 @@ bool readPng(const std::string &path, Bgr &out) {
     png_image image;
     std::memset(&image, 0, sizeof image);
     image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str()))
-        return false;
+    if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
     image.format = PNG_FORMAT_BGR;
     out.width = int32_t(image.width);
     out.height = int32_t(image.height);
@@ -57,7 +56,8 @@ Bgr cropTo3x2(const Bgr &in) {
     const int32_t x0 = (in.width - w) / 2, y0 = (in.height - h) / 2;
     Bgr out{w, h, std::vector<uint8_t>(size_t(w) * h * 3)};
     for (int32_t y = 0; y < h; ++y)
-        std::memcpy(&out.px[size_t(y) * w * 3], &in.px[(size_t(y0 + y) * in.width + x0) * 3], size_t(w) * 3);
+        std::memcpy(&out.px[size_t(y) * w * 3], &in.px[(size_t(y0 + y) * in.width + x0) * 3],
+                    size_t(w) * 3);
     return out;
 }
 
@@ -99,7 +99,8 @@ Bgr scaleBicubic(const Bgr &in, int32_t width, int32_t height) {
             for (int c = 0; c < 3; ++c) {
                 double s = 0.0;
                 for (int j = 0; j < 4; ++j)
-                    s += tx[size_t(x)].w[j] * in.px[(size_t(y) * in.width + tx[size_t(x)].i[j]) * 3 + c];
+                    s += tx[size_t(x)].w[j] *
+                         in.px[(size_t(y) * in.width + tx[size_t(x)].i[j]) * 3 + c];
                 mid[(size_t(y) * width + x) * 3 + c] = s;
             }
     Bgr out{width, height, std::vector<uint8_t>(size_t(width) * height * 3)};
@@ -123,13 +124,14 @@ void addSensorNoise(std::vector<uint8_t> &px, uint64_t seed) {
         return (double(seed >> 11) + 0.5) / 9007199254740992.0;
     };
     for (uint8_t &v : px) {
-        const double gauss = std::sqrt(-2.0 * std::log(uniform())) * std::cos(6.283185307179586 * uniform());
+        const double gauss =
+            std::sqrt(-2.0 * std::log(uniform())) * std::cos(6.283185307179586 * uniform());
         const double sigma = std::sqrt(gain * v + read * read);
         v = uint8_t(std::clamp(std::lround(v + sigma * gauss), 0L, 255L));
     }
 }
 
-} // namespace
+}  // namespace
 
 const char *sceneLabel(Scene scene) {
     switch (scene) {
@@ -143,18 +145,18 @@ const char *sceneLabel(Scene scene) {
 }
 
 bool photograph(Scene scene, int32_t width, int32_t height, std::vector<uint8_t> &px) {
-    const char *file = scene == Scene::Chelsea ? "chelsea.png" : scene == Scene::Astronaut ? "astronaut.png" : "coffee.png";
+    const char *file = scene == Scene::Chelsea     ? "chelsea.png"
+                       : scene == Scene::Astronaut ? "astronaut.png"
+                                                   : "coffee.png";
 #ifdef MORVEN_BENCH_DATA_DIR
     const std::string path = std::string(MORVEN_BENCH_DATA_DIR) + "/" + file;
 #else
     const std::string path = file;
 #endif
     Bgr read;
-    if (scene == Scene::Synthetic || !readPng(path, read))
-        return false;
+    if (scene == Scene::Synthetic || !readPng(path, read)) return false;
     px = std::move(scaleBicubic(cropTo3x2(read), width, height).px);
-    if (scene == Scene::NoisyCoffee)
-        addSensorNoise(px, 0x5eed);
+    if (scene == Scene::NoisyCoffee) addSensorNoise(px, 0x5eed);
     return true;
 }
 
@@ -163,4 +165,4 @@ bool havePhotographs() {
     return photograph(Scene::Coffee, 6, 4, px);
 }
 
-} // namespace bench
+}  // namespace bench

@@ -28,4 +28,4 @@ bool photograph(Scene scene, int32_t width, int32_t height, std::vector<uint8_t>
 // Whether photograph() can read the bundled files.
 bool havePhotographs();
 
-} // namespace bench
+}  // namespace bench

@@ -21,11 +21,11 @@ struct TableRow {
         : measured(c), m(measurement), yardstick(std::move(name)) {}
     const Case *measured;
     const Measurement *m;
-    std::string yardstick;       // "-" when none
+    std::string yardstick;  // "-" when none
     const Measurement *y = nullptr;
     double ratio = NAN;
-    std::string target;          // "" when none
-    std::string result;          // "met", "missed" or ""
+    std::string target;  // "" when none
+    std::string result;  // "met", "missed" or ""
 };
 
 namespace {
@@ -37,14 +37,10 @@ std::string format(const char *fmt, double v) {
 }
 
 std::string formatTime(double ns) {
-    if (!(ns >= 0.0))
-        return "-";
-    if (ns < 1e3)
-        return format("%.1f ns", ns);
-    if (ns < 1e6)
-        return format("%.1f us", ns / 1e3);
-    if (ns < 1e9)
-        return format("%.2f ms", ns / 1e6);
+    if (!(ns >= 0.0)) return "-";
+    if (ns < 1e3) return format("%.1f ns", ns);
+    if (ns < 1e6) return format("%.1f us", ns / 1e3);
+    if (ns < 1e9) return format("%.2f ms", ns / 1e6);
     return format("%.3f s", ns / 1e9);
 }
 
@@ -66,8 +62,7 @@ double throughput(const Case &c, const Measurement &m, const char **unit) {
 std::string formatThroughput(const Case &c, const Measurement &m) {
     const char *unit;
     const double t = throughput(c, m, &unit);
-    if (std::isnan(t))
-        return "-";
+    if (std::isnan(t)) return "-";
     return format(t >= 100.0 ? "%.0f " : "%.2f ", t) + unit;
 }
 
@@ -76,8 +71,7 @@ std::string formatTarget(double maxRatio) { return format("<= %g", maxRatio); }
 std::string jsonString(const std::string &s) {
     std::string out = "\"";
     for (char ch : s) {
-        if (ch == '"' || ch == '\\')
-            out += '\\';
+        if (ch == '"' || ch == '\\') out += '\\';
         if (static_cast<unsigned char>(ch) < 0x20) {
             out += format("\\u%04x", double(static_cast<unsigned char>(ch)));
             continue;
@@ -88,8 +82,7 @@ std::string jsonString(const std::string &s) {
 }
 
 std::string jsonNumber(double v) {
-    if (!std::isfinite(v))
-        return "null";
+    if (!std::isfinite(v)) return "null";
     char text[64];
     std::snprintf(text, sizeof text, "%.10g", v);
     return text;
@@ -114,7 +107,7 @@ std::string groupOf(const std::string &key) { return key.substr(0, key.find('/')
 
 std::string picture(const Case &c) { return c.picture.empty() ? "-" : c.picture; }
 
-} // namespace
+}  // namespace
 
 TableReporter::TableReporter(Format format) : format_(format) {}
 
@@ -122,16 +115,14 @@ bool TableReporter::ReportContext(const Context &context) {
     numCpus_ = context.cpu_info.num_cpus;
     mhz_ = context.cpu_info.cycles_per_second / 1e6;
     loadAvg_ = context.cpu_info.load_avg;
-    if (format_ == Format::Text)
-        std::fprintf(stderr, "morven_bench: one line per finished case\n");
+    if (format_ == Format::Text) std::fprintf(stderr, "morven_bench: one line per finished case\n");
     return true;
 }
 
 void TableReporter::ReportRuns(const std::vector<Run> &runs) {
     for (const Run &run : runs) {
         const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-        if (run.run_type == Run::RT_Aggregate && !median)
-            continue;
+        if (run.run_type == Run::RT_Aggregate && !median) continue;
         Measurement m;
         m.key = run.run_name.function_name;
         m.error = run.error_occurred;
@@ -170,8 +161,7 @@ void TableReporter::Finalize() {
     std::vector<TableRow> rows;
     for (const Case &c : cases()) {
         const Measurement *m = find(c.key);
-        if (!c.listed || !m)
-            continue;
+        if (!c.listed || !m) continue;
         const size_t first = rows.size();
         if (c.minGflops > 0.0 || c.yardsticks.empty()) {
             TableRow r(&c, m, "-");
@@ -185,8 +175,7 @@ void TableReporter::Finalize() {
         for (const Yardstick &y : c.yardsticks) {
             const Case *yc = findCase(y.key);
             const Measurement *ym = find(y.key);
-            if (!yc || !ym)
-                continue;
+            if (!yc || !ym) continue;
             TableRow r(&c, m, yc->operation);
             r.y = ym;
             if (!m->error && !ym->error) {
@@ -198,8 +187,7 @@ void TableReporter::Finalize() {
             }
             rows.push_back(r);
         }
-        if (rows.size() == first)
-            rows.emplace_back(&c, m, "-");
+        if (rows.size() == first) rows.emplace_back(&c, m, "-");
     }
     if (format_ == Format::Text)
         writeText(rows);
@@ -225,11 +213,9 @@ void TableReporter::writeText(const std::vector<TableRow> &rows) const {
             continue;
         }
         std::string yardstick = r.yardstick;
-        if (r.y)
-            yardstick += r.y->error ? " (error)" : " " + formatTime(r.y->cpuNs);
+        if (r.y) yardstick += r.y->error ? " (error)" : " " + formatTime(r.y->cpuNs);
         cells.push_back({r.measured->operation, picture(*r.measured), r.measured->size,
-                         formatTime(r.m->cpuNs),
-                         formatThroughput(*r.measured, *r.m), yardstick,
+                         formatTime(r.m->cpuNs), formatThroughput(*r.measured, *r.m), yardstick,
                          std::isnan(r.ratio) ? "-" : format("%.2f", r.ratio),
                          r.target.empty() ? "-" : r.target, r.result.empty() ? "-" : r.result});
         met += r.result == "met";
@@ -237,15 +223,13 @@ void TableReporter::writeText(const std::vector<TableRow> &rows) const {
     }
     std::vector<size_t> width(cells.front().size(), 0);
     for (const auto &line : cells)
-        for (size_t i = 0; i < line.size(); ++i)
-            width[i] = std::max(width[i], line[i].size());
+        for (size_t i = 0; i < line.size(); ++i) width[i] = std::max(width[i], line[i].size());
     // Numbers right-aligned, words left-aligned.
     const bool right[] = {false, false, false, true, true, false, true, false, false};
 
     std::string model = cpuModel();
     out << "Morven benchmarks on " << model << " (" << numCpus_ << " CPUs";
-    if (mhz_ > 0.0)
-        out << ", " << format("%.0f", mhz_) << " MHz";
+    if (mhz_ > 0.0) out << ", " << format("%.0f", mhz_) << " MHz";
     out << "), one thread; time is the CPU time of one call";
     if (!measurements_.empty())
         out << (measurements_.front().statistic == "median"
@@ -261,18 +245,15 @@ void TableReporter::writeText(const std::vector<TableRow> &rows) const {
     out << "; ratio = time / yardstick time, both from this run;\n"
            "MB/s counts the yardstick's bytes (10^6 bytes per MB); targets apply at 24 MP\n\n";
     for (size_t n = 0; n < cells.size(); ++n) {
-        if (gapBefore[n])
-            out << '\n';
+        if (gapBefore[n]) out << '\n';
         std::string line;
         for (size_t i = 0; i < cells[n].size(); ++i) {
             const std::string &cell = cells[n][i];
             const std::string pad(width[i] - cell.size(), ' ');
             line += right[i] && n > 0 ? pad + cell : cell + pad;
-            if (i + 1 < cells[n].size())
-                line += "  ";
+            if (i + 1 < cells[n].size()) line += "  ";
         }
-        while (!line.empty() && line.back() == ' ')
-            line.pop_back();
+        while (!line.empty() && line.back() == ' ') line.pop_back();
         out << line << '\n';
     }
     out << "\ntargets: " << met << " met, " << missed << " missed\n";
@@ -290,8 +271,7 @@ void TableReporter::writeJson(const std::vector<TableRow> &rows) const {
     out << "    \"num_cpus\": " << numCpus_ << ",\n";
     out << "    \"mhz\": " << jsonNumber(mhz_) << ",\n";
     out << "    \"load_avg\": [";
-    for (size_t i = 0; i < loadAvg_.size(); ++i)
-        out << (i ? ", " : "") << jsonNumber(loadAvg_[i]);
+    for (size_t i = 0; i < loadAvg_.size(); ++i) out << (i ? ", " : "") << jsonNumber(loadAvg_[i]);
     out << "],\n";
     out << "    \"time\": \"cpu time of one call, ns\",\n";
     out << "    \"statistic\": "
@@ -313,16 +293,15 @@ void TableReporter::writeJson(const std::vector<TableRow> &rows) const {
         const TableRow &r = rows[n];
         const char *unit = "";
         const double t = r.m->error ? NAN : throughput(*r.measured, *r.m, &unit);
-        out << "    {\"operation\": " << jsonString(r.measured->operation)
-            << ", \"picture\": " << (r.measured->picture.empty() ? "null" : jsonString(r.measured->picture))
+        out << "    {\"operation\": " << jsonString(r.measured->operation) << ", \"picture\": "
+            << (r.measured->picture.empty() ? "null" : jsonString(r.measured->picture))
             << ", \"size\": " << jsonString(r.measured->size)
             << ", \"name\": " << jsonString(r.measured->key)
             << ", \"time_ns\": " << jsonNumber(r.m->error ? NAN : r.m->cpuNs)
             << ", \"throughput\": " << jsonNumber(t)
             << ", \"throughput_unit\": " << jsonString(unit)
             << ", \"yardstick\": " << (r.y ? jsonString(r.yardstick) : "null")
-            << ", \"yardstick_time_ns\": "
-            << jsonNumber(r.y && !r.y->error ? r.y->cpuNs : NAN)
+            << ", \"yardstick_time_ns\": " << jsonNumber(r.y && !r.y->error ? r.y->cpuNs : NAN)
             << ", \"ratio\": " << jsonNumber(r.ratio)
             << ", \"target\": " << (r.target.empty() ? "null" : jsonString(r.target))
             << ", \"result\": " << (r.result.empty() ? "null" : jsonString(r.result))
@@ -339,8 +318,7 @@ void TableReporter::writeJson(const std::vector<TableRow> &rows) const {
             << ", \"bytes\": " << jsonNumber(c && c->bytes > 0.0 ? c->bytes : NAN)
             << ", \"flops\": " << jsonNumber(c && c->flops > 0.0 ? c->flops : NAN)
             << ", \"cpu_time_ns\": " << jsonNumber(m.cpuNs)
-            << ", \"real_time_ns\": " << jsonNumber(m.realNs)
-            << ", \"iterations\": "
+            << ", \"real_time_ns\": " << jsonNumber(m.realNs) << ", \"iterations\": "
             << (m.statistic == "single" ? std::to_string(m.iterations) : std::string("null"))
             << ", \"repetitions\": " << m.repetitions
             << ", \"statistic\": " << jsonString(m.statistic)
@@ -351,4 +329,4 @@ void TableReporter::writeJson(const std::vector<TableRow> &rows) const {
     out.flush();
 }
 
-} // namespace bench
+}  // namespace bench

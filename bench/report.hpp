@@ -14,11 +14,11 @@ struct Measurement {
     std::string key;
     bool error = false;
     std::string message;
-    double cpuNs = 0.0;  // CPU time per call
-    double realNs = 0.0; // wall-clock time per call
-    int64_t iterations = 0; // calls timed in the run (not kept for a median)
+    double cpuNs = 0.0;      // CPU time per call
+    double realNs = 0.0;     // wall-clock time per call
+    int64_t iterations = 0;  // calls timed in the run (not kept for a median)
     int64_t repetitions = 0;
-    std::string statistic; // "median" or "single"
+    std::string statistic;  // "median" or "single"
 };
 
 struct TableRow;
@@ -45,4 +45,4 @@ private:
     std::map<std::string, size_t> index_;
 };
 
-} // namespace bench
+}  // namespace bench

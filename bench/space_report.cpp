@@ -30,8 +30,8 @@
 
 #include <png.h>
 #ifdef MORVEN_REPORT_HAVE_JPEG
-#include <csetjmp>
 #include <jpeglib.h>
+#include <csetjmp>
 #endif
 
 #include <algorithm>
@@ -179,7 +179,8 @@ Picture resizeToHeight(const Picture &in, int32_t height) {
         for (int32_t x = 0; x < out.width; ++x)
             for (int c = 0; c < 3; ++c) {
                 double v = 0;
-                for (const Tap &col : columns[size_t(x)]) v += col.weight * line[size_t(col.index) * 3 + c];
+                for (const Tap &col : columns[size_t(x)])
+                    v += col.weight * line[size_t(col.index) * 3 + c];
                 dst[x * 3 + c] = uint8_t(std::clamp(std::lround(v), 0L, 255L));
             }
     }
@@ -261,17 +262,20 @@ bool labSelfCheck() {
         Lab expected;
     };
     const Case cases[] = {
-        {255, 255, 255, {100.0, 0.0, 0.0}},         {0, 0, 0, {0.0, 0.0, 0.0}},
-        {255, 0, 0, {53.241, 80.092, 67.203}},      {0, 255, 0, {87.735, -86.183, 83.179}},
-        {0, 0, 255, {32.297, 79.188, -107.860}},    {128, 128, 128, {53.585, 0.0, 0.0}},
+        {255, 255, 255, {100.0, 0.0, 0.0}},      {0, 0, 0, {0.0, 0.0, 0.0}},
+        {255, 0, 0, {53.241, 80.092, 67.203}},   {0, 255, 0, {87.735, -86.183, 83.179}},
+        {0, 0, 255, {32.297, 79.188, -107.860}}, {128, 128, 128, {53.585, 0.0, 0.0}},
     };
     bool ok = true;
     for (const Case &c : cases) {
         const Lab got = labOf(c.r, c.g, c.b);
         if (std::fabs(got.L - c.expected.L) > 0.01 || std::fabs(got.a - c.expected.a) > 0.01 ||
             std::fabs(got.b - c.expected.b) > 0.01) {
-            std::fprintf(stderr, "space_report: Lab of (%d, %d, %d) is (%.3f, %.3f, %.3f), expected (%.3f, %.3f, %.3f)\n",
-                         c.r, c.g, c.b, got.L, got.a, got.b, c.expected.L, c.expected.a, c.expected.b);
+            std::fprintf(stderr,
+                         "space_report: Lab of (%d, %d, %d) is (%.3f, %.3f, %.3f), expected (%.3f, "
+                         "%.3f, %.3f)\n",
+                         c.r, c.g, c.b, got.L, got.a, got.b, c.expected.L, c.expected.a,
+                         c.expected.b);
             ok = false;
         }
     }
@@ -517,13 +521,20 @@ bool parse(int argc, char **argv, Options &o) {
         }
         if (i + 1 >= argc) return false;
         const char *v = argv[++i];
-        if (a == "--data") o.data = v;
-        else if (a == "--pictures") o.pictures = v;
-        else if (a == "--repeat") o.repeat = std::max(1, std::atoi(v));
-        else if (a == "--height") o.height = std::max(16, std::atoi(v));
-        else if (a == "--quality") o.quality = std::clamp(std::atoi(v), 1, 100);
-        else if (a == "--fidelity") o.fidelity = std::clamp(std::atof(v), 0.0, 1.0);
-        else return false;
+        if (a == "--data")
+            o.data = v;
+        else if (a == "--pictures")
+            o.pictures = v;
+        else if (a == "--repeat")
+            o.repeat = std::max(1, std::atoi(v));
+        else if (a == "--height")
+            o.height = std::max(16, std::atoi(v));
+        else if (a == "--quality")
+            o.quality = std::clamp(std::atoi(v), 1, 100);
+        else if (a == "--fidelity")
+            o.fidelity = std::clamp(std::atof(v), 0.0, 1.0);
+        else
+            return false;
     }
     return true;
 }
@@ -554,7 +565,9 @@ std::string triple(const std::array<double, 3> &v) {
 
 double mean3(const std::array<double, 3> &v) { return (v[0] + v[1] + v[2]) / 3; }
 
-const Distances &distancesOf(const Direction &d, int w) { return w < 0 ? d.baseline : d.way[w].distance; }
+const Distances &distancesOf(const Direction &d, int w) {
+    return w < 0 ? d.baseline : d.way[w].distance;
+}
 
 struct Report {
     std::vector<Picture> pics;
@@ -575,7 +588,8 @@ struct Report {
         std::printf("\n");
         for (const Direction &d : dirs) {
             std::printf("| %s |", label(d).c_str());
-            for (int w = baseline ? -1 : 0; w < kWayCount; ++w) std::printf(" %s |", cell(d, w).c_str());
+            for (int w = baseline ? -1 : 0; w < kWayCount; ++w)
+                std::printf(" %s |", cell(d, w).c_str());
             std::printf("\n");
         }
         std::printf("\n");
@@ -598,10 +612,12 @@ struct Report {
     }
 
     void falseColourTable() const {
-        std::printf("Share of the source's low-chroma pixels (%g ≤ C\\*ab < %g) whose result has "
-                    "C\\*ab ≥ %g and a hue angle more than %g° from the source pixel's, in per cent.\n\n",
-                    kLowChromaMin, kLowChromaMax, kVisibleChroma, kHueTurn);
-        table(false, [](const Direction &d, int w) { return fixed(100 * d.way[w].falseColour, 2); });
+        std::printf(
+            "Share of the source's low-chroma pixels (%g ≤ C\\*ab < %g) whose result has "
+            "C\\*ab ≥ %g and a hue angle more than %g° from the source pixel's, in per cent.\n\n",
+            kLowChromaMin, kLowChromaMax, kVisibleChroma, kHueTurn);
+        table(false,
+              [](const Direction &d, int w) { return fixed(100 * d.way[w].falseColour, 2); });
     }
 
     void summary() const {
@@ -614,14 +630,16 @@ struct Report {
                 [](const Direction &d, int w) { return mean3(distancesOf(d, w).rgb); });
         meanRow("KS L\\*, a\\*, b\\* (mean)", 3, true,
                 [](const Direction &d, int w) { return mean3(distancesOf(d, w).lab); });
-        meanRow("KS L\\*", 3, true, [](const Direction &d, int w) { return distancesOf(d, w).lab[0]; });
+        meanRow("KS L\\*", 3, true,
+                [](const Direction &d, int w) { return distancesOf(d, w).lab[0]; });
         meanRow("KS a\\*, b\\* (mean)", 3, true, [](const Direction &d, int w) {
             const auto &v = distancesOf(d, w).lab;
             return (v[1] + v[2]) / 2;
         });
         meanRow("false colour (%)", 2, false,
                 [](const Direction &d, int w) { return 100 * d.way[w].falseColour; });
-        meanRow("transfer time (ms)", 2, false, [](const Direction &d, int w) { return d.way[w].ms; });
+        meanRow("transfer time (ms)", 2, false,
+                [](const Direction &d, int w) { return d.way[w].ms; });
         std::printf("\n");
     }
 };
@@ -668,16 +686,17 @@ int main(int argc, char **argv) {
             profileMs[r][w] = bestMs(options.repeat, [&] {
                 return (space == wzSpaceChannels
                             ? wzImageFillColorProfile(ref.get(), profile.get())
-                            : wzImageFillColorProfile16(ref.get(), nullptr, space, profile16.get())) ==
-                       WZ_STATUS_OK;
+                            : wzImageFillColorProfile16(ref.get(), nullptr, space,
+                                                        profile16.get())) == WZ_STATUS_OK;
             });
             if (profileMs[r][w] < 0) {
-                std::fprintf(stderr, "space_report: profile of %s in %s failed\n", pics[r].name.c_str(),
-                             kWays[w].label);
+                std::fprintf(stderr, "space_report: profile of %s in %s failed\n",
+                             pics[r].name.c_str(), kWays[w].label);
                 return 1;
             }
             if (space == wzSpaceYCbCr || space == wzSpaceLab)
-                displacement[w] = std::max(displacement[w], profileDisplacement(pics[r], labs[r], space, *profile16));
+                displacement[w] = std::max(
+                    displacement[w], profileDisplacement(pics[r], labs[r], space, *profile16));
         }
     }
 
@@ -700,19 +719,21 @@ int main(int argc, char **argv) {
                 wzHistogramMatchOptions match{};
                 match.space = kWays[w].space;
                 if (match.space != wzSpaceChannels) {
-                    wzImageFillColorProfile16(reference.get(), nullptr, match.space, profile16.get());
+                    wzImageFillColorProfile16(reference.get(), nullptr, match.space,
+                                              profile16.get());
                     match.targetProfile16 = profile16.get();
                 }
                 wzStatus status = WZ_STATUS_OK;
                 Outcome &o = d.way[w];
                 o.ms = bestMs(options.repeat, [&] {
-                    status = wzHistogramTransferFilterWithOptions(params.get(), &match, support.get(), source.get(),
+                    status = wzHistogramTransferFilterWithOptions(params.get(), &match,
+                                                                  support.get(), source.get(),
                                                                   nullptr, result.get(), nullptr);
                     return status == WZ_STATUS_OK;
                 });
                 if (o.ms < 0) {
-                    std::fprintf(stderr, "space_report: %s in %s: status %u\n", report.label(d).c_str(),
-                                 kWays[w].label, unsigned(status));
+                    std::fprintf(stderr, "space_report: %s in %s: status %u\n",
+                                 report.label(d).c_str(), kWays[w].label, unsigned(status));
                     return 1;
                 }
                 Picture out = pictureOf(*result, src.name);
@@ -722,8 +743,8 @@ int main(int argc, char **argv) {
                 if (match.space == wzSpaceChannels) {
                     // The per-channel way must be the classic transfer exactly.
                     Image classic(checked(wzImageCreateAs(source.get()), "an image"));
-                    wzHistogramTransferFilter(params.get(), support.get(), source.get(), nullptr, classic.get(),
-                                              nullptr);
+                    wzHistogramTransferFilter(params.get(), support.get(), source.get(), nullptr,
+                                              classic.get(), nullptr);
                     exactChannels += std::memcmp(classic->data, result->data, src.rgb.size()) == 0;
                 }
                 panels.push_back(std::move(out));
@@ -731,7 +752,8 @@ int main(int argc, char **argv) {
             if (!options.pictures.empty()) {
                 for (Picture &p : panels) p = resizeToHeight(p, options.height);
                 const Picture row = strip(panels, 4);
-                std::string path = options.pictures + "/space-" + src.name + "-from-" + pics[size_t(r)].name;
+                std::string path =
+                    options.pictures + "/space-" + src.name + "-from-" + pics[size_t(r)].name;
 #ifdef MORVEN_REPORT_HAVE_JPEG
                 path += ".jpg";
                 if (!writeJpeg(path.c_str(), row, options.quality)) return 1;
@@ -745,26 +767,31 @@ int main(int argc, char **argv) {
         }
     }
 
-    std::printf("Library %s; transfer parameters: strength %g, fidelity %g, maxStep %d, contrast %s, "
-                "smoothing %s.\n\n",
-                wzMorvenVersionString(), double(params->matchStrength), double(params->matchFidelity),
-                int(params->matchMaxStep), params->contrastEnabled ? "on" : "off",
-                params->smoothEnabled ? "on" : "off");
+    std::printf(
+        "Library %s; transfer parameters: strength %g, fidelity %g, maxStep %d, contrast %s, "
+        "smoothing %s.\n\n",
+        wzMorvenVersionString(), double(params->matchStrength), double(params->matchFidelity),
+        int(params->matchMaxStep), params->contrastEnabled ? "on" : "off",
+        params->smoothEnabled ? "on" : "off");
     if (options.brief) {
         report.falseColourTable();
         report.summary();
     } else {
-        std::printf("### Distance to the reference's R, G, B distributions\n\n"
-                    "Kolmogorov-Smirnov distance of the 8-bit values, mean of R, G and B "
-                    "(0 identical, 1 disjoint); *source* is the untouched source.\n\n");
-        report.table(true, [](const Direction &d, int w) { return fixed(mean3(distancesOf(d, w).rgb), 3); });
+        std::printf(
+            "### Distance to the reference's R, G, B distributions\n\n"
+            "Kolmogorov-Smirnov distance of the 8-bit values, mean of R, G and B "
+            "(0 identical, 1 disjoint); *source* is the untouched source.\n\n");
+        report.table(
+            true, [](const Direction &d, int w) { return fixed(mean3(distancesOf(d, w).rgb), 3); });
         std::printf("Per channel, R / G / B:\n\n");
         report.table(true, [](const Direction &d, int w) { return triple(distancesOf(d, w).rgb); });
 
-        std::printf("### Distance to the reference's CIELAB distributions\n\n"
-                    "Kolmogorov-Smirnov distance of L\\*, a\\*, b\\* (bins of %g), mean of the three.\n\n",
-                    kLabBin);
-        report.table(true, [](const Direction &d, int w) { return fixed(mean3(distancesOf(d, w).lab), 3); });
+        std::printf(
+            "### Distance to the reference's CIELAB distributions\n\n"
+            "Kolmogorov-Smirnov distance of L\\*, a\\*, b\\* (bins of %g), mean of the three.\n\n",
+            kLabBin);
+        report.table(
+            true, [](const Direction &d, int w) { return fixed(mean3(distancesOf(d, w).lab), 3); });
         std::printf("Per channel, L\\* / a\\* / b\\*:\n\n");
         report.table(true, [](const Direction &d, int w) { return triple(distancesOf(d, w).lab); });
 
@@ -779,13 +806,17 @@ int main(int argc, char **argv) {
         }
         std::printf(" of the picture.\n\n");
 
-        std::printf("### Time of the transfer\n\n"
-                    "Milliseconds per call of wzHistogramTransferFilterWithOptions, one thread, best of %d; "
-                    "the reference's profile is made beforehand.\n\n",
-                    options.repeat);
+        std::printf(
+            "### Time of the transfer\n\n"
+            "Milliseconds per call of wzHistogramTransferFilterWithOptions, one thread, best of "
+            "%d; "
+            "the reference's profile is made beforehand.\n\n",
+            options.repeat);
         report.table(false, [](const Direction &d, int w) { return fixed(d.way[w].ms, 2); });
-        std::printf("The reference's profile (wzImageFillColorProfile for channels, wzImageFillColorProfile16 "
-                    "otherwise), milliseconds:\n\n| reference |");
+        std::printf(
+            "The reference's profile (wzImageFillColorProfile for channels, "
+            "wzImageFillColorProfile16 "
+            "otherwise), milliseconds:\n\n| reference |");
         for (const Way &w : kWays) std::printf(" %s |", w.label);
         std::printf("\n|---|");
         for (int w = 0; w < kWayCount; ++w) std::printf("---:|");
@@ -799,13 +830,14 @@ int main(int argc, char **argv) {
 
         std::printf("### Mean over the six directions\n\n");
         report.summary();
-        std::printf("Checks: CIELAB of this program within 0.01 of the published values of white, black, "
-                    "the sRGB primaries and gray 128; the per-channel way identical to "
-                    "wzHistogramTransferFilter in %zu of %zu directions; the deep profiles the library "
-                    "counts for the references within a mean displacement of %.2f bins (of 65536) of this "
-                    "program's count in Y'CbCr and %.2f bins (at most %.4f CIELAB units) in Lab.\n\n",
-                    exactChannels, report.dirs.size(), displacement[2], displacement[3],
-                    displacement[3] * 256.0 / 65535.0);
+        std::printf(
+            "Checks: CIELAB of this program within 0.01 of the published values of white, black, "
+            "the sRGB primaries and gray 128; the per-channel way identical to "
+            "wzHistogramTransferFilter in %zu of %zu directions; the deep profiles the library "
+            "counts for the references within a mean displacement of %.2f bins (of 65536) of this "
+            "program's count in Y'CbCr and %.2f bins (at most %.4f CIELAB units) in Lab.\n\n",
+            exactChannels, report.dirs.size(), displacement[2], displacement[3],
+            displacement[3] * 256.0 / 65535.0);
     }
     return exactChannels == report.dirs.size() ? 0 : 1;
 }

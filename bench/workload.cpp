@@ -58,7 +58,8 @@ void paint(std::vector<uint8_t> &px, int32_t w, int32_t h, const Look &look) {
             rowWave[size_t(c) * h + y] =
                 look.amplitude[c] * std::sin(twoPi * (1.5f + c) * float(y) / float(h) + float(c));
         for (int32_t x = 0; x < w; ++x)
-            colWave[size_t(c) * w + x] = 0.7f * look.amplitude[c] *
+            colWave[size_t(c) * w + x] =
+                0.7f * look.amplitude[c] *
                 std::cos(twoPi * (2.5f + 0.5f * c) * float(x) / float(w) + float(look.seed & 7));
     }
     px.resize(size_t(w) * h * 3);
@@ -66,7 +67,8 @@ void paint(std::vector<uint8_t> &px, int32_t w, int32_t h, const Look &look) {
     uint8_t *p = px.data();
     for (int32_t y = 0; y < h; ++y) {
         for (int32_t x = 0; x < w; ++x) {
-            uint32_t cell = (uint32_t(x / 160) * 73856093u) ^ (uint32_t(y / 160) * 19349663u) ^ look.seed;
+            uint32_t cell =
+                (uint32_t(x / 160) * 73856093u) ^ (uint32_t(y / 160) * 19349663u) ^ look.seed;
             cell *= 2654435761u;
             float offset = float(int((cell >> 24) & 63) - 32);
             for (int c = 0; c < 3; ++c) {
@@ -78,7 +80,7 @@ void paint(std::vector<uint8_t> &px, int32_t w, int32_t h, const Look &look) {
     }
 }
 
-} // namespace
+}  // namespace
 
 void addCase(const Case &c, std::function<void(benchmark::State &)> fn) {
     registry().push_back(c);
@@ -89,8 +91,7 @@ const std::vector<Case> &cases() { return registry(); }
 
 const Case *findCase(const std::string &key) {
     for (const Case &c : registry())
-        if (c.key == key)
-            return &c;
+        if (c.key == key) return &c;
     return nullptr;
 }
 
@@ -116,8 +117,7 @@ std::string addMemcpyCase(const std::string &group, const std::string &size, dou
 
 Dimensions dimensionsFor(double megapixels) {
     int32_t height = int32_t(std::lround(std::sqrt(megapixels * 1e6 / 1.5) / 8.0)) * 8;
-    if (height < 8)
-        height = 8;
+    if (height < 8) height = 8;
     return {height / 2 * 3, height};
 }
 
@@ -156,7 +156,8 @@ const Picture &picture(double megapixels, Scene scene) {
             paint(pic->reference, d.width, d.height, Look{{90, 120, 150}, {30, 50, 60}, 6});
         } else if (!photograph(scene, d.width, d.height, pic->source) ||
                    !photograph(referenceOf(scene), d.width, d.height, pic->reference)) {
-            std::fprintf(stderr, "morven_bench: cannot read the %s photograph\n", sceneLabel(scene));
+            std::fprintf(stderr, "morven_bench: cannot read the %s photograph\n",
+                         sceneLabel(scene));
             pic->source.assign(pic->bytes(), 0);
             pic->reference.assign(pic->bytes(), 0);
         }
@@ -166,8 +167,9 @@ const Picture &picture(double megapixels, Scene scene) {
         if (wzMorvenTransfer(d.width, d.height, pic->source.data(), pic->transferred.data(),
                              d.width, d.height, pic->reference.data(), 0, 255, 1.0f, 9.0f, 50.0f,
                              0.9f) != 0)
-            std::fprintf(stderr, "morven_bench: the transfer that prepares the smoothing input "
-                                 "failed; smoothing runs on a black picture\n");
+            std::fprintf(stderr,
+                         "morven_bench: the transfer that prepares the smoothing input "
+                         "failed; smoothing runs on a black picture\n");
         slot = std::move(pic);
     }
     return *slot;
@@ -178,15 +180,14 @@ std::vector<Scene> &chosenScenes() {
     static std::vector<Scene> chosen;
     return chosen;
 }
-} // namespace
+}  // namespace
 
 const std::vector<Scene> &scenes() {
     std::vector<Scene> &chosen = chosenScenes();
     if (chosen.empty()) {
         const bool photos = havePhotographs();
         for (Scene s : kScenes)
-            if (photos || s == Scene::Synthetic)
-                chosen.push_back(s);
+            if (photos || s == Scene::Synthetic) chosen.push_back(s);
     }
     return chosen;
 }
@@ -206,26 +207,23 @@ bool setScenes(const char *list) {
                 chosen.push_back(s);
                 known = true;
             }
-        if (!known)
-            return false;
+        if (!known) return false;
     }
     return !chosen.empty();
 }
 
 Header::Header(int32_t width, int32_t height, uint32_t encoding, uint32_t type, const void *data)
     : image_(wzImageCreateHeaderWithType(width, height, encoding, type)) {
-    if (image_)
-        image_->data = static_cast<uint8_t *>(const_cast<void *>(data));
+    if (image_) image_->data = static_cast<uint8_t *>(const_cast<void *>(data));
 }
 
 Header::~Header() { wzImageReleaseHeader(&image_); }
 
 bool check(benchmark::State &state, uint32_t status, const char *what) {
-    if (status == 0)
-        return true;
+    if (status == 0) return true;
     std::string message = std::string(what) + " returned " + std::to_string(status);
     state.SkipWithError(message.c_str());
     return false;
 }
 
-} // namespace bench
+}  // namespace bench

@@ -17,7 +17,8 @@ inline void checkPicture(const morven::tool::Picture &picture) {
     FUZZ_CHECK(uint64_t(picture.width) * uint64_t(picture.height) <= kMaxPixels);
     FUZZ_CHECK(picture.channels >= 1 && picture.channels <= 4);
     FUZZ_CHECK(picture.depth == 8 || picture.depth == 16);
-    FUZZ_CHECK((picture.depth == 8 ? picture.samples8.size() : picture.samples16.size()) == picture.sampleCount());
+    FUZZ_CHECK((picture.depth == 8 ? picture.samples8.size() : picture.samples16.size()) ==
+               picture.sampleCount());
     FUZZ_CHECK(picture.icc.size() <= kMaxEmbeddedBytes);
     if (picture.sampleCount() > (size_t{1} << 16)) return;
     Picture plain = picture;
@@ -36,8 +37,7 @@ template <class Decode>
 void decodeAndCheck(Decode decode, const std::vector<uint8_t> &bytes) {
     try {
         checkPicture(decode("fuzz input", bytes));
-    } catch (const morven::tool::FileError &) {
-    }
+    } catch (const morven::tool::FileError &) {}
 }
 
 }  // namespace fuzz

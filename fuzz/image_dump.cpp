@@ -20,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
         // Whole-block operations (regions are not checked against the image
         // size on purpose, so region-aware ones are left out).
-        wzImage *wide = wzImageCreateWithType(image->width, image->height, image->encoding, wzType64F);
+        wzImage *wide =
+            wzImageCreateWithType(image->width, image->height, image->encoding, wzType64F);
         FUZZ_CHECK(wide != nullptr);
         FUZZ_CHECK(wzImageCvtType(image, wide) == 0);
         wzImage *back = wzImageCreateAs(image);
@@ -30,8 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             wzRect box;
             uint32_t empty = 0;
             FUZZ_CHECK(wzImageGetNonZeroROI(image, &box, &empty) == 0);
-            if (!empty) FUZZ_CHECK(box.x >= 0 && box.x + box.width <= image->width &&
-                                   box.y >= 0 && box.y + box.height <= image->height);
+            if (!empty)
+                FUZZ_CHECK(box.x >= 0 && box.x + box.width <= image->width && box.y >= 0 &&
+                           box.y + box.height <= image->height);
         }
         wzImageRelease(&back);
         wzImageRelease(&wide);

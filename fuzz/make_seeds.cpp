@@ -41,7 +41,10 @@ uint8_t pattern(int x, int y, int c) { return uint8_t((x * 37 + y * 71 + c * 101
 wzImage *image(int32_t w, int32_t h, uint32_t encoding, uint32_t type) {
     wzImage *img = wzImageCreateWithType(w, h, encoding, type);
     const size_t bytes = size_t(w) * h * wzImageGetNChannel(img) *
-                         (type == wzType8U ? 1 : type == wzType16U ? 2 : type == wzType64F ? 8 : 4);
+                         (type == wzType8U    ? 1
+                          : type == wzType16U ? 2
+                          : type == wzType64F ? 8
+                                              : 4);
     for (size_t i = 0; i < bytes; ++i) img->data[i] = pattern(int(i), int(i / 7), 0);
     if (type == wzType32F)
         for (size_t i = 0; i < bytes / 4; ++i) {
@@ -143,8 +146,8 @@ void png(const std::string &name, int w, int h, int colorType, int depth, bool i
     png_infop info = png_create_info_struct(p);
     png_init_io(p, f);
     png_set_IHDR(p, info, w, h, depth, colorType,
-                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
+                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     if (colorType == PNG_COLOR_TYPE_PALETTE) {
         png_color palette[4] = {{0, 0, 0}, {255, 0, 0}, {0, 255, 0}, {30, 60, 255}};
         png_set_PLTE(p, info, palette, 4);
@@ -152,7 +155,7 @@ void png(const std::string &name, int w, int h, int colorType, int depth, bool i
         png_set_tRNS(p, info, alpha, 2, nullptr);
     }
     png_write_info(p, info);
-    const int channels = colorType == PNG_COLOR_TYPE_RGB         ? 3
+    const int channels = colorType == PNG_COLOR_TYPE_RGB          ? 3
                          : colorType == PNG_COLOR_TYPE_RGB_ALPHA  ? 4
                          : colorType == PNG_COLOR_TYPE_GRAY_ALPHA ? 2
                                                                   : 1;
@@ -199,8 +202,8 @@ void jpeg(const std::string &name, int w, int h, bool colour, bool progressive) 
 
 // One TIFF: bits, samples, photometric, compression, tiled or striped,
 // interleaved or in planes.
-void tiffSeed(const std::string &name, int w, int h, int bits, int samples, int photometric, int compression,
-          bool tiled, bool planes) {
+void tiffSeed(const std::string &name, int w, int h, int bits, int samples, int photometric,
+              int compression, bool tiled, bool planes) {
     fs::create_directories(root / "tiff_decode");
     TIFF *t = TIFFOpen((root / "tiff_decode" / name).c_str(), "w");
     TIFFSetField(t, TIFFTAG_IMAGEWIDTH, w);
@@ -213,25 +216,33 @@ void tiffSeed(const std::string &name, int w, int h, int bits, int samples, int 
     if (photometric == PHOTOMETRIC_PALETTE) {
         std::vector<uint16_t> map(size_t(3) << bits);
         for (size_t i = 0; i < map.size(); ++i) map[i] = uint16_t(i * 4099);
-        TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data() + (1 << bits), map.data() + (2 << bits));
+        TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data() + (1 << bits),
+                     map.data() + (2 << bits));
     }
-    if ((photometric == PHOTOMETRIC_RGB && samples == 4) || (photometric == PHOTOMETRIC_MINISBLACK && samples == 2)) {
+    if ((photometric == PHOTOMETRIC_RGB && samples == 4) ||
+        (photometric == PHOTOMETRIC_MINISBLACK && samples == 2)) {
         const uint16_t kind = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, &kind);
     }
     const int perBlock = planes ? 1 : samples;
     const uint32_t bw = tiled ? 16 : uint32_t(w), bh = tiled ? 16 : 2;
-    if (tiled) TIFFSetField(t, TIFFTAG_TILEWIDTH, bw), TIFFSetField(t, TIFFTAG_TILELENGTH, bh);
-    else TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, bh);
+    if (tiled)
+        TIFFSetField(t, TIFFTAG_TILEWIDTH, bw), TIFFSetField(t, TIFFTAG_TILELENGTH, bh);
+    else
+        TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, bh);
     const size_t bytes = (size_t(bw) * perBlock * bits + 7) / 8 * bh;
     std::vector<uint8_t> block(bytes);
     for (size_t i = 0; i < bytes; ++i) block[i] = pattern(int(i), int(i / 5), 2);
     for (int plane = 0; plane < (planes ? samples : 1); ++plane)
         for (uint32_t y = 0; y < uint32_t(h); y += bh)
             for (uint32_t x = 0; x < uint32_t(w); x += bw) {
-                if (tiled) TIFFWriteEncodedTile(t, TIFFComputeTile(t, x, y, 0, uint16_t(plane)), block.data(), tmsize_t(bytes));
-                else TIFFWriteEncodedStrip(t, TIFFComputeStrip(t, y, uint16_t(plane)), block.data(),
-                                           tmsize_t((size_t(bw) * perBlock * bits + 7) / 8 * std::min<uint32_t>(bh, h - y)));
+                if (tiled)
+                    TIFFWriteEncodedTile(t, TIFFComputeTile(t, x, y, 0, uint16_t(plane)),
+                                         block.data(), tmsize_t(bytes));
+                else
+                    TIFFWriteEncodedStrip(t, TIFFComputeStrip(t, y, uint16_t(plane)), block.data(),
+                                          tmsize_t((size_t(bw) * perBlock * bits + 7) / 8 *
+                                                   std::min<uint32_t>(bh, h - y)));
             }
     TIFFClose(t);
 }
@@ -241,7 +252,8 @@ void tiffSeed(const std::string &name, int w, int h, int bits, int samples, int 
 void webpSeed(const std::string &name, int w, int h, bool alpha, bool lossless, bool icc) {
     const int c = alpha ? 4 : 3;
     std::vector<uint8_t> px(size_t(w) * h * c);
-    for (size_t i = 0; i < px.size(); ++i) px[i] = pattern(int(i % size_t(w * c)), int(i / size_t(w * c)), 3);
+    for (size_t i = 0; i < px.size(); ++i)
+        px[i] = pattern(int(i % size_t(w * c)), int(i / size_t(w * c)), 3);
     uint8_t *out = nullptr;
     size_t size = alpha ? (lossless ? WebPEncodeLosslessRGBA(px.data(), w, h, w * c, &out)
                                     : WebPEncodeRGBA(px.data(), w, h, w * c, 40, &out))
@@ -284,12 +296,18 @@ int main(int argc, char **argv) {
     jpeg("gray_8x8.jpg", 8, 8, false, false);
     jpeg("rgb_16x16.jpg", 16, 16, true, false);
     jpeg("rgb_progressive_24x8.jpg", 24, 8, true, true);
-    tiffSeed("gray8_none_5x3.tif", 5, 3, 8, 1, PHOTOMETRIC_MINISBLACK, COMPRESSION_NONE, false, false);
-    tiffSeed("white1_packbits_9x4.tif", 9, 4, 1, 1, PHOTOMETRIC_MINISWHITE, COMPRESSION_PACKBITS, false, false);
-    tiffSeed("palette4_lzw_6x3.tif", 6, 3, 4, 1, PHOTOMETRIC_PALETTE, COMPRESSION_LZW, false, false);
-    tiffSeed("rgb16_lzw_tiled_20x18.tif", 20, 18, 16, 3, PHOTOMETRIC_RGB, COMPRESSION_LZW, true, false);
-    tiffSeed("rgba8_deflate_planes_4x4.tif", 4, 4, 8, 4, PHOTOMETRIC_RGB, COMPRESSION_ADOBE_DEFLATE, false, true);
-    tiffSeed("cmyk8_none_3x3.tif", 3, 3, 8, 4, PHOTOMETRIC_SEPARATED, COMPRESSION_NONE, false, false);
+    tiffSeed("gray8_none_5x3.tif", 5, 3, 8, 1, PHOTOMETRIC_MINISBLACK, COMPRESSION_NONE, false,
+             false);
+    tiffSeed("white1_packbits_9x4.tif", 9, 4, 1, 1, PHOTOMETRIC_MINISWHITE, COMPRESSION_PACKBITS,
+             false, false);
+    tiffSeed("palette4_lzw_6x3.tif", 6, 3, 4, 1, PHOTOMETRIC_PALETTE, COMPRESSION_LZW, false,
+             false);
+    tiffSeed("rgb16_lzw_tiled_20x18.tif", 20, 18, 16, 3, PHOTOMETRIC_RGB, COMPRESSION_LZW, true,
+             false);
+    tiffSeed("rgba8_deflate_planes_4x4.tif", 4, 4, 8, 4, PHOTOMETRIC_RGB, COMPRESSION_ADOBE_DEFLATE,
+             false, true);
+    tiffSeed("cmyk8_none_3x3.tif", 3, 3, 8, 4, PHOTOMETRIC_SEPARATED, COMPRESSION_NONE, false,
+             false);
     webpSeed("rgb_lossy_8x6.webp", 8, 6, false, false, false);
     webpSeed("rgba_lossless_5x4.webp", 5, 4, true, true, false);
     webpSeed("rgba_lossy_icc_6x6.webp", 6, 6, true, false, true);

@@ -43,7 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (!m) break;
         const long end = std::ftell(in);
         FUZZ_CHECK(m->nRows > 0 && m->nCols > 0);
-        for (int32_t i = 0; i < m->nRows; ++i) FUZZ_CHECK(m->rowPtr[i] == m->data + int64_t{i} * m->nCols);
+        for (int32_t i = 0; i < m->nRows; ++i)
+            FUZZ_CHECK(m->rowPtr[i] == m->data + int64_t{i} * m->nCols);
 
         fuzz::Output saved;
         FUZZ_CHECK(wzMatrixDumpSave(m, saved.stream()) == 0);

@@ -20,6 +20,6 @@ int main(int argc, char **argv) {
     initFileCreationMask();
     initMetadata();
     return runCommandLine(argc, argv,
-                          {transferCommand(), equalizeCommand(), stretchCommand(), contrastCommand(), smoothCommand(),
-                           infoCommand()});
+                          {transferCommand(), equalizeCommand(), stretchCommand(),
+                           contrastCommand(), smoothCommand(), infoCommand()});
 }

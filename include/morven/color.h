@@ -139,7 +139,6 @@ MORVEN_API wzStatus wzAddWeigthedM(const wzImage *a, const wzImage *b, wzImage *
  *          image is not 8-bit or has an encoding above 4. */
 MORVEN_API wzStatus wzSubstitute(const wzImage *src, wzImage *dst, const wzImage *mask);
 
-
 /* ======================================================================== */
 /* Extensions                                                               */
 /* ======================================================================== */

@@ -39,15 +39,15 @@
  * mark is hidden.
  */
 #if defined(_WIN32) && !defined(MORVEN_STATIC)
-#  if defined(MORVEN_BUILDING)
-#    define MORVEN_API __declspec(dllexport)
-#  else
-#    define MORVEN_API __declspec(dllimport)
-#  endif
-#elif defined(__GNUC__) || defined(__clang__)
-#  define MORVEN_API __attribute__((visibility("default")))
+#if defined(MORVEN_BUILDING)
+#define MORVEN_API __declspec(dllexport)
 #else
-#  define MORVEN_API
+#define MORVEN_API __declspec(dllimport)
+#endif
+#elif defined(__GNUC__) || defined(__clang__)
+#define MORVEN_API __attribute__((visibility("default")))
+#else
+#define MORVEN_API
 #endif
 
 /**
@@ -60,11 +60,11 @@
  * @brief Closes the block opened by MORVEN_EXTERN_C_BEGIN.
  */
 #ifdef __cplusplus
-#  define MORVEN_EXTERN_C_BEGIN extern "C" {
-#  define MORVEN_EXTERN_C_END }
+#define MORVEN_EXTERN_C_BEGIN extern "C" {
+#define MORVEN_EXTERN_C_END }
 #else
-#  define MORVEN_EXTERN_C_BEGIN
-#  define MORVEN_EXTERN_C_END
+#define MORVEN_EXTERN_C_BEGIN
+#define MORVEN_EXTERN_C_END
 #endif
 
 /** Result of every operation that can fail.

@@ -37,9 +37,9 @@ MORVEN_EXTERN_C_BEGIN
 /** Parameters of contrast enhancement. Note that manualHigh precedes
  *  manualLow. */
 typedef struct wzContrastEnhanceParams {
-    float highTail;     /**< per mille of all pixels allowed above the bright level; default 9 */
-    float lowTail;      /**< per mille of all pixels allowed below the dark level; default 4 */
-    int32_t manual;     /**< non-zero: levels from manualLow/manualHigh, histogram ignored; default 0 */
+    float highTail; /**< per mille of all pixels allowed above the bright level; default 9 */
+    float lowTail;  /**< per mille of all pixels allowed below the dark level; default 4 */
+    int32_t manual; /**< non-zero: levels from manualLow/manualHigh, histogram ignored; default 0 */
     uint8_t manualHigh; /**< bright level in manual mode; default 255 */
     uint8_t manualLow;  /**< dark level in manual mode; default 0 */
 } wzContrastEnhanceParams;
@@ -181,10 +181,9 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
  *          destination holding the rows already written; or the non-zero
  *          status of the statistics pass, the apply pass or the blend, passed
  *          on unchanged. */
-MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *params,
-                                            wzImage *source, const wzImage *mask,
-                                            wzImage *destination, const uint32_t *cancel);
-
+MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *params, wzImage *source,
+                                            const wzImage *mask, wzImage *destination,
+                                            const uint32_t *cancel);
 
 /* ======================================================================== */
 /* Extensions                                                               */
@@ -211,8 +210,7 @@ MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *param
  *          4, or a mask that is not 8-bit gray of the image's size (the
  *          record is then cleared); 2 when cancelled. */
 MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats *stats,
-                                                         const wzImage *image,
-                                                         const wzImage *mask,
+                                                         const wzImage *image, const wzImage *mask,
                                                          const uint32_t *cancel);
 
 /** Brightness histogram of a 16-bit image at full resolution: hist[b]

@@ -228,7 +228,6 @@ MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destinati
 
 /** @} */
 
-
 /* ======================================================================== */
 /* Extensions                                                               */
 /* ======================================================================== */
@@ -270,7 +269,9 @@ enum {
 typedef struct wzImageColorProfile16 {
     int32_t space;    /**< wzWorkingSpace the bins were counted in */
     int32_t reserved; /**< 0 */
-    double bins[3][WZ_PROFILE16_BINS]; /**< bins[0] red (Cr, b*), bins[1] green (Cb, a*), bins[2] blue or gray (Y', L*) */
+    double bins
+        [3]
+        [WZ_PROFILE16_BINS]; /**< bins[0] red (Cr, b*), bins[1] green (Cb, a*), bins[2] blue or gray (Y', L*) */
 } wzImageColorProfile16;
 
 /** Options of the extended matching filter and the extended transfer.
@@ -357,8 +358,7 @@ MORVEN_API wzStatus wzImageFillColorProfileMasked(const wzImage *image, const wz
  *          4, an unknown space, or a mask that is not 8-bit gray of the
  *          region's size (the profile is then all zeros). */
 MORVEN_API wzStatus wzImageFillColorProfile16(const wzImage *image, const wzImage *mask,
-                                              wzWorkingSpace space,
-                                              wzImageColorProfile16 *profile);
+                                              wzWorkingSpace space, wzImageColorProfile16 *profile);
 
 /** Creates curves that map nothing (every level to itself).
  *  @return the new record, or null when the allocation fails. */
@@ -388,8 +388,7 @@ MORVEN_API void wzHistogramMatchCurvesRelease(wzHistogramMatchCurves **curves);
 MORVEN_API wzStatus wzHistogramMatchCurvesCompute(const wzImageColorProfile16 *source,
                                                   const wzHistogramMatchParams *params,
                                                   const wzImageColorProfile16 *target16,
-                                                  int32_t channels,
-                                                  wzHistogramMatchCurves *curves);
+                                                  int32_t channels, wzHistogramMatchCurves *curves);
 
 /** Applies curves from the source's region into the destination's region:
  *  in wzSpaceChannels each mapped channel's sample v becomes centre[k][v]
@@ -415,8 +414,7 @@ MORVEN_API wzStatus wzHistogramMatchCurvesApply(const wzHistogramMatchCurves *cu
  *  @param mask statistics mask, or null.
  *  @return the status of wzImageFillColorProfileMasked. */
 MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *stats,
-                                                        const wzImage *image,
-                                                        const wzImage *mask);
+                                                        const wzImage *image, const wzImage *mask);
 
 /** Histogram matching with statistics masks, 16-bit images and working
  *  spaces. Matches the source's region into the destination's region, then
@@ -469,8 +467,7 @@ MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *s
 MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchParams *params,
                                                       const wzHistogramMatchOptions *options,
                                                       wzImage *source, const wzImage *mask,
-                                                      wzImage *destination,
-                                                      const uint32_t *cancel);
+                                                      wzImage *destination, const uint32_t *cancel);
 
 /** wzHistogramEqualization with statistics gathered under a mask, for 8-bit
  *  and 16-bit images; the table is applied to every pixel of the region.

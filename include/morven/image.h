@@ -110,8 +110,8 @@ MORVEN_API wzImage *wzImageCreateHeader(int32_t width, int32_t height, uint32_t 
  *  @param encoding wzImageEncoding of the pixels.
  *  @param type wzImageType of the elements.
  *  @return the new header, or null when the record cannot be allocated. */
-MORVEN_API wzImage *wzImageCreateHeaderWithType(int32_t width, int32_t height,
-                                                uint32_t encoding, uint32_t type);
+MORVEN_API wzImage *wzImageCreateHeaderWithType(int32_t width, int32_t height, uint32_t encoding,
+                                                uint32_t type);
 
 /** New 8-bit image owning an uninitialised block of width * height * channels
  *  bytes; released with wzImageRelease. See wzImageCreateWithType for sizes.

@@ -10,11 +10,11 @@
 #ifndef MORVEN_MORVEN_H
 #define MORVEN_MORVEN_H
 
-#include "common.h"
-#include "image.h"
 #include "color.h"
-#include "histogram.h"
+#include "common.h"
 #include "contrast.h"
+#include "histogram.h"
+#include "image.h"
 #include "matrix.h"
 #include "smoothing.h"
 #include "transfer.h"

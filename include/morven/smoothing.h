@@ -42,7 +42,8 @@ typedef struct wzSelectiveSmoothSupport {
 
 /** Parameters of selective smoothing. */
 typedef struct wzSelectiveSmoothParams {
-    float threshold;    /**< largest guide difference that allows smoothing, as a fraction of 255; default 0.1 */
+    float
+        threshold; /**< largest guide difference that allows smoothing, as a fraction of 255; default 0.1 */
     int32_t iterations; /**< passes per channel; default 2 */
 } wzSelectiveSmoothParams;
 
@@ -103,10 +104,9 @@ MORVEN_API void wzSelectiveSmoothParamsRelease(wzSelectiveSmoothParams **params)
  *          untouched; passes of several channels may run side by side, and
  *          then none of them is finished). */
 MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
-                                      const wzSelectiveSmoothSupport *support,
-                                      const wzImage *guide, const wzImage *input, wzImage *output,
+                                      const wzSelectiveSmoothSupport *support, const wzImage *guide,
+                                      const wzImage *input, wzImage *output,
                                       const uint32_t *cancel);
-
 
 /* ======================================================================== */
 /* Extensions                                                               */
@@ -137,9 +137,9 @@ MORVEN_API wzStatus wzSelectiveSmooth(const wzSelectiveSmoothParams *params,
  *          copied); 1 for images that are not 16-bit of one size and layout,
  *          or when working memory cannot be allocated (nothing written); 2
  *          when cancelled (finished channels stay written). */
-MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params,
-                                        const wzImage *guide, const wzImage *input,
-                                        wzImage *output, const uint32_t *cancel);
+MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params, const wzImage *guide,
+                                        const wzImage *input, wzImage *output,
+                                        const uint32_t *cancel);
 
 /** Selective smoothing of an 8-bit gray image: exactly what
  *  wzSelectiveSmooth gives a three-channel image that holds the gray level

@@ -144,8 +144,8 @@ MORVEN_API wzVolume *wzVolumeCreateHeaderWithType(int32_t width, int32_t height,
  *  @param encoding wzImageEncoding of the planes.
  *  @return the new volume, or null (see above). Choice of this library: an
  *          encoding above 4 yields null, as for wzVolumeCreateWithEncoding. */
-MORVEN_API wzVolume *wzVolumeCreateHeaderWithEncoding(int32_t width, int32_t height,
-                                                      int32_t depth, uint32_t encoding);
+MORVEN_API wzVolume *wzVolumeCreateHeaderWithEncoding(int32_t width, int32_t height, int32_t depth,
+                                                      uint32_t encoding);
 
 /** Sets voxels to block and, when depth >= 1, the data pointer of plane k to
  *  block + k * planeSize (channels from plane 0).
@@ -214,8 +214,7 @@ MORVEN_API wzVolume *wzVolumeCreateWithTypeWithSeparatePlanes(int32_t width, int
  *  @param height rows of every plane.
  *  @param depth number of planes.
  *  @return the new volume, or null (see above). */
-MORVEN_API wzVolume *wzVolumeCreateWithSeparatePlanes(int32_t width, int32_t height,
-                                                      int32_t depth);
+MORVEN_API wzVolume *wzVolumeCreateWithSeparatePlanes(int32_t width, int32_t height, int32_t depth);
 
 /** Releases the plane headers (last to first), the plane table and the
  *  record, never a pixel block, and sets `*volume` to null. Nothing for null.
@@ -530,9 +529,9 @@ MORVEN_API wzStatus wzHistogramMatchApplyGray3D(const void *reserved, const uint
  *          Choice of this library: a mask whose region (from its own origin,
  *          with the source region's extents) does not lie inside it returns 1
  *          before anything is written. */
-MORVEN_API wzStatus wzHistogramMatchFilter3D(const wzHistogramMatchParams *params,
-                                             wzVolume *source, const wzVolume *mask,
-                                             wzVolume *destination, const uint32_t *cancel);
+MORVEN_API wzStatus wzHistogramMatchFilter3D(const wzHistogramMatchParams *params, wzVolume *source,
+                                             const wzVolume *mask, wzVolume *destination,
+                                             const uint32_t *cancel);
 
 /** Equalises the source region into the destination region.
  *

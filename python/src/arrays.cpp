@@ -18,8 +18,9 @@ std::string dtypeText(const py::array &a) { return py::str(a.dtype()).cast<std::
 
 py::array asArray(py::handle object, const char *name) {
     if (!py::isinstance<py::array>(object))
-        throw py::type_error(std::string(name) + " must be a numpy.ndarray, not " +
-                             py::str(py::type::handle_of(object).attr("__name__")).cast<std::string>());
+        throw py::type_error(
+            std::string(name) + " must be a numpy.ndarray, not " +
+            py::str(py::type::handle_of(object).attr("__name__")).cast<std::string>());
     return py::reinterpret_borrow<py::array>(object);
 }
 
@@ -29,8 +30,9 @@ bool isC(const py::array &a) { return (a.flags() & py::array::c_style) != 0; }
 
 uint32_t encodingOf(const py::array &a, const std::string &order, const char *name) {
     if (order != "RGB" && order != "BGR" && order != "RGBA" && order != "ARGB")
-        throw py::value_error("order must be 'RGB' or 'BGR' ('RGBA' or 'ARGB' for four channels), got '" +
-                              order + "'");
+        throw py::value_error(
+            "order must be 'RGB' or 'BGR' ('RGBA' or 'ARGB' for four channels), got '" + order +
+            "'");
     if (a.ndim() == 2) return wzEncodingGray;
     const py::ssize_t channels = a.ndim() == 3 ? a.shape(2) : 0;
     if (channels == 3) {
@@ -46,8 +48,8 @@ uint32_t encodingOf(const py::array &a, const std::string &order, const char *na
                               " has 4 channels: BGRA is not a layout of the library; reorder it to "
                               "RGBA (image[..., [2, 1, 0, 3]]) and pass order='RGB'");
     }
-    throw py::value_error(std::string(name) + " must have shape (H, W), (H, W, 3) or (H, W, 4), got " +
-                          shapeText(a));
+    throw py::value_error(std::string(name) +
+                          " must have shape (H, W), (H, W, 3) or (H, W, 4), got " + shapeText(a));
 }
 
 View &View::operator=(View &&other) noexcept {
@@ -73,20 +75,24 @@ View View::image(py::handle object, const char *name, uint32_t encoding, bool wr
     const bool shapeFits = channels == 1 ? a.ndim() == 2 : a.ndim() == 3 && a.shape(2) == channels;
     if (!shapeFits)
         throw py::value_error(std::string(name) + " has shape " + shapeText(a) +
-                              (channels == 1 ? ", expected (H, W)" : ", expected (H, W, " +
-                                                                         std::to_string(channels) + ")"));
+                              (channels == 1
+                                   ? ", expected (H, W)"
+                                   : ", expected (H, W, " + std::to_string(channels) + ")"));
     if (!isC(a))
-        throw py::value_error(std::string(name) +
-                              " must be C-contiguous (numpy.ascontiguousarray makes a copy that is)");
+        throw py::value_error(
+            std::string(name) +
+            " must be C-contiguous (numpy.ascontiguousarray makes a copy that is)");
     if (writable && !a.writeable()) throw py::value_error(std::string(name) + " is read-only");
     const py::ssize_t height = a.shape(0), width = a.shape(1);
-    if (height < 1 || width < 1) throw py::value_error(std::string(name) + " is empty: shape " + shapeText(a));
+    if (height < 1 || width < 1)
+        throw py::value_error(std::string(name) + " is empty: shape " + shapeText(a));
     // The library walks rows with 32-bit strides.
     if (height > INT32_MAX || width * channels * static_cast<py::ssize_t>(a.itemsize()) > INT32_MAX)
-        throw py::value_error(std::string(name) + " is too large for the library: shape " + shapeText(a));
+        throw py::value_error(std::string(name) + " is too large for the library: shape " +
+                              shapeText(a));
     View view;
-    view.header_ = wzImageCreateHeaderWithType(static_cast<int32_t>(width), static_cast<int32_t>(height),
-                                               encoding, type);
+    view.header_ = wzImageCreateHeaderWithType(static_cast<int32_t>(width),
+                                               static_cast<int32_t>(height), encoding, type);
     if (!view.header_) throw std::bad_alloc();
     view.header_->data = static_cast<uint8_t *>(const_cast<void *>(a.data()));
     view.array_ = std::move(a);
@@ -111,8 +117,9 @@ View View::mask(py::handle object, const char *name, int32_t width, int32_t heig
         throw py::value_error(std::string(name) + " has shape " + shapeText(a) + ", expected (" +
                               std::to_string(height) + ", " + std::to_string(width) + ")");
     if (!isC(a))
-        throw py::value_error(std::string(name) +
-                              " must be C-contiguous (numpy.ascontiguousarray makes a copy that is)");
+        throw py::value_error(
+            std::string(name) +
+            " must be C-contiguous (numpy.ascontiguousarray makes a copy that is)");
     View view;
     view.header_ = wzImageCreateHeaderWithType(width, height, wzEncodingGray, wzType8U);
     if (!view.header_) throw std::bad_alloc();
@@ -139,7 +146,8 @@ py::array destinationFor(const View &source, py::handle out) {
         py::array fresh(s.dtype(), std::vector<py::ssize_t>(s.shape(), s.shape() + s.ndim()));
         // The library leaves a fourth channel as it was: a new result takes
         // the source's alpha.
-        if (s.ndim() == 3 && s.shape(2) == 4) std::memcpy(fresh.mutable_data(), s.data(), s.nbytes());
+        if (s.ndim() == 3 && s.shape(2) == 4)
+            std::memcpy(fresh.mutable_data(), s.data(), s.nbytes());
         return fresh;
     }
     py::array o = asArray(out, "out");

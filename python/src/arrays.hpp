@@ -42,7 +42,8 @@ public:
 
     // The image `name` (uint8 or uint16, C-contiguous, of the encoding's
     // shape); `writable` for destinations.
-    static View image(py::handle object, const char *name, uint32_t encoding, bool writable = false);
+    static View image(py::handle object, const char *name, uint32_t encoding,
+                      bool writable = false);
     // An 8-bit gray mask of the given size (a bool mask becomes 0 / 255), or
     // an empty view for None.
     static View mask(py::handle object, const char *name, int32_t width, int32_t height);

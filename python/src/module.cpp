@@ -47,13 +47,15 @@ Owned<T> allocate() {
 }
 
 float finite(double value, const char *name) {
-    if (!std::isfinite(value)) throw py::value_error(std::string(name) + " must be a finite number");
+    if (!std::isfinite(value))
+        throw py::value_error(std::string(name) + " must be a finite number");
     return static_cast<float>(value);
 }
 
 int32_t passes(int64_t value, const char *name) {
     if (value < 0 || value > 1000000)
-        throw py::value_error(std::string(name) + " must be between 0 and 1000000, got " + std::to_string(value));
+        throw py::value_error(std::string(name) + " must be between 0 and 1000000, got " +
+                              std::to_string(value));
     return static_cast<int32_t>(value);
 }
 
@@ -61,15 +63,18 @@ int32_t passes(int64_t value, const char *name) {
 // follows a signal handler's exception, which runReleased has raised.
 void checkStatus(wzStatus status, const char *what) {
     if (status == WZ_STATUS_OK || status == WZ_STATUS_NO_PIXELS) return;
-    const std::string message = std::string(what) + ": the library could not allocate its working memory (status " +
+    const std::string message = std::string(what) +
+                                ": the library could not allocate its working memory (status " +
                                 std::to_string(status) + ")";
     PyErr_SetString(PyExc_MemoryError, message.c_str());
     throw py::error_already_set();
 }
 
 View imageOf(py::handle object, const char *name, const std::string &order) {
-    if (!py::isinstance<py::array>(object)) return View::image(object, name, wzEncodingGray);  // raises
-    return View::image(object, name, encodingOf(py::reinterpret_borrow<py::array>(object), order, name));
+    if (!py::isinstance<py::array>(object))
+        return View::image(object, name, wzEncodingGray);  // raises
+    return View::image(object, name,
+                       encodingOf(py::reinterpret_borrow<py::array>(object), order, name));
 }
 
 // The destination view: the source's own header for an in-place call, so
@@ -128,13 +133,15 @@ py::array_t<double> profile16Array(const wzImageColorProfile16 &profile) {
 }
 
 int32_t spaceCode(int32_t space) {
-    if (space < wzSpaceChannels || space > wzSpaceLab) throw py::value_error("unknown working space");
+    if (space < wzSpaceChannels || space > wzSpaceLab)
+        throw py::value_error("unknown working space");
     return space;
 }
 
 wzHistogramMatchParams matchParams(double strength, double fidelity, int64_t maxStep,
                                    wzImageColorProfile *target) {
-    if (maxStep < INT32_MIN || maxStep > INT32_MAX) throw py::value_error("max_step is out of range");
+    if (maxStep < INT32_MIN || maxStep > INT32_MAX)
+        throw py::value_error("max_step is out of range");
     return wzHistogramMatchParams{finite(strength, "strength"), finite(fidelity, "fidelity"), 0,
                                   static_cast<int32_t>(maxStep), target};
 }
@@ -142,16 +149,18 @@ wzHistogramMatchParams matchParams(double strength, double fidelity, int64_t max
 // ---------------------------------------------------------------------------
 // Whole-picture filters
 
-py::tuple transfer(py::handle source, py::handle out, py::handle target8, py::handle target16, int32_t space,
-                   double strength, double fidelity, int64_t maxStep, bool contrast, double lowTail,
-                   double highTail, bool smooth, double smoothThreshold, int64_t smoothIterations,
-                   py::handle mask, py::handle sourceMask, const std::string &order) {
+py::tuple transfer(py::handle source, py::handle out, py::handle target8, py::handle target16,
+                   int32_t space, double strength, double fidelity, int64_t maxStep, bool contrast,
+                   double lowTail, double highTail, bool smooth, double smoothThreshold,
+                   int64_t smoothIterations, py::handle mask, py::handle sourceMask,
+                   const std::string &order) {
     View src = imageOf(source, "source", order);
     const View blend = View::mask(mask, "mask", src.width(), src.height());
     const View stats = View::mask(sourceMask, "source_mask", src.width(), src.height());
     if (contrast && !src.wide() && !stats && src.pixels() > INT32_MAX)
-        throw py::value_error("contrast: the library counts the pixels of an 8-bit picture in 32 bits; "
-                              "this one has 2^31 or more");
+        throw py::value_error(
+            "contrast: the library counts the pixels of an 8-bit picture in 32 bits; "
+            "this one has 2^31 or more");
     wzImageColorProfile profile8;
     Owned<wzImageColorProfile16> profile16;
     if (!target16.is_none()) {
@@ -184,11 +193,12 @@ py::tuple transfer(py::handle source, py::handle out, py::handle target8, py::ha
         dst.header = dst.own.get();
         src = std::move(guide);
     }
-    const int64_t work = src.pixels() * (2 + (contrast ? 2 : 0) + (smooth ? 3 * params.smoothIterations : 0));
+    const int64_t work =
+        src.pixels() * (2 + (contrast ? 2 : 0) + (smooth ? 3 * params.smoothIterations : 0));
     const wzStatus status = runReleased(
         [&](const uint32_t *cancel) {
-            return wzHistogramTransferFilterWithOptions(&params, &options, transferSupport, src.get(), blend.get(),
-                                                        dst.header, cancel);
+            return wzHistogramTransferFilterWithOptions(&params, &options, transferSupport,
+                                                        src.get(), blend.get(), dst.header, cancel);
         },
         work);
     checkStatus(status, "transfer");
@@ -199,17 +209,24 @@ py::array_t<float> profile8(py::handle image, py::handle mask, const std::string
     const View img = imageOf(image, "image", order);
     const View stats = View::mask(mask, "mask", img.width(), img.height());
     wzImageColorProfile profile;
-    runReleased([&](const uint32_t *) { return wzImageFillColorProfileMasked(img.get(), stats.get(), &profile); },
-                img.pixels());
+    runReleased(
+        [&](const uint32_t *) {
+            return wzImageFillColorProfileMasked(img.get(), stats.get(), &profile);
+        },
+        img.pixels());
     return profile8Array(profile);
 }
 
-py::array_t<double> profile16(py::handle image, py::handle mask, const std::string &order, int32_t space) {
+py::array_t<double> profile16(py::handle image, py::handle mask, const std::string &order,
+                              int32_t space) {
     const View img = imageOf(image, "image", order);
     const View stats = View::mask(mask, "mask", img.width(), img.height());
     auto profile = allocate<wzImageColorProfile16>();
     const wzStatus status = runReleased(
-        [&](const uint32_t *) { return wzImageFillColorProfile16(img.get(), stats.get(), spaceCode(space), profile.get()); },
+        [&](const uint32_t *) {
+            return wzImageFillColorProfile16(img.get(), stats.get(), spaceCode(space),
+                                             profile.get());
+        },
         img.pixels());
     checkStatus(status, "profile");
     return profile16Array(*profile);
@@ -220,7 +237,9 @@ py::tuple equalize(py::handle image, py::handle mask, py::handle out, const std:
     const View stats = View::mask(mask, "mask", src.width(), src.height());
     Destination dst = destinationOf(src, out);
     const wzStatus status = runReleased(
-        [&](const uint32_t *) { return wzHistogramEqualizationMasked(src.get(), stats.get(), dst.header); },
+        [&](const uint32_t *) {
+            return wzHistogramEqualizationMasked(src.get(), stats.get(), dst.header);
+        },
         src.pixels());
     checkStatus(status, "equalize");
     return py::make_tuple(dst.array, status);
@@ -232,23 +251,28 @@ py::tuple stretch(py::handle image, py::handle mask, py::handle out, const std::
     Destination dst = destinationOf(src, out);
     // Status 1 here means every channel holds a single value: copied as it is.
     const wzStatus status = runReleased(
-        [&](const uint32_t *) { return wzHistogramStretchMasked(src.get(), stats.get(), dst.header); },
+        [&](const uint32_t *) {
+            return wzHistogramStretchMasked(src.get(), stats.get(), dst.header);
+        },
         src.pixels());
     return py::make_tuple(dst.array, status);
 }
 
-py::tuple contrastFilter(py::handle image, double lowTail, double highTail, py::handle mask, py::handle out,
-                         const std::string &order) {
+py::tuple contrastFilter(py::handle image, double lowTail, double highTail, py::handle mask,
+                         py::handle out, const std::string &order) {
     const View src = imageOf(image, "image", order);
     const View stats = View::mask(mask, "mask", src.width(), src.height());
     if (!src.wide() && !stats && src.pixels() > INT32_MAX)
-        throw py::value_error("contrast: the library counts the pixels of an 8-bit picture in 32 bits; "
-                              "this one has 2^31 or more");
-    const wzContrastEnhanceParams params{finite(highTail, "high_tail"), finite(lowTail, "low_tail"), 0, 255, 0};
+        throw py::value_error(
+            "contrast: the library counts the pixels of an 8-bit picture in 32 bits; "
+            "this one has 2^31 or more");
+    const wzContrastEnhanceParams params{finite(highTail, "high_tail"), finite(lowTail, "low_tail"),
+                                         0, 255, 0};
     Destination dst = destinationOf(src, out);
     const wzStatus status = runReleased(
         [&](const uint32_t *cancel) {
-            return wzContrastEnhanceFilterMasked(&params, src.get(), stats.get(), nullptr, dst.header, cancel);
+            return wzContrastEnhanceFilterMasked(&params, src.get(), stats.get(), nullptr,
+                                                 dst.header, cancel);
         },
         2 * src.pixels());
     checkStatus(status, "contrast");
@@ -262,18 +286,20 @@ py::array smoothFilter(py::handle image, py::handle guideObject, py::handle out,
     requireSameSize(src, "image", guide, "guide");
     if (guide.get()->encoding != src.get()->encoding || guide.wide() != src.wide())
         throw py::value_error("guide must have the image's dtype and number of channels");
-    const wzSelectiveSmoothParams params{finite(threshold, "threshold"), passes(iterations, "iterations")};
+    const wzSelectiveSmoothParams params{finite(threshold, "threshold"),
+                                         passes(iterations, "iterations")};
     Destination dst = destinationOf(src, out);
     if (dst.array.data() == guide.data() && guide.data() != src.data())
         throw py::value_error("out must not be the guide");
     const wzStatus status = runReleased(
         [&](const uint32_t *cancel) {
-            if (src.wide()) return wzSelectiveSmooth16(&params, guide.get(), src.get(), dst.header, cancel);
+            if (src.wide())
+                return wzSelectiveSmooth16(&params, guide.get(), src.get(), dst.header, cancel);
             if (src.gray())
-                return wzSelectiveSmoothGray(&params, transferSupport->smoothSupport, guide.get(), src.get(),
-                                             dst.header, cancel);
-            return wzSelectiveSmooth(&params, transferSupport->smoothSupport, guide.get(), src.get(), dst.header,
-                                     cancel);
+                return wzSelectiveSmoothGray(&params, transferSupport->smoothSupport, guide.get(),
+                                             src.get(), dst.header, cancel);
+            return wzSelectiveSmooth(&params, transferSupport->smoothSupport, guide.get(),
+                                     src.get(), dst.header, cancel);
         },
         3 * src.pixels() * (params.iterations + 1));
     checkStatus(status, "smooth");
@@ -283,7 +309,8 @@ py::array smoothFilter(py::handle image, py::handle guideObject, py::handle out,
 // Histogram matching at 16-bit precision, unsmoothed and unlimited: every
 // level goes to the point of the reference's distribution at its own
 // cumulative share. Image and reference are both gray or both colour.
-py::array matchPlanes(py::handle image, py::handle reference, py::handle out, const std::string &order) {
+py::array matchPlanes(py::handle image, py::handle reference, py::handle out,
+                      const std::string &order) {
     const View src = imageOf(image, "image", order);
     const View ref = imageOf(reference, "reference", order);
     Destination dst = destinationOf(src, out);
@@ -300,11 +327,13 @@ py::array matchPlanes(py::handle image, py::handle reference, py::handle out, co
                 wzImageFillColorProfile16(ref.get(), nullptr, wzSpaceChannels, target16.get());
             else
                 wzImageFillColorProfileMasked(ref.get(), nullptr, &target8);
-            wzStatus s = wzImageFillColorProfile16(src.get(), nullptr, wzSpaceChannels, source16.get());
+            wzStatus s =
+                wzImageFillColorProfile16(src.get(), nullptr, wzSpaceChannels, source16.get());
             if (s == WZ_STATUS_OK)
-                s = wzHistogramMatchCurvesCompute(source16.get(), &params, target16.get(), src.gray() ? 1 : 3,
-                                                  curves.get());
-            if (s == WZ_STATUS_OK) s = wzHistogramMatchCurvesApply(curves.get(), src.get(), dst.header, cancel);
+                s = wzHistogramMatchCurvesCompute(source16.get(), &params, target16.get(),
+                                                  src.gray() ? 1 : 3, curves.get());
+            if (s == WZ_STATUS_OK)
+                s = wzHistogramMatchCurvesApply(curves.get(), src.get(), dst.header, cancel);
             return s;
         },
         3 * src.pixels());
@@ -349,7 +378,8 @@ py::array_t<double> counts8(py::handle image, py::handle mask, const std::string
 
 // The 8-bit matching table from exact counts (saturated as one call's float
 // profile is), or status WZ_STATUS_NO_PIXELS when either side is empty.
-py::tuple matchTable(py::handle counts, py::handle target, double strength, double fidelity, int64_t maxStep) {
+py::tuple matchTable(py::handle counts, py::handle target, double strength, double fidelity,
+                     int64_t maxStep) {
     const auto c = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(counts);
     if (!c || c.size() != 768) throw py::value_error("counts must have shape (3, 256)");
     wzImageColorProfile profile, target8;
@@ -365,7 +395,8 @@ py::tuple matchTable(py::handle counts, py::handle target, double strength, doub
         return sum;
     };
     py::array_t<uint8_t> table(768);
-    if (!(total(profile) > 0.0f) || !(total(target8) > 0.0f)) return py::make_tuple(WZ_STATUS_NO_PIXELS, table);
+    if (!(total(profile) > 0.0f) || !(total(target8) > 0.0f))
+        return py::make_tuple(WZ_STATUS_NO_PIXELS, table);
     const wzHistogramMatchParams params = matchParams(strength, fidelity, maxStep, &target8);
     const wzHistogramMatchStats stats{&profile};
     wzHistogramMatchAddParamsCompute(&stats, &params, table.mutable_data());
@@ -379,15 +410,17 @@ py::array applyTable(py::handle table, py::handle image, py::handle out, const s
     if (src.wide()) throw py::type_error("a matching table applies to uint8 images");
     Destination dst = destinationOf(src, out);
     const wzStatus status = runReleased(
-        [&](const uint32_t *cancel) { return wzHistogramMatchApply(nullptr, t.data(), src.get(), dst.header, cancel); },
+        [&](const uint32_t *cancel) {
+            return wzHistogramMatchApply(nullptr, t.data(), src.get(), dst.header, cancel);
+        },
         src.pixels());
     checkStatus(status, "matching table");
     return dst.array;
 }
 
 // Curves travel as the bytes of the library's record.
-py::tuple matchCurves(py::handle source, int32_t space, py::handle target8, py::handle target16, double strength,
-                      double fidelity, int64_t maxStep, int32_t channels) {
+py::tuple matchCurves(py::handle source, int32_t space, py::handle target8, py::handle target16,
+                      double strength, double fidelity, int64_t maxStep, int32_t channels) {
     auto from = allocate<wzImageColorProfile16>();
     readProfile16(source, spaceCode(space), *from);
     wzImageColorProfile profile8;
@@ -411,8 +444,10 @@ py::tuple matchCurves(py::handle source, int32_t space, py::handle target8, py::
     return py::make_tuple(status, bytes);
 }
 
-py::array applyCurves(py::handle curvesObject, py::handle image, py::handle out, const std::string &order) {
-    const auto bytes = py::array_t<uint8_t, py::array::c_style | py::array::forcecast>::ensure(curvesObject);
+py::array applyCurves(py::handle curvesObject, py::handle image, py::handle out,
+                      const std::string &order) {
+    const auto bytes =
+        py::array_t<uint8_t, py::array::c_style | py::array::forcecast>::ensure(curvesObject);
     if (!bytes || static_cast<size_t>(bytes.size()) != sizeof(wzHistogramMatchCurves))
         throw py::value_error("not a curves record");
     // Realigned when the array's memory is not.
@@ -423,11 +458,14 @@ py::array applyCurves(py::handle curvesObject, py::handle image, py::handle out,
         std::memcpy(aligned.get(), bytes.data(), sizeof(wzHistogramMatchCurves));
         curves = aligned.get();
     }
-    if (curves->space < wzSpaceChannels || curves->space > wzSpaceLab) throw py::value_error("not a curves record");
+    if (curves->space < wzSpaceChannels || curves->space > wzSpaceLab)
+        throw py::value_error("not a curves record");
     const View src = imageOf(image, "image", order);
     Destination dst = destinationOf(src, out);
     const wzStatus status = runReleased(
-        [&](const uint32_t *cancel) { return wzHistogramMatchCurvesApply(curves, src.get(), dst.header, cancel); },
+        [&](const uint32_t *cancel) {
+            return wzHistogramMatchCurvesApply(curves, src.get(), dst.header, cancel);
+        },
         2 * src.pixels());
     checkStatus(status, "matching curves");
     return dst.array;
@@ -440,7 +478,9 @@ py::array_t<double> contrastCounts(py::handle image, py::handle mask, const std:
     const View stats = View::mask(mask, "mask", img.width(), img.height());
     auto record = allocate<wzContrastEnhanceStats16>();
     const wzStatus status = runReleased(
-        [&](const uint32_t *cancel) { return wzContrastEnhanceStatsRetrieve16(record.get(), img.get(), stats.get(), cancel); },
+        [&](const uint32_t *cancel) {
+            return wzContrastEnhanceStatsRetrieve16(record.get(), img.get(), stats.get(), cancel);
+        },
         img.pixels());
     checkStatus(status, "contrast statistics");
     py::array_t<double> counts(kBins16 + 1);
@@ -453,9 +493,12 @@ py::array_t<double> contrastCounts(py::handle image, py::handle mask, const std:
 // 8-bit pictures (bins saturated at 2^24 as one call's are), 65536 levels
 // for 16-bit ones; status WZ_STATUS_NO_PIXELS when nothing was counted.
 py::tuple contrastCurve(py::handle countsObject, bool wide, double lowTail, double highTail) {
-    const auto c = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(countsObject);
-    if (!c || c.size() != kBins16 + 1) throw py::value_error("contrast counts must have 65537 entries");
-    const wzContrastEnhanceParams params{finite(highTail, "high_tail"), finite(lowTail, "low_tail"), 0, 255, 0};
+    const auto c =
+        py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(countsObject);
+    if (!c || c.size() != kBins16 + 1)
+        throw py::value_error("contrast counts must have 65537 entries");
+    const wzContrastEnhanceParams params{finite(highTail, "high_tail"), finite(lowTail, "low_tail"),
+                                         0, 255, 0};
     const double total = c.data()[kBins16];
     const wzStatus status = total > 0.0 ? WZ_STATUS_OK : WZ_STATUS_NO_PIXELS;
     if (wide) {
@@ -477,7 +520,8 @@ py::tuple contrastCurve(py::handle countsObject, bool wide, double lowTail, doub
     return py::make_tuple(status, curve);
 }
 
-py::array applyContrast(py::handle curveObject, py::handle image, py::handle out, const std::string &order) {
+py::array applyContrast(py::handle curveObject, py::handle image, py::handle out,
+                        const std::string &order) {
     const View src = imageOf(image, "image", order);
     const auto curve = py::array::ensure(curveObject);
     const py::ssize_t entries = src.wide() ? kBins16 : 256;
@@ -487,10 +531,11 @@ py::array applyContrast(py::handle curveObject, py::handle image, py::handle out
     Destination dst = destinationOf(src, out);
     const wzStatus status = runReleased(
         [&](const uint32_t *cancel) {
-            return src.wide() ? wzContrastEnhanceApply16(static_cast<const uint16_t *>(curve.data()), src.get(),
-                                                         dst.header, cancel)
-                              : wzContrastEnhanceApply(static_cast<const uint8_t *>(curve.data()), src.get(),
-                                                       dst.header, cancel);
+            return src.wide()
+                       ? wzContrastEnhanceApply16(static_cast<const uint16_t *>(curve.data()),
+                                                  src.get(), dst.header, cancel)
+                       : wzContrastEnhanceApply(static_cast<const uint8_t *>(curve.data()),
+                                                src.get(), dst.header, cancel);
         },
         src.pixels());
     checkStatus(status, "contrast curve");
@@ -499,20 +544,23 @@ py::array applyContrast(py::handle curveObject, py::handle image, py::handle out
 
 // out = untouched where the mask is 0, processed where it is 255, weighted
 // in between.
-py::array blend(py::handle untouchedObject, py::handle processedObject, py::handle mask, py::handle out,
-                const std::string &order) {
+py::array blend(py::handle untouchedObject, py::handle processedObject, py::handle mask,
+                py::handle out, const std::string &order) {
     const View untouched = imageOf(untouchedObject, "untouched", order);
     const View processed = imageOf(processedObject, "processed", order);
     requireSameSize(untouched, "untouched", processed, "processed");
-    if (untouched.wide() != processed.wide() || untouched.get()->encoding != processed.get()->encoding)
+    if (untouched.wide() != processed.wide() ||
+        untouched.get()->encoding != processed.get()->encoding)
         throw py::value_error("untouched and processed must have one dtype and layout");
     const View weights = View::mask(mask, "mask", untouched.width(), untouched.height());
     if (!weights) throw py::value_error("blend needs a mask");
     Destination dst = destinationOf(processed, out);
     const wzStatus status = runReleased(
         [&](const uint32_t *) {
-            return untouched.wide() ? wzAddWeigthedM16(untouched.get(), processed.get(), dst.header, weights.get())
-                                    : wzAddWeigthedM(untouched.get(), processed.get(), dst.header, weights.get());
+            return untouched.wide() ? wzAddWeigthedM16(untouched.get(), processed.get(), dst.header,
+                                                       weights.get())
+                                    : wzAddWeigthedM(untouched.get(), processed.get(), dst.header,
+                                                     weights.get());
         },
         untouched.pixels());
     checkStatus(status, "blend");
@@ -533,26 +581,31 @@ PYBIND11_MODULE(_morven, m) {
                  }));
 
     m.attr("VERSION") = MORVEN_VERSION_STRING;
-    m.def("library_version", [] { return std::string(wzMorvenVersionString()); },
-          "The version of the library that is running.");
+    m.def(
+        "library_version", [] { return std::string(wzMorvenVersionString()); },
+        "The version of the library that is running.");
     m.attr("NO_PIXELS") = WZ_STATUS_NO_PIXELS;
 
     using namespace py::literals;
-    m.def("transfer", &transfer, "source"_a, "out"_a, "target8"_a, "target16"_a, "space"_a, "strength"_a,
-          "fidelity"_a, "max_step"_a, "contrast"_a, "low_tail"_a, "high_tail"_a, "smooth"_a, "smooth_threshold"_a,
-          "smooth_iterations"_a, "mask"_a, "source_mask"_a, "order"_a);
+    m.def("transfer", &transfer, "source"_a, "out"_a, "target8"_a, "target16"_a, "space"_a,
+          "strength"_a, "fidelity"_a, "max_step"_a, "contrast"_a, "low_tail"_a, "high_tail"_a,
+          "smooth"_a, "smooth_threshold"_a, "smooth_iterations"_a, "mask"_a, "source_mask"_a,
+          "order"_a);
     m.def("profile8", &profile8, "image"_a, "mask"_a, "order"_a);
     m.def("profile16", &profile16, "image"_a, "mask"_a, "order"_a, "space"_a);
     m.def("equalize", &equalize, "image"_a, "mask"_a, "out"_a, "order"_a);
     m.def("stretch", &stretch, "image"_a, "mask"_a, "out"_a, "order"_a);
-    m.def("contrast", &contrastFilter, "image"_a, "low_tail"_a, "high_tail"_a, "mask"_a, "out"_a, "order"_a);
-    m.def("smooth", &smoothFilter, "image"_a, "guide"_a, "out"_a, "threshold"_a, "iterations"_a, "order"_a);
+    m.def("contrast", &contrastFilter, "image"_a, "low_tail"_a, "high_tail"_a, "mask"_a, "out"_a,
+          "order"_a);
+    m.def("smooth", &smoothFilter, "image"_a, "guide"_a, "out"_a, "threshold"_a, "iterations"_a,
+          "order"_a);
     m.def("match_planes", &matchPlanes, "image"_a, "reference"_a, "out"_a, "order"_a);
     m.def("counts8", &counts8, "image"_a, "mask"_a, "order"_a);
-    m.def("match_table", &matchTable, "counts"_a, "target"_a, "strength"_a, "fidelity"_a, "max_step"_a);
+    m.def("match_table", &matchTable, "counts"_a, "target"_a, "strength"_a, "fidelity"_a,
+          "max_step"_a);
     m.def("apply_table", &applyTable, "table"_a, "image"_a, "out"_a, "order"_a);
-    m.def("match_curves", &matchCurves, "source"_a, "space"_a, "target8"_a, "target16"_a, "strength"_a,
-          "fidelity"_a, "max_step"_a, "channels"_a);
+    m.def("match_curves", &matchCurves, "source"_a, "space"_a, "target8"_a, "target16"_a,
+          "strength"_a, "fidelity"_a, "max_step"_a, "channels"_a);
     m.def("apply_curves", &applyCurves, "curves"_a, "image"_a, "out"_a, "order"_a);
     m.def("contrast_counts", &contrastCounts, "image"_a, "mask"_a, "order"_a);
     m.def("contrast_curve", &contrastCurve, "counts"_a, "wide"_a, "low_tail"_a, "high_tail"_a);

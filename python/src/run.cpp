@@ -19,7 +19,8 @@ constexpr std::chrono::milliseconds kSlice{20};
 }  // namespace
 
 void rememberMainThread() {
-    mainThread = py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
+    mainThread =
+        py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
 }
 
 wzStatus runReleased(const std::function<wzStatus(const uint32_t *cancel)> &call, int64_t work) {

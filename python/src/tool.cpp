@@ -14,9 +14,9 @@
 #include <pybind11/stl.h>
 
 #include <cstring>
-#include <stdexcept>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -35,7 +35,9 @@ using Notes = std::vector<std::pair<std::string, std::string>>;
 
 constexpr int kStateVersion = 1;
 
-py::bytes bytesOf(const void *data, size_t size) { return py::bytes(static_cast<const char *>(data), size); }
+py::bytes bytesOf(const void *data, size_t size) {
+    return py::bytes(static_cast<const char *>(data), size);
+}
 
 template <typename T>
 std::vector<T> vectorOf(const py::bytes &bytes) {
@@ -48,14 +50,17 @@ std::vector<T> vectorOf(const py::bytes &bytes) {
 std::optional<tool::Format> formatNamed(const std::string &name) {
     if (name.empty()) return std::nullopt;
     const auto format = tool::formatForPath("x." + name);
-    if (!format) throw py::value_error("format must be png, jpg, jpeg, tif, tiff or webp, got '" + name + "'");
+    if (!format)
+        throw py::value_error("format must be png, jpg, jpeg, tif, tiff or webp, got '" + name +
+                              "'");
     return format;
 }
 
 void inRange(const char *name, double value, double low, double high) {
     if (!(value >= low && value <= high))
-        throw py::value_error(std::string(name) + " must be between " + py::str(py::float_(low)).cast<std::string>() +
-                              " and " + py::str(py::float_(high)).cast<std::string>());
+        throw py::value_error(std::string(name) + " must be between " +
+                              py::str(py::float_(low)).cast<std::string>() + " and " +
+                              py::str(py::float_(high)).cast<std::string>());
 }
 
 // The options of a transfer run, as the tool's command line gives them.
@@ -80,8 +85,8 @@ tool::MaskFile maskOf(const py::tuple &t) {
 
 class FileTransfer {
 public:
-    FileTransfer(const std::string &reference, const std::string &mask, const std::string &sourceMask,
-                 const std::string &referenceMask, Options options)
+    FileTransfer(const std::string &reference, const std::string &mask,
+                 const std::string &sourceMask, const std::string &referenceMask, Options options)
         : options_(std::move(options)), referencePath_(reference) {
         protected_.push_back(reference);
         for (const std::string *m : {&mask, &sourceMask, &referenceMask})
@@ -101,8 +106,8 @@ public:
         keep(mask);
         sourceMask_ = tool::readMaskFile(sourceMask, &notes);
         keep(sourceMask);
-        reference_ = std::make_unique<tool::Reference>(std::move(picture), std::move(statsMask.plane),
-                                                       options_.transfer);
+        reference_ = std::make_unique<tool::Reference>(
+            std::move(picture), std::move(statsMask.plane), options_.transfer);
         // The targets of gray and colour sources with the reference's own
         // profile and with none (sRGB): only the layout and the profile
         // choose a target. A conversion Little CMS refuses fails later, for
@@ -115,8 +120,7 @@ public:
                 probe.icc = icc;
                 try {
                     reference_->targetFor(probe);
-                } catch (const std::runtime_error &) {
-                }
+                } catch (const std::runtime_error &) {}
             }
         support_ = tool::makeSupport();
     }
@@ -134,8 +138,8 @@ public:
             py::gil_scoped_release release;
             const tool::Operation transfer = [this](const std::string &path, tool::Picture &picture,
                                                     std::vector<std::string> &notes) {
-                return tool::transferOne(path, picture, *reference_, blend_, sourceMask_, options_.transfer,
-                                         support_.get(), notes);
+                return tool::transferOne(path, picture, *reference_, blend_, sourceMask_,
+                                         options_.transfer, support_.get(), notes);
             };
             result = tool::processFile(input, output, *format, transfer, options_.run, protected_);
         }
@@ -158,9 +162,10 @@ public:
             const size_t colon = key.find(':');
             std::string name = key.substr(0, colon);
             if (colon != std::string::npos)
-                name += colon + 1 == key.size() ? " into sRGB"
-                                                : " into a profile of " + std::to_string(key.size() - colon - 1) +
-                                                      " bytes";
+                name +=
+                    colon + 1 == key.size()
+                        ? " into sRGB"
+                        : " into a profile of " + std::to_string(key.size() - colon - 1) + " bytes";
             keys.push_back(name);
         }
         return keys;
@@ -170,23 +175,28 @@ public:
         const tool::TransferSettings &s = options_.transfer;
         const tool::RunSettings &r = options_.run;
         const py::tuple settings = py::make_tuple(
-            s.strength, s.fidelity, s.maxStep, s.contrast, s.highTail, s.lowTail, s.smooth, s.smoothThreshold,
-            s.smoothIterations, int(s.space), s.manageColour, r.write.encode.quality, r.write.encode.lossless,
-            r.write.strip, r.force, r.skipExisting, options_.format ? int(*options_.format) : -1);
+            s.strength, s.fidelity, s.maxStep, s.contrast, s.highTail, s.lowTail, s.smooth,
+            s.smoothThreshold, s.smoothIterations, int(s.space), s.manageColour,
+            r.write.encode.quality, r.write.encode.lossless, r.write.strip, r.force, r.skipExisting,
+            options_.format ? int(*options_.format) : -1);
         const tool::Picture &p = reference_->picture();
-        const py::tuple picture = py::make_tuple(p.width, p.height, p.channels, p.depth,
-                                                 bytesOf(p.data(), p.sampleCount() * size_t(p.depth / 8)),
-                                                 bytesOf(p.icc.data(), p.icc.size()));
+        const py::tuple picture =
+            py::make_tuple(p.width, p.height, p.channels, p.depth,
+                           bytesOf(p.data(), p.sampleCount() * size_t(p.depth / 8)),
+                           bytesOf(p.icc.data(), p.icc.size()));
         const std::vector<uint8_t> &mask = reference_->statsMask();
         py::list targets;
         for (const auto &[key, t] : reference_->targets()) {
             py::object profile8 = py::none(), profile16 = py::none();
             if (t->profile8) profile8 = bytesOf(t->profile8.get(), sizeof(wzImageColorProfile));
-            if (t->profile16) profile16 = bytesOf(t->profile16.get(), sizeof(wzImageColorProfile16));
-            targets.append(py::make_tuple(py::bytes(key), int(t->space), profile8, profile16, t->note));
+            if (t->profile16)
+                profile16 = bytesOf(t->profile16.get(), sizeof(wzImageColorProfile16));
+            targets.append(
+                py::make_tuple(py::bytes(key), int(t->space), profile8, profile16, t->note));
         }
-        return py::make_tuple(kStateVersion, settings, referencePath_, picture, bytesOf(mask.data(), mask.size()),
-                              targets, stateOf(blend_), stateOf(sourceMask_), protected_, notes_);
+        return py::make_tuple(kStateVersion, settings, referencePath_, picture,
+                              bytesOf(mask.data(), mask.size()), targets, stateOf(blend_),
+                              stateOf(sourceMask_), protected_, notes_);
     }
 
     static std::unique_ptr<FileTransfer> fromState(const py::tuple &state) {
@@ -224,8 +234,8 @@ public:
             throw py::value_error("the reference's samples do not fit its size");
         std::memcpy(picture.data(), samples.data(), samples.size());
         picture.icc = vectorOf<uint8_t>(p[5].cast<py::bytes>());
-        f->reference_ = std::make_unique<tool::Reference>(std::move(picture),
-                                                          vectorOf<uint8_t>(state[4].cast<py::bytes>()), t);
+        f->reference_ = std::make_unique<tool::Reference>(
+            std::move(picture), vectorOf<uint8_t>(state[4].cast<py::bytes>()), t);
         for (const py::handle item : state[5].cast<py::list>()) {
             const auto e = item.cast<py::tuple>();
             auto target = std::make_unique<tool::Target>();
@@ -263,13 +273,12 @@ private:
     tool::Support support_;
 };
 
-std::unique_ptr<FileTransfer> makeTransfer(const std::string &reference, const std::string &mask,
-                                           const std::string &sourceMask, const std::string &referenceMask,
-                                           const std::string &space, bool ignoreProfiles, double strength,
-                                           double fidelity, int maxStep, bool contrast, double lowTail,
-                                           double highTail, bool smooth, double smoothThreshold,
-                                           int smoothIterations, int quality, bool lossless, bool strip, bool force,
-                                           bool skipExisting, const std::string &format) {
+std::unique_ptr<FileTransfer> makeTransfer(
+    const std::string &reference, const std::string &mask, const std::string &sourceMask,
+    const std::string &referenceMask, const std::string &space, bool ignoreProfiles,
+    double strength, double fidelity, int maxStep, bool contrast, double lowTail, double highTail,
+    bool smooth, double smoothThreshold, int smoothIterations, int quality, bool lossless,
+    bool strip, bool force, bool skipExisting, const std::string &format) {
     // The ranges of the tool's command line.
     inRange("strength", strength, 0, 1);
     inRange("fidelity", fidelity, 0, 1);
@@ -311,7 +320,8 @@ std::unique_ptr<FileTransfer> makeTransfer(const std::string &reference, const s
 
 // The files of a batch and their outputs, as the tool finds them: (items,
 // messages, clash); see tool::planBatch.
-py::tuple planBatch(const std::vector<std::string> &inputs, const std::string &folder, const std::string &format) {
+py::tuple planBatch(const std::vector<std::string> &inputs, const std::string &folder,
+                    const std::string &format) {
     tool::BatchSettings batch;
     batch.inputs = inputs;
     batch.folder = folder;
@@ -326,7 +336,9 @@ py::tuple planBatch(const std::vector<std::string> &inputs, const std::string &f
 }  // namespace
 
 PYBIND11_MODULE(_tool, m) {
-    m.doc() = "The morven command-line tool's transfer of files (the compiled half of morven.dask.transfer_files)";
+    m.doc() =
+        "The morven command-line tool's transfer of files (the compiled half of "
+        "morven.dask.transfer_files)";
     tool::initFileCreationMask();
     tool::initMetadata();
 
@@ -360,10 +372,10 @@ PYBIND11_MODULE(_tool, m) {
 
     using namespace py::literals;
     py::class_<FileTransfer>(m, "FileTransfer")
-        .def(py::init(&makeTransfer), "reference"_a, "mask"_a, "source_mask"_a, "reference_mask"_a, "space"_a,
-             "ignore_profiles"_a, "strength"_a, "fidelity"_a, "max_step"_a, "contrast"_a, "low_tail"_a,
-             "high_tail"_a, "smooth"_a, "smooth_threshold"_a, "smooth_iterations"_a, "quality"_a, "lossless"_a,
-             "strip"_a, "force"_a, "skip_existing"_a, "format"_a)
+        .def(py::init(&makeTransfer), "reference"_a, "mask"_a, "source_mask"_a, "reference_mask"_a,
+             "space"_a, "ignore_profiles"_a, "strength"_a, "fidelity"_a, "max_step"_a, "contrast"_a,
+             "low_tail"_a, "high_tail"_a, "smooth"_a, "smooth_threshold"_a, "smooth_iterations"_a,
+             "quality"_a, "lossless"_a, "strip"_a, "force"_a, "skip_existing"_a, "format"_a)
         .def("run", &FileTransfer::run, "input"_a, "output"_a)
         .def_property_readonly("notes", &FileTransfer::notes)
         .def_property_readonly("target_keys", &FileTransfer::targetKeys)

@@ -28,6 +28,7 @@ FreePtr<T> allocZeroed() noexcept {
 // Whether n elements of T can be asked for: n >= 0 and n * sizeof(T) fits.
 template <typename T>
 constexpr bool arrayFits(int64_t n) noexcept {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer (row tables)
     return n >= 0 && static_cast<uint64_t>(n) <= SIZE_MAX / sizeof(T);
 }
 
@@ -46,6 +47,7 @@ FreePtr<T> allocArray(int64_t n) noexcept {
 template <typename T>
 FreePtr<T> allocZeroedArray(int64_t n) noexcept {
     if (!arrayFits<T>(n)) return nullptr;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer (row tables)
     return FreePtr<T>(static_cast<T *>(std::calloc(n > 0 ? static_cast<size_t>(n) : 1, sizeof(T))));
 }
 

@@ -89,8 +89,7 @@ inline uint8_t *readPayload(std::FILE *stream, int64_t bytes) noexcept {
     FreePtr<uint8_t> block = allocArray<uint8_t>(capacity);
     int64_t have = 0;
     for (;;) {
-        if (!block ||
-            !readItem(stream, block.get() + have, static_cast<size_t>(capacity - have)))
+        if (!block || !readItem(stream, block.get() + have, static_cast<size_t>(capacity - have)))
             return nullptr;
         have = capacity;
         if (have == bytes) return block.release();

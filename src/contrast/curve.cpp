@@ -31,7 +31,8 @@ void storeCounts(const uint64_t *counts, float *hist) {
 
 // height * width as a wrapping signed 32-bit product, converted to float.
 float pixelTotal(const wzImage &image) {
-    const uint32_t product = static_cast<uint32_t>(image.height) * static_cast<uint32_t>(image.width);
+    const uint32_t product =
+        static_cast<uint32_t>(image.height) * static_cast<uint32_t>(image.width);
     return static_cast<float>(static_cast<int32_t>(product));
 }
 

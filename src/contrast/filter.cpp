@@ -4,8 +4,8 @@
 
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
-#include "image/image_internal.hpp"
 #include "contrast/contrast_internal.hpp"
+#include "image/image_internal.hpp"
 #include "kernels/kernels.hpp"
 #include "morven/color.h"
 #include "morven/contrast.h"
@@ -88,9 +88,9 @@ MORVEN_API wzStatus wzContrastEnhanceApply(const uint8_t curve[256], const wzIma
     return WZ_STATUS_OK;
 }
 
-MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *params,
-                                            wzImage *source, const wzImage *mask,
-                                            wzImage *destination, const uint32_t *cancel) {
+MORVEN_API wzStatus wzContrastEnhanceFilter(const wzContrastEnhanceParams *params, wzImage *source,
+                                            const wzImage *mask, wzImage *destination,
+                                            const uint32_t *cancel) {
     FreePtr<wzContrastEnhanceStats> stats(wzContrastEnhanceStatsCreate());
     if (!stats) return WZ_STATUS_ERROR;
     const wzStatus gathered = wzContrastEnhanceStatsRetrieve(stats.get(), source, cancel);

@@ -67,7 +67,8 @@ wzStatus unchangedWhole(const wzImage *source, wzImage *destination) {
 
 void storeHistogram(const uint64_t *counts, float *hist) {
     constexpr uint64_t kFloatLimit = uint64_t{1} << 24;  // where a float bin grown by 1 stops
-    for (int v = 0; v < 256; ++v) hist[v] = static_cast<float>(counts[v] < kFloatLimit ? counts[v] : kFloatLimit);
+    for (int v = 0; v < 256; ++v)
+        hist[v] = static_cast<float>(counts[v] < kFloatLimit ? counts[v] : kFloatLimit);
 }
 
 // The levels of the 16-bit stretch: the rule of the 8-bit curve on 65536
@@ -109,7 +110,8 @@ wzStatus filter16(const wzContrastEnhanceParams &params, wzImage *source, const 
     FreePtr<wzContrastEnhanceStats16> stats = allocArray<wzContrastEnhanceStats16>(1);
     FreePtr<uint16_t> curve = allocArray<uint16_t>(kLevels);
     if (!stats || !curve) return WZ_STATUS_ERROR;
-    const wzStatus gathered = wzContrastEnhanceStatsRetrieve16(stats.get(), source, statsMask, cancel);
+    const wzStatus gathered =
+        wzContrastEnhanceStatsRetrieve16(stats.get(), source, statsMask, cancel);
     if (gathered != WZ_STATUS_OK) return gathered;
     if (stats->total == 0.0 && int64_t{source->width} * source->height > 0)
         return unchangedWhole(source, destination);
@@ -137,9 +139,11 @@ extern "C" {
 MORVEN_API wzStatus wzContrastEnhanceStatsRetrieveMasked(wzContrastEnhanceStats *stats,
                                                          const wzImage *image, const wzImage *mask,
                                                          const uint32_t *cancel) {
+    // cppcheck-suppress memsetClassFloat ; all bits zero is 0.0 in IEEE 754, as the library assumes
     std::memset(stats, 0, sizeof *stats);
     if (!imageAndMaskFit(*image, mask)) return WZ_STATUS_ERROR;
-    if (!mask && image->type == wzType8U) return wzContrastEnhanceStatsRetrieve(stats, image, cancel);
+    if (!mask && image->type == wzType8U)
+        return wzContrastEnhanceStatsRetrieve(stats, image, cancel);
     uint64_t counts[256] = {};
     const bool wide = image->type == wzType16U;
     const int64_t counted = countBrightness(
@@ -207,10 +211,12 @@ MORVEN_API wzStatus wzContrastEnhanceFilterMasked(const wzContrastEnhanceParams 
     if (!imageAndMaskFit(*source, statsMask) ||
         (mask && (mask->type != wzType8U || mask->encoding != wzEncodingGray)))
         return WZ_STATUS_ERROR;
-    if (source->type == wzType16U) return filter16(*params, source, statsMask, mask, destination, cancel);
+    if (source->type == wzType16U)
+        return filter16(*params, source, statsMask, mask, destination, cancel);
     if (!statsMask) return wzContrastEnhanceFilter(params, source, mask, destination, cancel);
     wzContrastEnhanceStats stats;
-    const wzStatus gathered = wzContrastEnhanceStatsRetrieveMasked(&stats, source, statsMask, cancel);
+    const wzStatus gathered =
+        wzContrastEnhanceStatsRetrieveMasked(&stats, source, statsMask, cancel);
     if (gathered != WZ_STATUS_OK) return gathered;
     if (stats.total == 0.0f && int64_t{source->width} * source->height > 0)
         return unchangedWhole(source, destination);

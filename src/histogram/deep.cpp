@@ -49,8 +49,8 @@ public:
     // lies at the start of the next occupied bin; from below, at the end of
     // the bin it completes.
     double at(double q, bool fromBelow) noexcept {
-        while (j_ < t_.size &&
-               (fromBelow ? before_ + t_.count[j_] < q || t_.count[j_] == 0.0 : before_ + t_.count[j_] <= q))
+        while (j_ < t_.size && (fromBelow ? before_ + t_.count[j_] < q || t_.count[j_] == 0.0
+                                          : before_ + t_.count[j_] <= q))
             before_ += t_.count[j_++];
         if (j_ == t_.size) return tail_;
         double lo, hi;
@@ -83,7 +83,8 @@ void matchLevels(Bins s, Bins t, double ratio, double *m, float *lowerOffset,
         m[u] = centre.at(below * ratio, false);
         if (lowerOffset) {
             lowerOffset[u] = static_cast<float>(lower.at(sBefore * ratio, false) - m[u]);
-            upperOffset[u] = static_cast<float>(upper.at((sBefore + s.count[bin]) * ratio, true) - m[u]);
+            upperOffset[u] =
+                static_cast<float>(upper.at((sBefore + s.count[bin]) * ratio, true) - m[u]);
         }
     }
 }
@@ -116,7 +117,8 @@ void smoothCurve(double *m, double *prefix, int32_t r, bool chroma) noexcept {
         const double upper = hi + 1 < kLevels ? prefix[hi + 1] : all;
         const double mean = (upper - prefix[lo]) / (hi - lo + 1);
         runningMax = i == 0 || mean > runningMax ? mean : runningMax;
-        const double w = chroma ? (i > kTop / 2 ? i - kTop / 2 : kTop / 2 - i) / (kTop / 2) : i / kTop;
+        const double w =
+            chroma ? (i > kTop / 2 ? i - kTop / 2 : kTop / 2 - i) / (kTop / 2) : i / kTop;
         m[i] = m[i] * (1.0 - w) + runningMax * w;
     }
 }
@@ -136,7 +138,9 @@ bool buildCurve(Bins source, Bins target, const CurveShape &shape, double *scrat
         if (r > 0) smoothCurve(m, work, r, shape.chroma);
     }
     const double s = shape.strength < 1.0f ? shape.strength : 1.0;
-    const auto clamp = [](double v) { return static_cast<float>(v > 0.0 ? (v < kTop ? v : kTop) : 0.0); };
+    const auto clamp = [](double v) {
+        return static_cast<float>(v > 0.0 ? (v < kTop ? v : kTop) : 0.0);
+    };
     for (int u = 0; u < kLevels; ++u) {
         const double c = s * m[u] + (1.0 - s) * u;
         centre[u] = clamp(c);
@@ -169,7 +173,8 @@ wzStatus countLevels(const wzImage &image, const wzImage *mask, int32_t space,
             for (int32_t x = 0; x < cols; ++x, p += c.step) {
                 if (selected && !selected[x]) continue;
                 for (int k = 0; k < channels; ++k) {
-                    const uint32_t v = layout.wide ? loadElement<uint16_t>(p + layout.c[k]) : p[layout.c[k]];
+                    const uint32_t v =
+                        layout.wide ? loadElement<uint16_t>(p + layout.c[k]) : p[layout.c[k]];
                     bins[2 - k][v * scale] += 1.0;
                 }
             }
@@ -182,7 +187,9 @@ wzStatus countLevels(const wzImage &image, const wzImage *mask, int32_t space,
             for (int32_t x = 0; x < cols; ++x) {
                 if (selected && !selected[x]) continue;
                 const float v = w[x];
-                const int32_t level = v > 0.0f ? (v < 65535.0f ? static_cast<int32_t>(v + 0.5f) : 65535) : 0;
+                const int32_t level =
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
+                    v > 0.0f ? (v < 65535.0f ? static_cast<int32_t>(v + 0.5f) : 65535) : 0;
                 out[level] += 1.0;
             }
         }
@@ -200,10 +207,12 @@ namespace {
 // the end of its bin on the side of u, linearly.
 inline float curveAt(const Curve &curve, float u) noexcept {
     u = u > 0.0f ? (u < 65535.0f ? u : 65535.0f) : 0.0f;
+    // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
     const int k = static_cast<int>(u + 0.5f);
     const float d = u - static_cast<float>(k);  // -0.5 .. 0.5
     const float c = curve.centre[k];
-    return d < 0.0f ? c + (-2.0f * d) * (curve.lower[k] - c) : c + (2.0f * d) * (curve.upper[k] - c);
+    return d < 0.0f ? c + (-2.0f * d) * (curve.lower[k] - c)
+                    : c + (2.0f * d) * (curve.upper[k] - c);
 }
 
 }  // namespace
@@ -227,6 +236,7 @@ wzStatus applyCurves(const Curve *const curves[3], int32_t space, const WorkingS
                 uint16_t out[3];
                 for (int k = 0; k < channels; ++k) {
                     const uint16_t v = loadElement<uint16_t>(p + ls.c[k]);
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
                     out[k] = curves[k] ? static_cast<uint16_t>(curves[k]->centre[v] + 0.5f) : v;
                 }
                 for (int k = 0; k < channels; ++k) storeRaw<uint16_t>(q + ld.c[k], out[k]);
@@ -249,7 +259,9 @@ wzStatus applyCurves(const Curve *const curves[3], int32_t space, const WorkingS
 void curvesToTable8(const Curve *const curves[3], uint8_t table[768]) noexcept {
     for (int k = 0; k < 3; ++k)
         for (int v = 0; v < 256; ++v) {
-            const float level = curves[k] ? curves[k]->centre[257 * v] : static_cast<float>(257 * v);
+            const float level =
+                curves[k] ? curves[k]->centre[257 * v] : static_cast<float>(257 * v);
+            // NOLINTNEXTLINE(bugprone-incorrect-roundings): non-negative, rounds half up
             table[256 * k + v] = static_cast<uint8_t>(level / 257.0f + 0.5f);
         }
 }

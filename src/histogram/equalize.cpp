@@ -7,15 +7,9 @@
 extern "C" {
 
 MORVEN_API wzStatus wzHistogramEqualization(const wzImage *source, wzImage *destination) {
-    wzImageColorProfile flat, profile;
-    wzImageColorProfileForEqualization(&flat);
+    wzImageColorProfile profile;
     wzImageFillColorProfile(source, &profile);
-    wzImageColorProfileNormalize(&profile);
-    const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
-    const wzHistogramMatchStats stats{&profile};
-    uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(&stats, &params, table);
-    wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+    morven::applyEqualization(profile, source, destination);
     return WZ_STATUS_OK;
 }
 
@@ -36,6 +30,18 @@ MORVEN_API wzStatus wzHistogramStretch(const wzImage *source, wzImage *destinati
 
 namespace morven {
 
+void applyEqualization(wzImageColorProfile &profile, const wzImage *source,
+                       wzImage *destination) noexcept {
+    wzImageColorProfile flat;
+    wzImageColorProfileForEqualization(&flat);
+    wzImageColorProfileNormalize(&profile);
+    const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
+    const wzHistogramMatchStats stats{&profile};
+    uint8_t table[768];
+    wzHistogramMatchAddParamsCompute(&stats, &params, table);
+    wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+}
+
 Stretch stretchTable8(const wzImageColorProfile &profile, uint8_t table[768]) noexcept {
     // Block b serves channel b + 1, counted in array 2 - b; a gray image has
     // the same histogram in every array and uses block 0 alone.
@@ -55,7 +61,8 @@ Stretch stretchTable8(const wzImageColorProfile &profile, uint8_t table[768]) no
         stretched = true;
         const float scale = 255.0f / static_cast<float>(hi - lo);
         for (int i = 0; i < lo; ++i) block[i] = 0;
-        for (int i = lo; i < hi; ++i) block[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
+        for (int i = lo; i < hi; ++i)
+            block[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
         for (int i = hi; i < 256; ++i) block[i] = 255;
     }
     return !occupied ? Stretch::Empty : (stretched ? Stretch::Done : Stretch::Flat);

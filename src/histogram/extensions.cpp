@@ -125,7 +125,8 @@ wzStatus applyRecord(const wzHistogramMatchCurves &c, const wzImage &source, wzI
     }
     CurveWork work;
     if (!work.initRows(c.space, source.type == wzType16U, source.roi.width)) return WZ_STATUS_ERROR;
-    return deep::applyCurves(curves, c.space, work.space, source, destination, work.planes.get(), cancel);
+    return deep::applyCurves(curves, c.space, work.space, source, destination, work.planes.get(),
+                             cancel);
 }
 
 // Applies curves and blends with the unmatched values under the mask as the
@@ -143,7 +144,8 @@ wzStatus applyBlended(const wzHistogramMatchCurves &c, wzImage *source, const wz
         return status;
     }
     wzStatus status = applyRecord(c, *source, *destination, cancel);
-    if (status == WZ_STATUS_OK && mask) status = blendMaskedAny(*source, *destination, *destination, *mask);
+    if (status == WZ_STATUS_OK && mask)
+        status = blendMaskedAny(*source, *destination, *destination, *mask);
     return status;
 }
 
@@ -200,7 +202,8 @@ MORVEN_API wzStatus wzImageFillColorProfileMasked(const wzImage *image, const wz
 }
 
 MORVEN_API wzStatus wzImageFillColorProfile16(const wzImage *image, const wzImage *mask,
-                                              wzWorkingSpace space, wzImageColorProfile16 *profile) {
+                                              wzWorkingSpace space,
+                                              wzImageColorProfile16 *profile) {
     std::memset(profile, 0, sizeof *profile);
     if (!isDeepCapable(*image) || !knownSpace(space) ||
         !statsMaskFits(mask, image->roi.width, image->roi.height))
@@ -216,9 +219,11 @@ MORVEN_API wzStatus wzHistogramMatchStatsRetrieveMasked(wzHistogramMatchStats *s
 MORVEN_API wzStatus wzHistogramMatchCurvesCompute(const wzImageColorProfile16 *source,
                                                   const wzHistogramMatchParams *params,
                                                   const wzImageColorProfile16 *target16,
-                                                  int32_t channels, wzHistogramMatchCurves *curves) {
+                                                  int32_t channels,
+                                                  wzHistogramMatchCurves *curves) {
     const int32_t space = source->space;
-    if (!knownSpace(space) || !targetServes(target16, *params, space) || (channels != 1 && channels != 3))
+    if (!knownSpace(space) || !targetServes(target16, *params, space) ||
+        (channels != 1 && channels != 3))
         return WZ_STATUS_ERROR;
     CurveWork work;
     if (!work.initCompute()) return WZ_STATUS_ERROR;
@@ -256,7 +261,8 @@ MORVEN_API wzStatus wzHistogramMatchCurvesApply(const wzHistogramMatchCurves *cu
 MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchParams *params,
                                                       const wzHistogramMatchOptions *options,
                                                       wzImage *source, const wzImage *mask,
-                                                      wzImage *destination, const uint32_t *cancel) {
+                                                      wzImage *destination,
+                                                      const uint32_t *cancel) {
     const wzHistogramMatchOptions defaults{};
     const wzHistogramMatchOptions &o = options ? *options : defaults;
     if (!pairFits(*source, *destination) || !knownSpace(o.space) ||
@@ -269,8 +275,8 @@ MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchPara
         wzImageColorProfile profile;
         wzHistogramMatchStats stats{&profile};
         wzImageFillColorProfileMasked(source, o.statsMask, &profile);
-        if (!regionEmpty(*source) && (!(profileTotal(profile) > 0.0f) ||
-                                      !(profileTotal(*params->targetProfile) > 0.0f)))
+        if (!regionEmpty(*source) &&
+            (!(profileTotal(profile) > 0.0f) || !(profileTotal(*params->targetProfile) > 0.0f)))
             return unchanged(source, destination);
         uint8_t table[768];
         wzHistogramMatchAddParamsCompute(&stats, params, table);
@@ -283,8 +289,9 @@ MORVEN_API wzStatus wzHistogramMatchFilterWithOptions(const wzHistogramMatchPara
     if (!profile || !curves) return WZ_STATUS_ERROR;
     wzStatus status = fillDeep(*source, o.statsMask, o.space, *profile, cancel);
     if (status != WZ_STATUS_OK) return status;
-    status = wzHistogramMatchCurvesCompute(profile.get(), params, o.targetProfile16,
-                                           source->encoding == wzEncodingGray ? 1 : 3, curves.get());
+    status =
+        wzHistogramMatchCurvesCompute(profile.get(), params, o.targetProfile16,
+                                      source->encoding == wzEncodingGray ? 1 : 3, curves.get());
     profile.reset();
     if (status == WZ_STATUS_NO_PIXELS)
         return regionEmpty(*source) ? WZ_STATUS_OK : unchanged(source, destination);
@@ -308,17 +315,11 @@ MORVEN_API wzStatus wzHistogramEqualizationMasked(const wzImage *source, const w
         !statsMaskFits(statsMask, source->roi.width, source->roi.height))
         return WZ_STATUS_ERROR;
     if (source->type == wzType8U) {
-        wzImageColorProfile flat, profile;
-        wzImageColorProfileForEqualization(&flat);
+        wzImageColorProfile profile;
         wzImageFillColorProfileMasked(source, statsMask, &profile);
         if (regionEmpty(*source)) return WZ_STATUS_OK;
         if (!(profileTotal(profile) > 0.0f)) return unchanged(source, destination);
-        wzImageColorProfileNormalize(&profile);
-        const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
-        const wzHistogramMatchStats stats{&profile};
-        uint8_t table[768];
-        wzHistogramMatchAddParamsCompute(&stats, &params, table);
-        wzHistogramMatchApply(nullptr, table, source, destination, nullptr);
+        applyEqualization(profile, source, destination);
         return WZ_STATUS_OK;
     }
     // 16-bit: a match to the flat distribution over every level.
@@ -385,10 +386,11 @@ MORVEN_API wzStatus wzHistogramStretchMasked(const wzImage *source, const wzImag
             uint16_t v[3];
             for (int k = 0; k < channels; ++k) {
                 const uint32_t level = loadElement<uint16_t>(s.p + layout.c[k]);
-                v[k] = lo[k] == hi[k] ? static_cast<uint16_t>(level)
-                     : level < lo[k]  ? 0
-                     : level >= hi[k] ? 65535
-                                      : static_cast<uint16_t>(65535.0 / (hi[k] - lo[k]) * (level - lo[k]));
+                v[k] = lo[k] == hi[k]  ? static_cast<uint16_t>(level)
+                       : level < lo[k] ? 0
+                       : level >= hi[k]
+                           ? 65535
+                           : static_cast<uint16_t>(65535.0 / (hi[k] - lo[k]) * (level - lo[k]));
             }
             for (int k = 0; k < channels; ++k) storeRaw<uint16_t>(d.p + out.c[k], v[k]);
         }

@@ -9,10 +9,10 @@
 
 #include "common/cancel.hpp"
 #include "common/memory.hpp"
+#include "histogram/match_internal.hpp"
 #include "image/image_internal.hpp"
 #include "kernels/count.hpp"
 #include "kernels/kernels.hpp"
-#include "histogram/match_internal.hpp"
 #include "morven/color.h"
 #include "morven/histogram.h"
 
@@ -254,12 +254,9 @@ MORVEN_API wzStatus wzHistogramMatchApply(const void *reserved, const uint8_t ta
 MORVEN_API wzStatus wzHistogramMatchFilter(const wzHistogramMatchParams *params, wzImage *source,
                                            const wzImage *mask, wzImage *destination,
                                            const uint32_t *cancel) {
-    wzImageColorProfile profile;
-    wzHistogramMatchStats stats{&profile};
-    const wzStatus filled = wzImageFillColorProfile(source, &profile);
-    if (filled != WZ_STATUS_OK) return filled;
     uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    const wzStatus filled = matchTable(params, source, table);
+    if (filled != WZ_STATUS_OK) return filled;
     return applyTableMasked(table, source, mask, destination, cancel);
 }
 
@@ -301,15 +298,22 @@ wzStatus applyTable(const uint8_t table[768], const wzImage *source, wzImage *de
     return WZ_STATUS_OK;
 }
 
+wzStatus matchTable(const wzHistogramMatchParams *params, const wzImage *source,
+                    uint8_t table[768]) noexcept {
+    wzImageColorProfile profile;
+    const wzStatus filled = wzImageFillColorProfile(source, &profile);
+    if (filled != WZ_STATUS_OK) return filled;
+    const wzHistogramMatchStats stats{&profile};
+    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    return WZ_STATUS_OK;
+}
+
 wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *source,
                              wzImage *destination, ByteCounter &brightness,
                              const uint32_t *cancel) noexcept {
-    wzImageColorProfile profile;
-    wzHistogramMatchStats stats{&profile};
-    const wzStatus filled = wzImageFillColorProfile(source, &profile);
-    if (filled != WZ_STATUS_OK) return filled;
     uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(&stats, params, table);
+    const wzStatus filled = matchTable(params, source, table);
+    if (filled != WZ_STATUS_OK) return filled;
     return applyTable(table, source, destination, &brightness, cancel);
 }
 
@@ -325,7 +329,8 @@ wzStatus applyTableMasked(const uint8_t table[768], wzImage *source, const wzIma
         return status;
     }
     wzStatus status = wzHistogramMatchApply(nullptr, table, source, destination, cancel);
-    if (status == WZ_STATUS_OK && mask) status = wzAddWeigthedM(source, destination, destination, mask);
+    if (status == WZ_STATUS_OK && mask)
+        status = wzAddWeigthedM(source, destination, destination, mask);
     return status;
 }
 

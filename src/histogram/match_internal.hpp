@@ -39,6 +39,16 @@ wzStatus matchFilterCounting(const wzHistogramMatchParams *params, wzImage *sour
 wzStatus applyTableMasked(const uint8_t table[768], wzImage *source, const wzImage *mask,
                           wzImage *destination, const uint32_t *cancel) noexcept;
 
+// Normalises the profile of source and applies to source the table that
+// matches it to the flat distribution: the 8-bit equalisation.
+void applyEqualization(wzImageColorProfile &profile, const wzImage *source,
+                       wzImage *destination) noexcept;
+
+// Fills the profile of source and computes the table that matches it under
+// params; the status of the fill.
+wzStatus matchTable(const wzHistogramMatchParams *params, const wzImage *source,
+                    uint8_t table[768]) noexcept;
+
 // The linear stretch of every channel's occupied range onto 0..255 (block
 // b from profile array 2 - b); a channel that is empty or holds one value
 // maps to itself. Says whether any channel was occupied and stretched.

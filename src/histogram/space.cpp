@@ -33,11 +33,14 @@ constexpr double kToXyz[3][3] = {
     {0.0193 / 1.089, 0.1192 / 1.089, 0.9505 / 1.089},
 };
 
-constexpr int kGrid = 16384;  // steps of the tabulated curves over 0..1 (64 KB each: they stay in cache)
-constexpr double kDelta = 6.0 / 29.0;                // Lab's knee
-constexpr double kKnee = kDelta * kDelta * kDelta;   // t below which f is linear
+constexpr int kGrid =
+    16384;  // steps of the tabulated curves over 0..1 (64 KB each: they stay in cache)
+constexpr double kDelta = 6.0 / 29.0;               // Lab's knee
+constexpr double kKnee = kDelta * kDelta * kDelta;  // t below which f is linear
 
-double labF(double t) { return t > kKnee ? std::cbrt(t) : t / (3.0 * kDelta * kDelta) + 4.0 / 29.0; }
+double labF(double t) {
+    return t > kKnee ? std::cbrt(t) : t / (3.0 * kDelta * kDelta) + 4.0 / 29.0;
+}
 
 inline float labFInverse(float s) {
     constexpr float d = static_cast<float>(kDelta);
@@ -46,9 +49,13 @@ inline float labFInverse(float s) {
     return s > d ? s * s * s : slope * (s - offset);
 }
 
-double srgbDecode(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4); }
+double srgbDecode(double c) {
+    return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+}
 
-double srgbEncode(double l) { return l <= 0.0031308 ? 12.92 * l : 1.055 * std::pow(l, 1.0 / 2.4) - 0.055; }
+double srgbEncode(double l) {
+    return l <= 0.0031308 ? 12.92 * l : 1.055 * std::pow(l, 1.0 / 2.4) - 0.055;
+}
 
 // A curve tabulated at kGrid + 1 points over 0..1, read with linear
 // interpolation; outside 0..1 the caller decides.
@@ -68,6 +75,7 @@ inline float sampleOf(const uint8_t *p, bool wide) {
 inline void storeSample(uint8_t *p, bool wide, float full, float v) {
     v = v > 0.0f ? v : 0.0f;  // NaN gives 0 as well
     v = v < full ? v : full;
+    // NOLINTNEXTLINE(bugprone-incorrect-roundings): clamped to 0..full, rounds half up
     const auto level = static_cast<uint32_t>(v + 0.5f);
     if (wide)
         storeRaw<uint16_t>(p, static_cast<uint16_t>(level));
@@ -91,7 +99,9 @@ void invert3(const double m[3][3], float out[3][3]) {
 
 PixelLayout pixelLayout(const wzImage &img) noexcept {
     const ChannelBytes o = channelBytes(img);
-    return PixelLayout{img.type == wzType16U, img.encoding == wzEncodingGray, pixelStride(img),
+    return PixelLayout{img.type == wzType16U,
+                       img.encoding == wzEncodingGray,
+                       pixelStride(img),
                        {o.c[0], o.c[1], o.c[2]}};
 }
 

@@ -33,11 +33,13 @@ public:
     bool init(int32_t space, bool wide) noexcept;
 
     // Converts n pixels into the planes w[0..2] (n values each).
-    void forward(const uint8_t *row, const PixelLayout &layout, size_t n, float *const w[3]) const noexcept;
+    void forward(const uint8_t *row, const PixelLayout &layout, size_t n,
+                 float *const w[3]) const noexcept;
 
     // Converts n pixels of working values back into a row, clamped and
     // rounded to the sample width; a fourth channel is not written.
-    void inverse(const float *const w[3], const PixelLayout &layout, size_t n, uint8_t *row) const noexcept;
+    void inverse(const float *const w[3], const PixelLayout &layout, size_t n,
+                 uint8_t *row) const noexcept;
 
 private:
     bool lab_ = false;

@@ -136,9 +136,9 @@ MORVEN_API wzStatus wzHistogramMatchApplyGray3D(const void *, const uint8_t tabl
     return WZ_STATUS_OK;
 }
 
-MORVEN_API wzStatus wzHistogramMatchFilter3D(const wzHistogramMatchParams *params,
-                                             wzVolume *source, const wzVolume *mask,
-                                             wzVolume *destination, const uint32_t *cancel) {
+MORVEN_API wzStatus wzHistogramMatchFilter3D(const wzHistogramMatchParams *params, wzVolume *source,
+                                             const wzVolume *mask, wzVolume *destination,
+                                             const uint32_t *cancel) {
     wzVolume &s = *source;
     const wzBox &bs = s.roi;
     if (!sourceUsable(s) || !lookUpUsable(*destination)) return WZ_STATUS_ERROR;
@@ -163,7 +163,8 @@ MORVEN_API wzStatus wzHistogramMatchFilter3D(const wzHistogramMatchParams *param
         if (status != WZ_STATUS_OK) return status;
         return blendPlanes(*copy, copy->roi, s, bs, *mask, bs.width, bs.height, copy->depth);
     }
-    const wzStatus status = wzHistogramMatchApplyGray3D(nullptr, table, source, destination, cancel);
+    const wzStatus status =
+        wzHistogramMatchApplyGray3D(nullptr, table, source, destination, cancel);
     if (status != WZ_STATUS_OK || !mask) return status;
     return blendPlanes(s, bs, *destination, destination->roi, *mask, bs.width, bs.height, bs.depth);
 }
@@ -198,7 +199,8 @@ MORVEN_API wzStatus wzHistogramStretch3D(const wzVolume *source, wzVolume *desti
     uint8_t table[768];
     std::memset(table, 0, sizeof table);
     const float scale = 255.0f / static_cast<float>(hi - lo);
-    for (int i = lo; i < hi; ++i) table[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
+    for (int i = lo; i < hi; ++i)
+        table[i] = static_cast<uint8_t>(scale * static_cast<float>(i - lo));
     for (int i = hi; i < 256; ++i) table[i] = 255;
     // 0, or 1 for regions the look-up refuses (it takes no cancel flag).
     return wzHistogramMatchApplyGray3D(nullptr, table, source, destination, nullptr);

@@ -89,7 +89,8 @@ MORVEN_API wzStatus wzAddWeigthedS(const wzImage *a, const wzImage *b, wzImage *
         return WZ_STATUS_ERROR;
     const float w = static_cast<float>(weight) / 255.0f;
     const WeightPair pair{1.0f - w, w};
-    runBlend(blendWalk(*a, *b, *dst), a->roi.height, a->roi.width, [&] { return pair; }, [] {});
+    runBlend(
+        blendWalk(*a, *b, *dst), a->roi.height, a->roi.width, [&] { return pair; }, [] {});
     return WZ_STATUS_OK;
 }
 
@@ -174,6 +175,7 @@ bool blendMasked16(const wzImage &a, const wzImage &b, wzImage &dst, const wzIma
                 const double p = loadElement<uint16_t>(ca.p + o.c[k]);
                 const double q = loadElement<uint16_t>(cb.p + o.c[k]);
                 const double r = p + w * (q - p);  // stays within p..q
+                // NOLINTNEXTLINE(bugprone-incorrect-roundings): r lies in 0..65535, rounds half up
                 storeRaw<uint16_t>(cd.p + o.c[k], static_cast<uint16_t>(r + 0.5));
             }
             ca.p += ca.step;
@@ -188,9 +190,9 @@ bool blendMasked16(const wzImage &a, const wzImage &b, wzImage &dst, const wzIma
     return true;
 }
 
-wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst, const wzImage &mask) noexcept {
-    if (a.type == wzType16U)
-        return blendMasked16(a, b, dst, mask) ? WZ_STATUS_OK : WZ_STATUS_ERROR;
+wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst,
+                        const wzImage &mask) noexcept {
+    if (a.type == wzType16U) return blendMasked16(a, b, dst, mask) ? WZ_STATUS_OK : WZ_STATUS_ERROR;
     return wzAddWeigthedM(&a, &b, &dst, &mask);
 }
 

@@ -17,8 +17,8 @@ using namespace morven;
 #define WZ_X64(F, i) WZ_X16(F, i), WZ_X16(F, (i) + 16), WZ_X16(F, (i) + 32), WZ_X16(F, (i) + 48)
 #define WZ_X256(F) WZ_X64(F, 0), WZ_X64(F, 64), WZ_X64(F, 128), WZ_X64(F, 192)
 
-extern "C" MORVEN_API const int32_t wz_toGray_tab[768] = {
-    WZ_X256(WZ_GRAY_B), WZ_X256(WZ_GRAY_G), WZ_X256(WZ_GRAY_R)};
+extern "C" MORVEN_API const int32_t wz_toGray_tab[768] = {WZ_X256(WZ_GRAY_B), WZ_X256(WZ_GRAY_G),
+                                                          WZ_X256(WZ_GRAY_R)};
 
 namespace {
 
@@ -133,8 +133,8 @@ bool channelMoveAllowed(const wzImage &src, const wzImage &dst) {
 }
 
 template <size_t PB>
-void transposePixels(const uint8_t *src, ptrdiff_t srcRow, uint8_t *dst, int32_t dstW,
-                     int32_t dstH, size_t pb) {
+void transposePixels(const uint8_t *src, ptrdiff_t srcRow, uint8_t *dst, int32_t dstW, int32_t dstH,
+                     size_t pb) {
     // Destination row r is source column r, read top to bottom.
     const size_t n = PB ? PB : pb;
     for (int32_t r = 0; r < dstH; ++r) {
@@ -168,7 +168,8 @@ MORVEN_API wzStatus wzImageCvtColor(const wzImage *src, wzImage *dst) {
         const ptrdiff_t dstRow = d.step * dst->width;
         const uint8_t *sp = s.p;
         uint8_t *dp = d.p;
-        for (int32_t y = 0; y < rows; ++y, sp += srcRow, dp += dstRow) std::memmove(dp, sp, rowBytes);
+        for (int32_t y = 0; y < rows; ++y, sp += srcRow, dp += dstRow)
+            std::memmove(dp, sp, rowBytes);
         return WZ_STATUS_OK;
     }
 
@@ -190,10 +191,12 @@ MORVEN_API wzStatus wzImageCvtColor(const wzImage *src, wzImage *dst) {
             dc.p += n + dc.gap;
         }
     } else if (dst->encoding == wzEncodingGray) {
-        dispatchType(src->type, [&](auto tag) { toGray<decltype(tag)::code>(s, os, d, rows, cols); });
+        dispatchType(src->type,
+                     [&](auto tag) { toGray<decltype(tag)::code>(s, os, d, rows, cols); });
     } else {
         const ChannelBytes od = channelBytes(*dst);
-        dispatchSize(es, [&](auto size) { moveChannels<decltype(size)::value>(s, os, d, od, rows, cols); });
+        dispatchSize(
+            es, [&](auto size) { moveChannels<decltype(size)::value>(s, os, d, od, rows, cols); });
     }
     return WZ_STATUS_OK;
 }
@@ -209,7 +212,9 @@ MORVEN_API wzStatus wzTranspose(const wzImage *src, wzImage *dst) {
         case 1: transposePixels<1>(src->data, srcRow, dst->data, dst->width, dst->height, n); break;
         case 3: transposePixels<3>(src->data, srcRow, dst->data, dst->width, dst->height, n); break;
         case 4: transposePixels<4>(src->data, srcRow, dst->data, dst->width, dst->height, n); break;
-        default: transposePixels<0>(src->data, srcRow, dst->data, dst->width, dst->height, n); break;
+        default:
+            transposePixels<0>(src->data, srcRow, dst->data, dst->width, dst->height, n);
+            break;
     }
     return WZ_STATUS_OK;
 }

@@ -68,6 +68,7 @@ inline uint32_t level8Of16(uint32_t v) noexcept { return (v + 128) / 257; }
 bool blendMasked16(const wzImage &a, const wzImage &b, wzImage &dst, const wzImage &mask) noexcept;
 
 // The 8-bit blend (wzAddWeigthedM) or the 16-bit one, by the images' type.
-wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst, const wzImage &mask) noexcept;
+wzStatus blendMaskedAny(const wzImage &a, const wzImage &b, wzImage &dst,
+                        const wzImage &mask) noexcept;
 
 }  // namespace morven

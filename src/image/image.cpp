@@ -3,6 +3,7 @@
 
 #include "common/memory.hpp"
 #include "image/image_internal.hpp"
+#include "morven/color.h"
 
 using namespace morven;
 
@@ -65,7 +66,9 @@ MORVEN_API wzSize wzImageSize(const wzImage *image) { return wzSize{image->width
 
 MORVEN_API uint32_t wzImageGetEncoding(const wzImage *image) { return image->encoding; }
 
-MORVEN_API int32_t wzImageGetNChannel(const wzImage *image) { return channelCount(image->encoding); }
+MORVEN_API int32_t wzImageGetNChannel(const wzImage *image) {
+    return channelCount(image->encoding);
+}
 
 MORVEN_API int32_t wzGetNChannelFromEncoding(uint32_t encoding) { return channelCount(encoding); }
 
@@ -103,3 +106,13 @@ MORVEN_API void wzImageExtractDerivedMembers(const wzImage *image, int32_t out[3
 }
 
 }  // extern "C"
+
+wzImage *morven::copyWithRegion(const wzImage &source, uint32_t type) noexcept {
+    wzImage *copy = wzImageCreateWithType(source.width, source.height, source.encoding, type);
+    if (!copy) return nullptr;
+    wzImage whole = source;
+    wzImageResetROI(&whole);
+    wzCopy(&whole, copy);
+    wzImageSetROI(copy, &source.roi);
+    return copy;
+}

@@ -104,7 +104,7 @@ inline Cursor regionCursor(const wzImage &img, ptrdiff_t step) noexcept {
 template <typename F>
 inline int32_t truncSat32(F v) noexcept {
     static_assert(std::is_floating_point_v<F>);
-    if (v != v) return 0;
+    if (std::isnan(v)) return 0;
     if (v >= static_cast<F>(2147483648.0)) return INT32_MAX;
     if (v <= static_cast<F>(-2147483648.0)) return INT32_MIN;
     return static_cast<int32_t>(v);
@@ -247,5 +247,10 @@ template <typename T>
 inline double loadAsDouble(const uint8_t *data, int64_t i) noexcept {
     return static_cast<double>(loadElement<T>(data + i * static_cast<int64_t>(sizeof(T))));
 }
+
+// A copy of the whole block of source (smoothing reads all of it) in a new
+// image of the given type, with source's region so that a blend covers the
+// same pixels as in the source; null when it cannot be allocated.
+wzImage *copyWithRegion(const wzImage &source, uint32_t type) noexcept;
 
 }  // namespace morven

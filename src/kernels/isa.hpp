@@ -1,6 +1,6 @@
 // Instruction sets and what this processor offers. One binary runs on any
 // x86-64: the AVX2 and AVX-512 kernels are compiled with target attributes
-// (target.hpp) and chosen at run time from the processor model that the
+// (x86.hpp) and chosen at run time from the processor model that the
 // compiler runtime reads at start-up. ARM64 always has Advanced SIMD (NEON is
 // part of the base architecture), so its kernels need no run-time check.
 // Nothing here keeps state of its own.

@@ -93,7 +93,7 @@ using WriteChannelFn = void (*)(const uint8_t *src, uint8_t *px, int32_t step, p
                                 int32_t w);
 
 // ---------------------------------------------------------------------------
-// Matrices (product*.cpp, svd*.cpp). Each element is computed with the
+// Matrices (matrix.cpp). Each element is computed with the
 // operations of the plain loop in the same order (the library is built
 // without fused multiply-adds), so every form gives the same bits.
 

@@ -68,6 +68,7 @@ MORVEN_INLINE void tile(const double *const *arows, int i0, int k0, int kc, cons
         for (int v = 0; v < NV; ++v) loadV(b[v], pack + k * NR + v * W);
         const double *arow = TA ? arows[k0 + k] + i0 : nullptr;
         for (int r = 0; r < MR; ++r) {
+            // cppcheck-suppress [nullPointer, uninitvar] ; arow is set when TA, ap when not
             const double x = TA ? arow[r] : ap[r][k];
             for (int v = 0; v < NV; ++v) acc[r][v] = acc[r][v] + x * b[v];
         }

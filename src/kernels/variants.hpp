@@ -111,7 +111,7 @@ void writeChannelPlain(const uint8_t *src, uint8_t *px, int32_t step, ptrdiff_t 
 void writeChannelAvx2(const uint8_t *src, uint8_t *px, int32_t step, ptrdiff_t offset, int32_t w);
 void writeChannelNeon(const uint8_t *src, uint8_t *px, int32_t step, ptrdiff_t offset, int32_t w);
 
-// ---- Matrices (product*.cpp, svd*.cpp)
+// ---- Matrices (matrix.cpp)
 void productPlain(wzMatrix &dst, const wzMatrix &a, const wzMatrix &b, bool transposeA);
 void productAvx2(wzMatrix &dst, const wzMatrix &a, const wzMatrix &b, bool transposeA);
 void columnDotsPlain(double *t, double *const *X, int32_t c, int32_t k0, int32_t k1, int32_t l,

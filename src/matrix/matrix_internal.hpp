@@ -19,6 +19,7 @@ inline int64_t matrixElements(int32_t rows, int32_t cols) noexcept {
 // (formed on addresses: it lies outside the block on purpose).
 template <typename T>
 T *oneBefore(T *p) noexcept {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the address lies outside the block on purpose
     return reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(p) - sizeof(T));
 }
 

@@ -13,7 +13,8 @@ namespace {
 
 // Copies count doubles between blocks (count <= 0: nothing).
 void copyElements(double *dst, const double *src, int64_t count) {
-    if (count > 0 && dst != src) std::memmove(dst, src, sizeof(double) * static_cast<size_t>(count));
+    if (count > 0 && dst != src)
+        std::memmove(dst, src, sizeof(double) * static_cast<size_t>(count));
 }
 
 // svdcmp on records: U (m x n) holds A and receives U, W's block the n

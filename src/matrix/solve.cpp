@@ -23,7 +23,8 @@ namespace {
 constexpr int32_t kColumnBlock = 256;
 
 void copyElements(double *dst, const double *src, int64_t count) {
-    if (count > 0 && dst != src) std::memmove(dst, src, sizeof(double) * static_cast<size_t>(count));
+    if (count > 0 && dst != src)
+        std::memmove(dst, src, sizeof(double) * static_cast<size_t>(count));
 }
 
 // Triangular solve of T * X = B for the rows in the order given by Forward,

@@ -33,6 +33,7 @@ namespace {
 // point outside their blocks deliberately, and k may be any 64-bit offset.
 template <typename T>
 T *offsetBy(T *p, uint64_t k) noexcept {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): wrapping address arithmetic, see above
     return reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(p) +
                                  static_cast<uintptr_t>(k * sizeof(T)));
 }
@@ -436,7 +437,8 @@ MORVEN_API double **matrix(int64_t nrl, int64_t nrh, int64_t ncl, int64_t nch) {
     double **table = rowTable.release();
     table[0] = nullptr;
     double *first = offsetBy(block, oneMinus(ncl));
-    for (int64_t r = 0; r < rows; ++r) table[1 + r] = offsetBy(first, static_cast<uint64_t>(r * cols));
+    for (int64_t r = 0; r < rows; ++r)
+        table[1 + r] = offsetBy(first, static_cast<uint64_t>(r * cols));
     return offsetBy(table, oneMinus(nrl));
 }
 

@@ -29,8 +29,8 @@ MORVEN_API wzStatus wzSelectiveSmoothGray(const wzSelectiveSmoothParams *params,
                                           const wzSelectiveSmoothSupport *support,
                                           const wzImage *guide, const wzImage *input,
                                           wzImage *output, const uint32_t *cancel) {
-    if (!isGray8(*input, *input) || input->width < 0 || input->height < 0 || !isGray8(*guide, *input) ||
-        !isGray8(*output, *input))
+    if (!isGray8(*input, *input) || input->width < 0 || input->height < 0 ||
+        !isGray8(*guide, *input) || !isGray8(*output, *input))
         return WZ_STATUS_ERROR;
     wzImage *g3 = wzImageCreate(input->width, input->height, wzEncodingBGR);
     wzImage *x3 = wzImageCreate(input->width, input->height, wzEncodingBGR);
@@ -46,8 +46,10 @@ MORVEN_API wzStatus wzSelectiveSmoothGray(const wzSelectiveSmoothParams *params,
     const wzStatus status = wzSelectiveSmooth(params, support, g3, x3, x3, cancel);
     if (status == WZ_STATUS_OK || status == WZ_STATUS_CANCELLED) {
         // Cancelled, channel 1 holds either its finished or its first values.
-        if (status == WZ_STATUS_OK) wzImageExtractChannel(x3, &out, 1);
-        else if (input != output) wzCopy(&x, &out);
+        if (status == WZ_STATUS_OK)
+            wzImageExtractChannel(x3, &out, 1);
+        else if (input != output)
+            wzCopy(&x, &out);
     }
     return status;
 }

@@ -81,6 +81,7 @@ void prefetchRow(const ChannelRows &v, int32_t y, int32_t w) {
 }
 
 // Rows of a pipeline of `levels` levels, in 64-byte aligned rows.
+// NOLINTNEXTLINE(bugprone-misplaced-widening-cast): levels is at most kMaxLevels
 size_t pipelineRows(int32_t levels) { return static_cast<size_t>(10 * (levels + 1) + 8 * levels); }
 
 void carvePipeline(const Run &run, int32_t levels, uint8_t *&at, Pipeline &p) {

@@ -25,8 +25,8 @@ struct Planes {
 };
 
 // Adds the pair p, q when it is accepted.
-inline void pair(const uint16_t *g, const uint16_t *x, size_t p, size_t q, int32_t *sp,
-                 int32_t *sq, uint8_t *np, uint8_t *nq, int32_t t) {
+inline void pair(const uint16_t *g, const uint16_t *x, size_t p, size_t q, int32_t *sp, int32_t *sq,
+                 uint8_t *np, uint8_t *nq, int32_t t) {
     const int32_t gd = int32_t{g[p]} - g[q];
     const int32_t d = gd < 0 ? -gd : gd;
     if (d >= t) return;
@@ -85,7 +85,8 @@ void insert(const uint16_t *plane, wzImage &img, ptrdiff_t offset, size_t pixels
 }
 
 bool sameShape(const wzImage &a, const wzImage &b) {
-    return b.type == wzType16U && b.encoding == a.encoding && b.width == a.width && b.height == a.height;
+    return b.type == wzType16U && b.encoding == a.encoding && b.width == a.width &&
+           b.height == a.height;
 }
 
 // The whole input into the whole output.
@@ -127,7 +128,8 @@ MORVEN_API wzStatus wzSelectiveSmooth16(const wzSelectiveSmoothParams *params, c
         extract(*input, o.c[k], pl.current.get(), pixels);
         for (int32_t i = 0; i < params->iterations; ++i) {
             if (cancelRequested(cancel)) return WZ_STATUS_CANCELLED;
-            pass(pl.guide.get(), pl.current.get(), pl.next.get(), pl.sum.get(), pl.count.get(), w, h, t);
+            pass(pl.guide.get(), pl.current.get(), pl.next.get(), pl.sum.get(), pl.count.get(), w,
+                 h, t);
             std::swap(pl.current, pl.next);
         }
         insert(pl.current.get(), *output, o.c[k], pixels);

@@ -33,18 +33,15 @@ MORVEN_API wzStatus wzHistogramTransferFilterWithOptions(const wzHistogramTransf
     wzImage *copy = nullptr;
     ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
     if (needCopy) {
-        copy = wzImageCreateWithType(source->width, source->height, source->encoding, source->type);
+        copy = copyWithRegion(*source, source->type);
         if (!copy) return WZ_STATUS_ERROR;
-        wzImage whole = *source;
-        wzImageResetROI(&whole);
-        wzCopy(&whole, copy);
-        wzImageSetROI(copy, &source->roi);
     }
     const wzImage *untouched = copy ? copy : source;
 
     const wzHistogramMatchParams match{params->matchStrength, params->matchFidelity, 0,
                                        params->matchMaxStep, params->targetProfile};
-    wzStatus status = wzHistogramMatchFilterWithOptions(&match, &o, source, nullptr, destination, cancel);
+    wzStatus status =
+        wzHistogramMatchFilterWithOptions(&match, &o, source, nullptr, destination, cancel);
     if (status != WZ_STATUS_OK) return status;
     if (params->contrastEnabled) {
         const wzContrastEnhanceParams contrast{params->contrastHighTail, params->contrastLowTail, 0,

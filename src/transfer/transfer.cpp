@@ -120,14 +120,8 @@ MORVEN_API wzStatus wzHistogramTransferFilter(const wzHistogramTransferParams *p
     wzImage *copy = nullptr;
     ScopeGuard releaseCopy([&] { wzImageRelease(&copy); });
     if (needCopy) {
-        copy = wzImageCreate(source->width, source->height, source->encoding);
+        copy = copyWithRegion(*source, wzType8U);
         if (!copy) return WZ_STATUS_ERROR;
-        // The whole picture (smoothing reads all of it), with the source's
-        // region so that the blend covers the same pixels as in the source.
-        wzImage whole = *source;
-        wzImageResetROI(&whole);
-        wzCopy(&whole, copy);
-        wzImageSetROI(copy, &source->roi);
     }
     const wzImage *untouched = copy ? copy : source;
 

@@ -6,8 +6,8 @@
 #include <cfloat>
 #include <cstring>
 
-#include "morven/color.h"
 #include "image/block_walks.hpp"
+#include "morven/color.h"
 #include "volume/volume_internal.hpp"
 
 using namespace morven;

@@ -102,8 +102,8 @@ MORVEN_API wzStatus wzVolumeDumpSave(const wzVolume *volume, FILE *stream) {
     if (bytes > 0 && !v.voxels && !planesHaveBlocks(v)) return WZ_STATUS_FAILURE;
     if (!writeHeader(v, stream)) return WZ_STATUS_FAILURE;
     if (bytes <= 0) return WZ_STATUS_FAILURE;  // an empty item counts as not written
-    const bool written = v.voxels ? writeItem(stream, v.voxels, static_cast<size_t>(bytes))
-                                  : writePlanes(v, stream);
+    const bool written =
+        v.voxels ? writeItem(stream, v.voxels, static_cast<size_t>(bytes)) : writePlanes(v, stream);
     return written ? WZ_STATUS_OK : WZ_STATUS_FAILURE;
 }
 
@@ -127,8 +127,8 @@ MORVEN_API wzVolume *wzVolumeDumpLoad(FILE *stream) {
     if (!block) return nullptr;
 
     // Record, plane table and plane headers, released in reverse on failure.
-    wzVolume *v = wzVolumeCreateHeaderWithTypeAndEncoding(r.width, r.height, r.depth, r.type,
-                                                          wzEncodingGray);
+    wzVolume *v =
+        wzVolumeCreateHeaderWithTypeAndEncoding(r.width, r.height, r.depth, r.type, wzEncodingGray);
     if (!v) return nullptr;
     v->roi = r.roi;
     wzVolumeAssignData(v, block.release());

@@ -99,8 +99,8 @@ MORVEN_API wzVolume *wzVolumeCreateHeaderWithType(int32_t width, int32_t height,
     return wzVolumeCreateHeaderWithTypeAndEncoding(width, height, depth, type, wzEncodingGray);
 }
 
-MORVEN_API wzVolume *wzVolumeCreateHeaderWithEncoding(int32_t width, int32_t height,
-                                                      int32_t depth, uint32_t encoding) {
+MORVEN_API wzVolume *wzVolumeCreateHeaderWithEncoding(int32_t width, int32_t height, int32_t depth,
+                                                      uint32_t encoding) {
     if (!isValidEncoding(encoding)) return nullptr;
     return wzVolumeCreateHeaderWithTypeAndEncoding(width, height, depth, wzType8U, encoding);
 }
@@ -125,14 +125,13 @@ MORVEN_API wzVolume *wzVolumeCreateWithEncoding(int32_t width, int32_t height, i
 }
 
 MORVEN_API wzVolume *wzVolumeCreateAs(const wzVolume *model) {
-    return createContiguous(model->width, model->height, model->depth, model->type,
-                            wzEncodingGray);
+    return createContiguous(model->width, model->height, model->depth, model->type, wzEncodingGray);
 }
 
 MORVEN_API wzVolume *wzVolumeCreateWithTypeWithSeparatePlanes(int32_t width, int32_t height,
                                                               int32_t depth, uint32_t type) {
-    wzVolume *v = wzVolumeCreateHeaderWithTypeAndEncoding(width, height, depth, type,
-                                                          wzEncodingGray);
+    wzVolume *v =
+        wzVolumeCreateHeaderWithTypeAndEncoding(width, height, depth, type, wzEncodingGray);
     if (!v) return nullptr;
     for (int32_t k = 0; k < depth; ++k) {
         wzImage *plane = wzImageCreateWithType(width, height, wzEncodingGray, type);
@@ -200,7 +199,8 @@ MORVEN_API void wzVolumeCvtFrom32(const wzVolume32 *in, wzVolume *out) {
 
 MORVEN_API wzStatus wzVolumeCvtType(const wzVolume *src, wzVolume *dst) {
     if (dst->depth < src->depth) return WZ_STATUS_ERROR;
-    return forEachPlane(*src, *dst, [](const wzImage *s, wzImage *d) { return wzImageCvtType(s, d); });
+    return forEachPlane(*src, *dst,
+                        [](const wzImage *s, wzImage *d) { return wzImageCvtType(s, d); });
 }
 
 MORVEN_API wzStatus wzVolumeCvtTypeGivenRange(const wzVolume *src, wzVolume *dst, double low,

@@ -31,7 +31,8 @@ inline int64_t planeBytes(const wzVolume &v) noexcept {
     const int32_t ch = volumeChannels(v);
     if (v.width < 0 || v.height < 0 || ch < 1) return 0;
     int64_t bytes = 0;
-    if (!checkedMul(int64_t{v.width} * v.height, int64_t{elementSize(v.type)} * ch, bytes)) return 0;
+    if (!checkedMul(int64_t{v.width} * v.height, int64_t{elementSize(v.type)} * ch, bytes))
+        return 0;
     return bytes;
 }
 
@@ -53,9 +54,7 @@ inline bool planesHaveBlocks(const wzVolume &v) noexcept {
 
 // True when every plane has voxels to walk: the volume has a voxels block, or
 // (separate-plane volumes) every plane header has a block of its own.
-inline bool hasVoxels(const wzVolume &v) noexcept {
-    return v.voxels || planesHaveBlocks(v);
-}
+inline bool hasVoxels(const wzVolume &v) noexcept { return v.voxels || planesHaveBlocks(v); }
 
 // True when the element-level operations serve the volume: one channel per
 // plane and voxels to walk (the element type is checked by each operation).
@@ -67,8 +66,8 @@ inline bool elementLevelUsable(const wzVolume &v) noexcept {
 // (extents assumed >= 0).
 inline bool boxInside(const wzVolume &v, int32_t x, int32_t y, int32_t z, int32_t w, int32_t h,
                       int32_t d) noexcept {
-    return x >= 0 && y >= 0 && z >= 0 && w >= 0 && h >= 0 && d >= 0 &&
-           int64_t{x} + w <= v.width && int64_t{y} + h <= v.height && int64_t{z} + d <= v.depth;
+    return x >= 0 && y >= 0 && z >= 0 && w >= 0 && h >= 0 && d >= 0 && int64_t{x} + w <= v.width &&
+           int64_t{y} + h <= v.height && int64_t{z} + d <= v.depth;
 }
 
 }  // namespace morven

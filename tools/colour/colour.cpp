@@ -40,10 +40,10 @@ Profile open(const std::vector<uint8_t> &icc, bool gray) {
 cmsUInt32Number pixelFormat(int channels, int depth) {
     const int bytes = depth / 8;
     switch (channels) {
-    case 1: return COLORSPACE_SH(PT_GRAY) | CHANNELS_SH(1) | BYTES_SH(bytes);
-    case 2: return COLORSPACE_SH(PT_GRAY) | EXTRA_SH(1) | CHANNELS_SH(1) | BYTES_SH(bytes);
-    case 3: return COLORSPACE_SH(PT_RGB) | CHANNELS_SH(3) | BYTES_SH(bytes);
-    default: return COLORSPACE_SH(PT_RGB) | EXTRA_SH(1) | CHANNELS_SH(3) | BYTES_SH(bytes);
+        case 1: return COLORSPACE_SH(PT_GRAY) | CHANNELS_SH(1) | BYTES_SH(bytes);
+        case 2: return COLORSPACE_SH(PT_GRAY) | EXTRA_SH(1) | CHANNELS_SH(1) | BYTES_SH(bytes);
+        case 3: return COLORSPACE_SH(PT_RGB) | CHANNELS_SH(3) | BYTES_SH(bytes);
+        default: return COLORSPACE_SH(PT_RGB) | EXTRA_SH(1) | CHANNELS_SH(3) | BYTES_SH(bytes);
     }
 }
 
@@ -54,10 +54,10 @@ ProfileKind profileKind(const std::vector<uint8_t> &icc) {
     const Profile profile(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size())));
     if (!profile) return ProfileKind::Unreadable;
     switch (cmsGetColorSpace(profile.get())) {
-    case cmsSigGrayData: return ProfileKind::Gray;
-    case cmsSigRgbData: return ProfileKind::Rgb;
-    case cmsSigCmykData: return ProfileKind::Cmyk;
-    default: return ProfileKind::Other;
+        case cmsSigGrayData: return ProfileKind::Gray;
+        case cmsSigRgbData: return ProfileKind::Rgb;
+        case cmsSigCmykData: return ProfileKind::Cmyk;
+        default: return ProfileKind::Other;
     }
 }
 
@@ -82,19 +82,23 @@ Picture convertColours(const Picture &picture, const std::vector<uint8_t> &targe
     if (space != cmsSigGrayData && space != cmsSigRgbData)
         throw std::runtime_error("the target ICC profile is neither gray nor RGB");
     const int channels = (space == cmsSigGrayData ? 1 : 3) + (picture.hasAlpha() ? 1 : 0);
-    const Transform transform(cmsCreateTransform(from.get(), pixelFormat(picture.channels, picture.depth), to.get(),
-                                                 pixelFormat(channels, 16), INTENT_RELATIVE_COLORIMETRIC,
-                                                 cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE));
-    if (!transform) throw std::runtime_error("Little CMS cannot convert between these ICC profiles");
+    const Transform transform(
+        cmsCreateTransform(from.get(), pixelFormat(picture.channels, picture.depth), to.get(),
+                           pixelFormat(channels, 16), INTENT_RELATIVE_COLORIMETRIC,
+                           cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE));
+    if (!transform)
+        throw std::runtime_error("Little CMS cannot convert between these ICC profiles");
     Picture out = picture;
     out.allocate(picture.width, picture.height, channels, 16);
     out.icc = targetIcc;
     // Row by row: cancellation is checked in between.
-    const size_t inRow = size_t(picture.width) * size_t(picture.channels) * size_t(picture.depth / 8);
+    const size_t inRow =
+        size_t(picture.width) * size_t(picture.channels) * size_t(picture.depth / 8);
     const size_t outRow = size_t(picture.width) * size_t(channels);
     for (int y = 0; y < picture.height; ++y) {
         if (cancelled()) throw Interrupted();
-        cmsDoTransform(transform.get(), static_cast<const uint8_t *>(picture.data()) + size_t(y) * inRow,
+        cmsDoTransform(transform.get(),
+                       static_cast<const uint8_t *>(picture.data()) + size_t(y) * inRow,
                        out.samples16.data() + size_t(y) * outRow, cmsUInt32Number(picture.width));
     }
     return out;
@@ -102,7 +106,9 @@ Picture convertColours(const Picture &picture, const std::vector<uint8_t> &targe
 
 void convertCmykToRgb(Picture &picture, const std::string &path) {
     if (picture.icc.empty())
-        throw FileError(path, "CMYK picture without an ICC profile: its colours are unknown (convert it to RGB first)");
+        throw FileError(path,
+                        "CMYK picture without an ICC profile: its colours are unknown (convert it "
+                        "to RGB first)");
     if (profileKind(picture.icc) != ProfileKind::Cmyk)
         throw FileError(path, "CMYK picture whose ICC profile is not a usable CMYK profile");
     const Profile from = open(picture.icc, false);
@@ -110,13 +116,14 @@ void convertCmykToRgb(Picture &picture, const std::string &path) {
     const int bytes = picture.depth / 8;
     const cmsUInt32Number in = COLORSPACE_SH(PT_CMYK) | CHANNELS_SH(4) | BYTES_SH(bytes) |
                                FLAVOR_SH(picture.cmykInverted ? 1 : 0);
-    const Transform transform(cmsCreateTransform(from.get(), in, to.get(), pixelFormat(3, picture.depth),
-                                                 INTENT_RELATIVE_COLORIMETRIC,
-                                                 cmsFLAGS_BLACKPOINTCOMPENSATION | cmsFLAGS_NOCACHE));
+    const Transform transform(cmsCreateTransform(
+        from.get(), in, to.get(), pixelFormat(3, picture.depth), INTENT_RELATIVE_COLORIMETRIC,
+        cmsFLAGS_BLACKPOINTCOMPENSATION | cmsFLAGS_NOCACHE));
     if (!transform) throw FileError(path, "its CMYK ICC profile cannot be used for conversion");
     Picture rgb = picture;
     rgb.allocate(picture.width, picture.height, 3, picture.depth);
-    cmsDoTransform(transform.get(), picture.data(), rgb.data(), cmsUInt32Number(picture.pixelCount()));
+    cmsDoTransform(transform.get(), picture.data(), rgb.data(),
+                   cmsUInt32Number(picture.pixelCount()));
     rgb.cmyk = rgb.cmykInverted = false;
     rgb.icc.clear();
     picture = std::move(rgb);

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <map>
 
-#include <CLI/CLI.hpp>
 #include <morven/morven.h>
+#include <CLI/CLI.hpp>
 
 #include "command.hpp"
 #include "io/metadata.hpp"
@@ -22,23 +22,30 @@ public:
         CLI::Option *option = app_.add_option(name, to, help)->type_name("");
         if (required) option->required();
     }
-    void flag(const std::string &names, bool &to, const std::string &help) override { app_.add_flag(names, to, help); }
+    void flag(const std::string &names, bool &to, const std::string &help) override {
+        app_.add_flag(names, to, help);
+    }
     void text(const std::string &names, std::string &to, const std::string &valueName,
               const std::string &help) override {
         app_.add_option(names, to, help)->type_name(valueName);
     }
-    void number(const std::string &names, float &to, double low, double high, const std::string &valueName,
-                const std::string &help) override {
-        app_.add_option(names, to, help)->type_name(valueName)->check(CLI::Range(low, high).description(""));
+    void number(const std::string &names, float &to, double low, double high,
+                const std::string &valueName, const std::string &help) override {
+        app_.add_option(names, to, help)
+            ->type_name(valueName)
+            ->check(CLI::Range(low, high).description(""));
     }
     void number(const std::string &names, int &to, int low, int high, const std::string &valueName,
                 const std::string &help) override {
-        app_.add_option(names, to, help)->type_name(valueName)->check(CLI::Range(low, high).description(""));
+        app_.add_option(names, to, help)
+            ->type_name(valueName)
+            ->check(CLI::Range(low, high).description(""));
     }
     void choice(const std::string &names, std::string &to, const std::vector<std::string> &words,
                 const std::string &valueName, const std::string &help) override {
-        app_.add_option(names, to, help)->type_name(valueName)->transform(
-            CLI::IsMember(words, CLI::ignore_case).description(""));
+        app_.add_option(names, to, help)
+            ->type_name(valueName)
+            ->transform(CLI::IsMember(words, CLI::ignore_case).description(""));
     }
     void needs(const std::string &option, const std::string &other) override {
         app_.get_option(option)->needs(app_.get_option(other));
@@ -57,14 +64,16 @@ private:
 // overview.
 class HelpFormatter : public CLI::Formatter {
 public:
-    std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override {
+    std::string make_help(const CLI::App *app, std::string name,
+                          CLI::AppFormatMode mode) const override {
         if (mode == CLI::AppFormatMode::Sub) return make_expanded(app);
         return make_usage(app, name) + "\n" + make_description(app) + make_positionals(app) +
                make_groups(app, mode) + make_subcommands(app, mode) + "\n" + make_footer(app);
     }
     std::string make_usage(const CLI::App *app, std::string name) const override {
         const auto it = usages.find(app);
-        return it == usages.end() ? CLI::Formatter::make_usage(app, name) : "usage: " + it->second + "\n";
+        return it == usages.end() ? CLI::Formatter::make_usage(app, name)
+                                  : "usage: " + it->second + "\n";
     }
     std::string make_option_opts(const CLI::Option *opt) const override {
         return opt->get_type_name().empty() ? std::string() : " " + opt->get_type_name();
@@ -75,16 +84,19 @@ public:
 }  // namespace
 
 int runCommandLine(int argc, char **argv, const std::vector<Command> &commands) {
-    CLI::App app("Colour transfer and histogram tools for photographs, on the Morven library.\n"
-                 "'morven COMMAND --help' describes a command.",
-                 "morven");
+    CLI::App app(
+        "Colour transfer and histogram tools for photographs, on the Morven library.\n"
+        "'morven COMMAND --help' describes a command.",
+        "morven");
     const auto formatter = std::make_shared<HelpFormatter>();
     app.formatter(formatter);
     formatter->column_width(30);
     formatter->usages[&app] = "morven COMMAND [options] [arguments]";
     app.footer("Exit status: 0 done, 1 a file failed, 2 wrong command line, 130 Ctrl-C.");
-    app.set_version_flag("--version", std::string("morven ") + wzMorvenVersionString() +
-                                          (metadataAvailable() ? "" : " (built without Exiv2: no metadata, no orientation)"));
+    app.set_version_flag(
+        "--version",
+        std::string("morven ") + wzMorvenVersionString() +
+            (metadataAvailable() ? "" : " (built without Exiv2: no metadata, no orientation)"));
     app.require_subcommand(1);
     std::vector<std::pair<CLI::App *, std::unique_ptr<CliOptions>>> parsers;
     for (const Command &command : commands) {

@@ -19,18 +19,19 @@ class Options {
 public:
     virtual ~Options() = default;
     // Positional arguments, in order.
-    virtual void arguments(const std::string &name, std::vector<std::string> &to, const std::string &help,
-                           bool required) = 0;
+    virtual void arguments(const std::string &name, std::vector<std::string> &to,
+                           const std::string &help, bool required) = 0;
     virtual void flag(const std::string &names, bool &to, const std::string &help) = 0;
     virtual void text(const std::string &names, std::string &to, const std::string &valueName,
                       const std::string &help) = 0;
-    virtual void number(const std::string &names, float &to, double low, double high, const std::string &valueName,
-                        const std::string &help) = 0;
-    virtual void number(const std::string &names, int &to, int low, int high, const std::string &valueName,
-                        const std::string &help) = 0;
-    // One of the given words (any case; `to` receives it in lower case).
-    virtual void choice(const std::string &names, std::string &to, const std::vector<std::string> &words,
+    virtual void number(const std::string &names, float &to, double low, double high,
                         const std::string &valueName, const std::string &help) = 0;
+    virtual void number(const std::string &names, int &to, int low, int high,
+                        const std::string &valueName, const std::string &help) = 0;
+    // One of the given words (any case; `to` receives it in lower case).
+    virtual void choice(const std::string &names, std::string &to,
+                        const std::vector<std::string> &words, const std::string &valueName,
+                        const std::string &help) = 0;
     // The option is refused without the other one, or with it.
     virtual void needs(const std::string &option, const std::string &other) = 0;
     virtual void excludes(const std::string &option, const std::string &other) = 0;
@@ -61,7 +62,8 @@ int runCommandLine(int argc, char **argv, const std::vector<Command> &commands);
 struct OutputOptions {
     std::string output;
     int quality = 90;
-    bool lossless = false, strip = false, force = false, skipExisting = false, quiet = false, verbose = false;
+    bool lossless = false, strip = false, force = false, skipExisting = false, quiet = false,
+         verbose = false;
     RunSettings settings() const;
 };
 void declareOutputOptions(Options &options, OutputOptions &to, const std::string &outputHelp);

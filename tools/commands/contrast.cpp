@@ -11,23 +11,27 @@ Command contrastCommand() {
     };
     struct State {
         std::vector<std::string> input;
-        std::unique_ptr<wzContrastEnhanceParams, ParamsDeleter> params{checked(wzContrastEnhanceParamsDefault())};
+        std::unique_ptr<wzContrastEnhanceParams, ParamsDeleter> params{
+            checked(wzContrastEnhanceParamsDefault())};
         OutputOptions out;
     };
     auto o = std::make_shared<State>();
-    const auto contrast = [o](const std::string &path, Picture &picture, std::vector<std::string> &notes) {
+    const auto contrast = [o](const std::string &path, Picture &picture,
+                              std::vector<std::string> &notes) {
         const MaskImage visible(opaqueMask(picture), picture.width, picture.height);
         LibraryView view(picture);
         const Stopwatch clock;
-        const wzStatus status =
-            wzContrastEnhanceFilterMasked(o->params.get(), view.get(), visible.get(), nullptr, view.get(), cancelFlag());
+        const wzStatus status = wzContrastEnhanceFilterMasked(
+            o->params.get(), view.get(), visible.get(), nullptr, view.get(), cancelFlag());
         const double seconds = clock.seconds();
         checkStatus(path, "contrast enhancement", status);
-        if (status == WZ_STATUS_NO_PIXELS) notes.push_back("every pixel is fully transparent; written unchanged");
+        if (status == WZ_STATUS_NO_PIXELS)
+            notes.push_back("every pixel is fully transparent; written unchanged");
         view.commit();
         return seconds;
     };
-    return {"contrast", "stretch the levels, clipping a share of pixels at each end",
+    return {"contrast",
+            "stretch the levels, clipping a share of pixels at each end",
             "morven contrast INPUT -o OUTPUT [options]",
             "Stretches the levels: the brightness (largest of red, green, blue) below the\n"
             "dark level becomes black and above the bright level white, the levels found\n"
@@ -35,9 +39,11 @@ Command contrastCommand() {
             [o](Options &options) {
                 options.arguments("INPUT", o->input, "the picture", true);
                 options.number("--high-tail", o->params->highTail, 0, 1000, "P",
-                               "per mille of pixels clipped at the bright end (default " + shown(o->params->highTail) + ")");
+                               "per mille of pixels clipped at the bright end (default " +
+                                   shown(o->params->highTail) + ")");
                 options.number("--low-tail", o->params->lowTail, 0, 1000, "P",
-                               "per mille of pixels clipped at the dark end (default " + shown(o->params->lowTail) + ")");
+                               "per mille of pixels clipped at the dark end (default " +
+                                   shown(o->params->lowTail) + ")");
                 declareOutputOptions(options, o->out, "file to write (.png, .jpg, .tif, .webp)");
             },
             [o, contrast](const Options &) {

@@ -10,18 +10,23 @@ Command equalizeCommand() {
         OutputOptions out;
     };
     auto o = std::make_shared<State>();
-    const auto equalize = [](const std::string &path, Picture &picture, std::vector<std::string> &notes) {
+    const auto equalize = [](const std::string &path, Picture &picture,
+                             std::vector<std::string> &notes) {
         const MaskImage visible(opaqueMask(picture), picture.width, picture.height);
         LibraryView view(picture);
         const Stopwatch clock;
-        const wzStatus status = wzHistogramEqualizationMasked(view.get(), visible.get(), view.get());
+        const wzStatus status =
+            wzHistogramEqualizationMasked(view.get(), visible.get(), view.get());
         const double seconds = clock.seconds();
         checkStatus(path, "equalisation", status);
-        if (status == WZ_STATUS_NO_PIXELS) notes.push_back("every pixel is fully transparent; written unchanged");
+        if (status == WZ_STATUS_NO_PIXELS)
+            notes.push_back("every pixel is fully transparent; written unchanged");
         view.commit();
         return seconds;
     };
-    return {"equalize", "equalise the histogram of every colour channel", "morven equalize INPUT -o OUTPUT [options]",
+    return {"equalize",
+            "equalise the histogram of every colour channel",
+            "morven equalize INPUT -o OUTPUT [options]",
             "Equalises every colour channel by its own histogram, measured over the\n"
             "pixels that are not fully transparent (alpha is kept).",
             [o](Options &options) {

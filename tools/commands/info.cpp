@@ -25,6 +25,7 @@ void printChannel(const char *name, const double *bins, int depth) {
     static const int percents[] = {1, 5, 25, 50, 75, 95, 99};
     const uint32_t step = depth == 8 ? 257 : 1;
     double count = 0, sum = 0;
+    // NOLINTNEXTLINE(bugprone-integer-division): b / step is the level of bin b, a whole number
     for (uint32_t b = 0; b < WZ_PROFILE16_BINS; ++b) count += bins[b], sum += bins[b] * (b / step);
     std::printf("  %-7s", name);
     if (count == 0) {
@@ -48,23 +49,27 @@ void printChannel(const char *name, const double *bins, int depth) {
 }
 
 void printInfo(const std::string &path, const Picture &p, const std::vector<std::string> &notes) {
-    std::printf("%s: %s, %d x %d, %s, %d bit%s per sample", path.c_str(), formatName(p.format), p.width, p.height,
-                layoutName(p.channels), p.fileDepth, p.fileDepth == 1 ? "" : "s");
+    std::printf("%s: %s, %d x %d, %s, %d bit%s per sample", path.c_str(), formatName(p.format),
+                p.width, p.height, layoutName(p.channels), p.fileDepth,
+                p.fileDepth == 1 ? "" : "s");
     if (p.fileDepth != p.depth) std::printf(" (read as %d)", p.depth);
     std::printf("\n");
     if (p.orientation != 1)
-        std::printf("  orientation: EXIF %d, %s to stand upright (the size above is upright)\n", p.orientation,
-                    describeOrientation(p.orientation));
+        std::printf("  orientation: EXIF %d, %s to stand upright (the size above is upright)\n",
+                    p.orientation, describeOrientation(p.orientation));
     std::printf("  colour profile: %s\n", profileDescription(p.icc).c_str());
     if (p.resolution.known())
-        std::printf("  resolution: %g x %g%s\n", p.resolution.x, p.resolution.y, unitName(p.resolution).c_str());
+        std::printf("  resolution: %g x %g%s\n", p.resolution.x, p.resolution.y,
+                    unitName(p.resolution).c_str());
     if (p.metadata)
-        for (const std::string &line : describeMetadata(*p.metadata)) std::printf("  %s\n", line.c_str());
+        for (const std::string &line : describeMetadata(*p.metadata))
+            std::printf("  %s\n", line.c_str());
     for (const std::string &line : notes) std::printf("  note: %s\n", line.c_str());
 
     const int width = p.depth == 8 ? 4 : 6;
     std::printf("  %-7s %*s %*s %9s", "channel", width, "min", width, "max", "mean");
-    for (const char *label : {"p1", "p5", "p25", "p50", "p75", "p95", "p99"}) std::printf(" %*s", width, label);
+    for (const char *label : {"p1", "p5", "p25", "p50", "p75", "p95", "p99"})
+        std::printf(" %*s", width, label);
     std::printf("\n");
     const std::vector<uint8_t> visible = opaqueMask(p);
     const MaskImage mask(visible, p.width, p.height);
@@ -80,14 +85,16 @@ void printInfo(const std::string &path, const Picture &p, const std::vector<std:
     if (p.hasAlpha()) {
         Picture alpha;
         alpha.allocate(p.width, p.height, 1, p.depth);
-        for (size_t i = 0; i < p.pixelCount(); ++i) alpha.setSample(i, p.sample(i * size_t(p.channels) + size_t(p.channels) - 1));
+        for (size_t i = 0; i < p.pixelCount(); ++i)
+            alpha.setSample(i, p.sample(i * size_t(p.channels) + size_t(p.channels) - 1));
         printChannel("alpha", deepProfileOf(alpha, nullptr, wzSpaceChannels)->bins[2], p.depth);
     }
     if (!visible.empty()) {
         size_t counted = 0;
         for (uint8_t v : visible) counted += v != 0;
-        std::printf("  (colour statistics of the %zu of %zu pixels that are not fully transparent)\n", counted,
-                    p.pixelCount());
+        std::printf(
+            "  (colour statistics of the %zu of %zu pixels that are not fully transparent)\n",
+            counted, p.pixelCount());
     }
 }
 
@@ -95,13 +102,17 @@ void printInfo(const std::string &path, const Picture &p, const std::vector<std:
 
 Command infoCommand() {
     auto files = std::make_shared<std::vector<std::string>>();
-    return {"info", "print size, bit depth, orientation, profile, metadata and statistics", "morven info IMAGE...",
+    return {"info",
+            "print size, bit depth, orientation, profile, metadata and statistics",
+            "morven info IMAGE...",
             "Prints each picture's format, size, channels, bit depth, orientation, colour\n"
             "profile, resolution and metadata, and per channel the minimum, maximum, mean\n"
             "and the 1st, 5th, 25th, 50th, 75th, 95th and 99th percentiles of its values\n"
             "on its own scale (0..255 or 0..65535); fully transparent pixels count in no\n"
             "colour statistic.",
-            [files](Options &options) { options.arguments("IMAGE", *files, "pictures to describe", true); },
+            [files](Options &options) {
+                options.arguments("IMAGE", *files, "pictures to describe", true);
+            },
             [files](const Options &) {
                 int status = kExitOk;
                 for (const std::string &path : *files) {

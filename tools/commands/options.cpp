@@ -21,14 +21,17 @@ RunSettings OutputOptions::settings() const {
 
 void declareOutputOptions(Options &options, OutputOptions &o, const std::string &outputHelp) {
     options.text("-o,--output", o.output, "OUTPUT", outputHelp);
-    options.number("--quality", o.quality, 1, 100, "Q", "JPEG and lossy WebP quality, 1 to 100 (default 90)");
+    options.number("--quality", o.quality, 1, 100, "Q",
+                   "JPEG and lossy WebP quality, 1 to 100 (default 90)");
     options.flag("--lossless", o.lossless, "write WebP lossless");
     options.flag("--strip", o.strip, "write no EXIF, XMP, IPTC, ICC profile or resolution");
     options.flag("-f,--force", o.force, "replace an existing output");
-    options.flag("--skip-existing", o.skipExisting, "leave an existing output alone (reported as skipped)");
+    options.flag("--skip-existing", o.skipExisting,
+                 "leave an existing output alone (reported as skipped)");
     options.excludes("--skip-existing", "--force");
     options.flag("-q,--quiet", o.quiet, "print errors only");
-    options.flag("-v,--verbose", o.verbose, "print the time spent decoding, in the library, encoding, writing");
+    options.flag("-v,--verbose", o.verbose,
+                 "print the time spent decoding, in the library, encoding, writing");
 }
 
 std::string formatsHelp() {
@@ -38,7 +41,9 @@ std::string formatsHelp() {
            "Pictures are turned upright by their EXIF orientation; EXIF, XMP, IPTC, the\n"
            "ICC profile and the resolution of the source are written into the output\n"
            "(--strip drops them). Fully transparent pixels count in no statistics; alpha\n"
-           "passes through. Pictures over " + describeLimits() + " are refused.\n"
+           "passes through. Pictures over " +
+           describeLimits() +
+           " are refused.\n"
            "An existing output is replaced only with --force; an input never is.\n"
            "Exit status: 0 done, 1 a file failed, 2 wrong command line, 130 Ctrl-C.";
 }
@@ -62,7 +67,8 @@ int runOne(const std::string &input, const OutputOptions &options, const Operati
     if (options.output.empty()) throw UsageError("missing -o OUTPUT");
     const Format format = outputFormat(options.output);
     const RunSettings settings = options.settings();
-    if (processFile(input, options.output, format, operation, settings, protectedInputs).outcome == Outcome::Skipped)
+    if (processFile(input, options.output, format, operation, settings, protectedInputs).outcome ==
+        Outcome::Skipped)
         printNotes(settings, options.output, {"already exists; skipped"});
     return kExitOk;
 }

@@ -11,7 +11,8 @@ Command stretchCommand() {
         OutputOptions out;
     };
     auto o = std::make_shared<State>();
-    const auto stretch = [](const std::string &path, Picture &picture, std::vector<std::string> &notes) {
+    const auto stretch = [](const std::string &path, Picture &picture,
+                            std::vector<std::string> &notes) {
         const MaskImage visible(opaqueMask(picture), picture.width, picture.height);
         LibraryView view(picture);
         const Stopwatch clock;
@@ -19,12 +20,16 @@ Command stretchCommand() {
         const double seconds = clock.seconds();
         view.commit();
         // 1: every channel holds one value, copied unchanged.
-        if (status == WZ_STATUS_ERROR) notes.push_back("every channel holds a single value; written unchanged");
-        else checkStatus(path, "the stretch", status);
-        if (status == WZ_STATUS_NO_PIXELS) notes.push_back("every pixel is fully transparent; written unchanged");
+        if (status == WZ_STATUS_ERROR)
+            notes.push_back("every channel holds a single value; written unchanged");
+        else
+            checkStatus(path, "the stretch", status);
+        if (status == WZ_STATUS_NO_PIXELS)
+            notes.push_back("every pixel is fully transparent; written unchanged");
         return seconds;
     };
-    return {"stretch", "stretch every colour channel's range onto the full scale",
+    return {"stretch",
+            "stretch every colour channel's range onto the full scale",
             "morven stretch INPUT -o OUTPUT [options]",
             "Stretches the range every colour channel occupies (among the pixels that\n"
             "are not fully transparent) onto the full scale, 0..255 or 0..65535; alpha\n"

@@ -21,7 +21,8 @@ constexpr int kMargin = 16;
 constexpr int kTitleScale = 2;
 constexpr int kLabelScale = 1;
 constexpr int kTitleHeight = kGlyphHeight * kTitleScale + kGap;
-constexpr int kAxisLabels = kGlyphHeight * kLabelScale + 6;  // ticks and level numbers under a chart
+constexpr int kAxisLabels =
+    kGlyphHeight * kLabelScale + 6;  // ticks and level numbers under a chart
 constexpr int kChartBlock = kChartHeight + kAxisLabels + kGap;
 
 using Rgb = std::array<uint8_t, 3>;
@@ -31,16 +32,21 @@ constexpr Rgb kChartBackground{238, 238, 238};
 
 class Canvas {
 public:
-    Canvas(int width, int height) { picture_.allocate(width, height, 3, 8), fill(0, 0, width, height, {255, 255, 255}); }
+    Canvas(int width, int height) {
+        picture_.allocate(width, height, 3, 8), fill(0, 0, width, height, {255, 255, 255});
+    }
     void set(int x, int y, const Rgb &c) {
-        uint8_t *p = picture_.samples8.data() + (size_t(y) * size_t(picture_.width) + size_t(x)) * 3;
+        uint8_t *p =
+            picture_.samples8.data() + (size_t(y) * size_t(picture_.width) + size_t(x)) * 3;
         std::copy(c.begin(), c.end(), p);
     }
     void fill(int x, int y, int w, int h, const Rgb &c) {
         for (int j = y; j < y + h; ++j)
             for (int i = x; i < x + w; ++i) set(i, j, c);
     }
-    void text(int x, int y, const std::string &s, int scale, const Rgb &c) { drawText(picture_, x, y, s, scale, c); }
+    void text(int x, int y, const std::string &s, int scale, const Rgb &c) {
+        drawText(picture_, x, y, s, scale, c);
+    }
     // Draws an 8-bit picture scaled to w x h at (x, y), each target pixel the
     // mean of the source pixels it covers, alpha composited over white.
     void draw(const Picture &p, int x, int y, int w, int h) {
@@ -54,7 +60,8 @@ public:
                 std::array<int64_t, 3> sum{};
                 for (int64_t sy = y0; sy < y1; ++sy)
                     for (int64_t sx = x0; sx < x1; ++sx) {
-                        const uint8_t *s = p.samples8.data() + (size_t(sy) * size_t(p.width) + size_t(sx)) * c;
+                        const uint8_t *s =
+                            p.samples8.data() + (size_t(sy) * size_t(p.width) + size_t(sx)) * c;
                         const int a = p.hasAlpha() ? s[c - 1] : 255;
                         for (int i = 0; i < 3; ++i) {
                             const int v = s[p.isGray() ? 0 : i];
@@ -62,7 +69,8 @@ public:
                         }
                     }
                 const int64_t n = (y1 - y0) * (x1 - x0);
-                set(x + tx, y + ty, {uint8_t(sum[0] / n), uint8_t(sum[1] / n), uint8_t(sum[2] / n)});
+                set(x + tx, y + ty,
+                    {uint8_t(sum[0] / n), uint8_t(sum[1] / n), uint8_t(sum[2] / n)});
             }
         }
     }
@@ -114,13 +122,15 @@ void drawChart(Canvas &canvas, const float bins[256], int x, int y, int width, c
         const int tx = x + std::min(width - 1, q * width / 4);
         canvas.fill(tx, y + kChartHeight, 1, 3, kAxis);
         if (q % 2) continue;
-        const std::string level = std::to_string(q == 4 ? maxValue : uint32_t(q) * (maxValue + 1) / 4);
+        const std::string level =
+            std::to_string(q == 4 ? maxValue : uint32_t(q) * (maxValue + 1) / 4);
         const int w = textWidth(level, kLabelScale) - kLabelScale;
         const int lx = q == 0 ? x : q == 4 ? x + width - w : tx - w / 2;
         canvas.text(lx, y + kChartHeight + 5, level, kLabelScale, kInk);
     }
     // The name on a patch of background, over any bar.
-    canvas.fill(x + 2, y + 1, textWidth(name, kLabelScale) + 3, kGlyphHeight * kLabelScale + 4, kChartBackground);
+    canvas.fill(x + 2, y + 1, textWidth(name, kLabelScale) + 3, kGlyphHeight * kLabelScale + 4,
+                kChartBackground);
     canvas.text(x + 4, y + 3, name, kLabelScale, kInk);
 }
 
@@ -131,7 +141,8 @@ Picture composeComparison(const ComparePanel (&panels)[3], bool manageColour) {
     for (size_t i = 0; i < 3; ++i) layouts[i] = layout(*panels[i].picture, manageColour);
     int width = kMargin;
     for (const Layout &l : layouts) width += l.width + kMargin;
-    const int height = kMargin + kTitleHeight + kImageHeight + kGap + 3 * kChartBlock - kGap + kMargin;
+    const int height =
+        kMargin + kTitleHeight + kImageHeight + kGap + 3 * kChartBlock - kGap + kMargin;
     Canvas canvas(width, height);
 
     static const Rgb kColours[3] = {{200, 40, 40}, {30, 150, 50}, {40, 80, 210}};
@@ -140,10 +151,11 @@ Picture composeComparison(const ComparePanel (&panels)[3], bool manageColour) {
     for (size_t i = 0; i < 3; ++i) {
         const Layout &l = layouts[i];
         const std::string &title = panels[i].title;
-        canvas.text(x + (l.width - textWidth(title, kTitleScale)) / 2, kMargin, title, kTitleScale, kInk);
+        canvas.text(x + (l.width - textWidth(title, kTitleScale)) / 2, kMargin, title, kTitleScale,
+                    kInk);
         const int top = kMargin + kTitleHeight;
-        canvas.draw(l.shown, x + (l.width - l.imageWidth) / 2, top + (kImageHeight - l.imageHeight) / 2,
-                    l.imageWidth, l.imageHeight);
+        canvas.draw(l.shown, x + (l.width - l.imageWidth) / 2,
+                    top + (kImageHeight - l.imageHeight) / 2, l.imageWidth, l.imageHeight);
         // bins[0] is red, bins[1] green, bins[2] blue (and gray).
         const MaskImage visible(opaqueMask(l.shown), l.shown.width, l.shown.height);
         const Profile profile = profileOf(l.shown, visible.get());
@@ -152,7 +164,8 @@ Picture composeComparison(const ComparePanel (&panels)[3], bool manageColour) {
             drawChart(canvas, profile->bins[2], x, y, l.width, {110, 110, 110}, "gray", l.maxValue);
         } else {
             for (int c = 0; c < 3; ++c, y += kChartBlock)
-                drawChart(canvas, profile->bins[c], x, y, l.width, kColours[c], kNames[c], l.maxValue);
+                drawChart(canvas, profile->bins[c], x, y, l.width, kColours[c], kNames[c],
+                          l.maxValue);
         }
         x += l.width + kMargin;
     }

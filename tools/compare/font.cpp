@@ -73,9 +73,12 @@ const Glyph &glyphOf(char c) {
 
 }  // namespace
 
-int textWidth(const std::string &text, int scale) { return int(text.size()) * kGlyphAdvance * scale; }
+int textWidth(const std::string &text, int scale) {
+    return int(text.size()) * kGlyphAdvance * scale;
+}
 
-void drawText(Picture &canvas, int x, int y, const std::string &text, int scale, const std::array<uint8_t, 3> &colour) {
+void drawText(Picture &canvas, int x, int y, const std::string &text, int scale,
+              const std::array<uint8_t, 3> &colour) {
     for (const char c : text) {
         if (c != ' ') {
             const Glyph &g = glyphOf(c);
@@ -85,8 +88,11 @@ void drawText(Picture &canvas, int x, int y, const std::string &text, int scale,
                     for (int dy = 0; dy < scale; ++dy)
                         for (int dx = 0; dx < scale; ++dx) {
                             const int px = x + col * scale + dx, py = y + row * scale + dy;
-                            if (px < 0 || py < 0 || px >= canvas.width || py >= canvas.height) continue;
-                            uint8_t *p = &canvas.samples8[(size_t(py) * size_t(canvas.width) + size_t(px)) * 3];
+                            if (px < 0 || py < 0 || px >= canvas.width || py >= canvas.height)
+                                continue;
+                            uint8_t *p =
+                                &canvas.samples8[(size_t(py) * size_t(canvas.width) + size_t(px)) *
+                                                 3];
                             for (int k = 0; k < 3; ++k) p[k] = colour[size_t(k)];
                         }
                 }

@@ -40,8 +40,9 @@ void installSignalHandlers() {
 
 std::string describeTimings(const Timings &t) {
     char text[160];
-    std::snprintf(text, sizeof text, "decode %.1f ms, library %.1f ms, encode %.1f ms, write %.1f ms",
-                  t.decode * 1e3, t.library * 1e3, t.encode * 1e3, t.write * 1e3);
+    std::snprintf(text, sizeof text,
+                  "decode %.1f ms, library %.1f ms, encode %.1f ms, write %.1f ms", t.decode * 1e3,
+                  t.library * 1e3, t.encode * 1e3, t.write * 1e3);
     return text;
 }
 

@@ -12,9 +12,9 @@ namespace morven::tool {
 
 // Exit statuses of the tool.
 constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;      // a file could not be read, processed or written
-constexpr int kExitUsage = 2;        // the command line is wrong
-constexpr int kExitInterrupted = 130; // Ctrl-C (128 + SIGINT), as shells report it
+constexpr int kExitFailure = 1;        // a file could not be read, processed or written
+constexpr int kExitUsage = 2;          // the command line is wrong
+constexpr int kExitInterrupted = 130;  // Ctrl-C (128 + SIGINT), as shells report it
 
 // A problem with the command line; reported as "morven <command>: <message>".
 class UsageError : public std::runtime_error {

@@ -27,17 +27,19 @@ constexpr uint64_t kMaxEmbeddedBytes = uint64_t{1} << 24;
 
 // "65535 pixels per side, 2^28 pixels in all", for messages and help.
 inline std::string describeLimits() {
-    return std::to_string(kMaxSide) + " pixels per side, 2^" + std::to_string(std::countr_zero(kMaxPixels)) +
-           " pixels in all";
+    return std::to_string(kMaxSide) + " pixels per side, 2^" +
+           std::to_string(std::countr_zero(kMaxPixels)) + " pixels in all";
 }
 
 // Throws FileError naming path when the declared size is empty or over the
 // limits.
 inline void checkDeclaredSize(const std::string &path, uint64_t width, uint64_t height) {
     const std::string size = std::to_string(width) + " x " + std::to_string(height);
-    if (width == 0 || height == 0) throw FileError(path, "corrupt image: it declares a size of " + size);
+    if (width == 0 || height == 0)
+        throw FileError(path, "corrupt image: it declares a size of " + size);
     if (width > kMaxSide || height > kMaxSide || width * height > kMaxPixels)
-        throw FileError(path, "image size " + size + " is over the limit (" + describeLimits() + ")");
+        throw FileError(path,
+                        "image size " + size + " is over the limit (" + describeLimits() + ")");
 }
 
 // Deflate expands its input at most about 1032 times; a file that would need
@@ -50,9 +52,9 @@ constexpr uint64_t kMaxDeflateRatio = 1032;
 inline void checkDeflateCanHold(const std::string &path, const char *format, uint64_t sampleBytes,
                                 uint64_t fileBytes) {
     if (sampleBytes / kMaxDeflateRatio > fileBytes)
-        throw FileError(path, std::string("truncated ") + format + " file (" + std::to_string(fileBytes) +
-                                  " bytes cannot hold the " + std::to_string(sampleBytes) +
-                                  " bytes of samples it declares)");
+        throw FileError(path, std::string("truncated ") + format + " file (" +
+                                  std::to_string(fileBytes) + " bytes cannot hold the " +
+                                  std::to_string(sampleBytes) + " bytes of samples it declares)");
 }
 
 }  // namespace morven::tool

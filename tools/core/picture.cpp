@@ -24,27 +24,28 @@ void Picture::allocate(int w, int h, int c, int bits) {
 
 const char *formatName(Format format) {
     switch (format) {
-    case Format::Png: return "PNG";
-    case Format::Jpeg: return "JPEG";
-    case Format::Tiff: return "TIFF";
-    case Format::WebP: return "WebP";
+        case Format::Png: return "PNG";
+        case Format::Jpeg: return "JPEG";
+        case Format::Tiff: return "TIFF";
+        case Format::WebP: return "WebP";
     }
     return "?";
 }
 
 const char *formatExtension(Format format) {
     switch (format) {
-    case Format::Png: return ".png";
-    case Format::Jpeg: return ".jpg";
-    case Format::Tiff: return ".tif";
-    case Format::WebP: return ".webp";
+        case Format::Png: return ".png";
+        case Format::Jpeg: return ".jpg";
+        case Format::Tiff: return ".tif";
+        case Format::WebP: return ".webp";
     }
     return "";
 }
 
 std::optional<Format> formatForPath(const std::string &path) {
     std::string ext = std::filesystem::path(path).extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
     if (ext == ".png") return Format::Png;
     if (ext == ".jpg" || ext == ".jpeg") return Format::Jpeg;
     if (ext == ".tif" || ext == ".tiff") return Format::Tiff;
@@ -60,7 +61,8 @@ const char *layoutName(int channels) {
 Picture toEightBits(Picture picture) {
     if (picture.depth == 8) return picture;
     std::vector<uint8_t> narrow(picture.samples16.size());
-    for (size_t i = 0; i < narrow.size(); ++i) narrow[i] = uint8_t((picture.samples16[i] + 128u) / 257u);
+    for (size_t i = 0; i < narrow.size(); ++i)
+        narrow[i] = uint8_t((picture.samples16[i] + 128u) / 257u);
     picture.samples8 = std::move(narrow);
     picture.samples16 = {};
     picture.depth = 8;
@@ -101,15 +103,16 @@ std::vector<T> oriented(const std::vector<T> &in, int w, int h, int channels, in
             const size_t W = size_t(w), H = size_t(h);
             size_t tx = x, ty = y;
             switch (orientation) {
-            case 2: tx = W - 1 - x; break;
-            case 3: tx = W - 1 - x, ty = H - 1 - y; break;
-            case 4: ty = H - 1 - y; break;
-            case 5: tx = y, ty = x; break;
-            case 6: tx = H - 1 - y, ty = x; break;
-            case 7: tx = H - 1 - y, ty = W - 1 - x; break;
-            case 8: tx = y, ty = W - 1 - x; break;
+                case 2: tx = W - 1 - x; break;
+                case 3: tx = W - 1 - x, ty = H - 1 - y; break;
+                case 4: ty = H - 1 - y; break;
+                case 5: tx = y, ty = x; break;
+                case 6: tx = H - 1 - y, ty = x; break;
+                case 7: tx = H - 1 - y, ty = W - 1 - x; break;
+                case 8: tx = y, ty = W - 1 - x; break;
             }
-            std::copy_n(&in[(y * W + x) * size_t(channels)], channels, &out[(ty * outWidth + tx) * size_t(channels)]);
+            std::copy_n(&in[(y * W + x) * size_t(channels)], channels,
+                        &out[(ty * outWidth + tx) * size_t(channels)]);
         }
     return out;
 }
@@ -119,8 +122,12 @@ std::vector<T> oriented(const std::vector<T> &in, int w, int h, int channels, in
 Picture withChannels(Picture picture, int channels) {
     if (picture.channels == channels) return picture;
     const int from = picture.channels;
-    if (picture.depth == 8) picture.samples8 = relaid<uint8_t>(picture.samples8, picture.pixelCount(), from, channels, 255);
-    else picture.samples16 = relaid<uint16_t>(picture.samples16, picture.pixelCount(), from, channels, 65535);
+    if (picture.depth == 8)
+        picture.samples8 =
+            relaid<uint8_t>(picture.samples8, picture.pixelCount(), from, channels, 255);
+    else
+        picture.samples16 =
+            relaid<uint16_t>(picture.samples16, picture.pixelCount(), from, channels, 65535);
     picture.channels = channels;
     return picture;
 }
@@ -128,9 +135,11 @@ Picture withChannels(Picture picture, int channels) {
 void applyOrientation(Picture &picture, int orientation) {
     if (orientation < 2 || orientation > 8) return;
     if (picture.depth == 8)
-        picture.samples8 = oriented(picture.samples8, picture.width, picture.height, picture.channels, orientation);
+        picture.samples8 = oriented(picture.samples8, picture.width, picture.height,
+                                    picture.channels, orientation);
     else
-        picture.samples16 = oriented(picture.samples16, picture.width, picture.height, picture.channels, orientation);
+        picture.samples16 = oriented(picture.samples16, picture.width, picture.height,
+                                     picture.channels, orientation);
     if (orientation >= 5) {
         std::swap(picture.width, picture.height);
         std::swap(picture.resolution.x, picture.resolution.y);
@@ -140,14 +149,14 @@ void applyOrientation(Picture &picture, int orientation) {
 
 const char *describeOrientation(int orientation) {
     switch (orientation) {
-    case 2: return "mirrored left to right";
-    case 3: return "turned 180 degrees";
-    case 4: return "flipped top to bottom";
-    case 5: return "mirrored about the main diagonal";
-    case 6: return "turned 90 degrees clockwise";
-    case 7: return "mirrored about the other diagonal";
-    case 8: return "turned 90 degrees anticlockwise";
-    default: return "as stored";
+        case 2: return "mirrored left to right";
+        case 3: return "turned 180 degrees";
+        case 4: return "flipped top to bottom";
+        case 5: return "mirrored about the main diagonal";
+        case 6: return "turned 90 degrees clockwise";
+        case 7: return "mirrored about the other diagonal";
+        case 8: return "turned 90 degrees anticlockwise";
+        default: return "as stored";
     }
 }
 

@@ -35,13 +35,13 @@ struct Picture {
 
     // From the file.
     Format format = Format::Png;
-    int fileDepth = 8;                // bits per sample in the file (1..16)
-    std::vector<uint8_t> icc;         // ICC profile, empty for none
+    int fileDepth = 8;         // bits per sample in the file (1..16)
+    std::vector<uint8_t> icc;  // ICC profile, empty for none
     Resolution resolution;
     std::shared_ptr<const EmbeddedMetadata> metadata;  // null when there is none
-    int orientation = 1;              // the EXIF orientation applied on reading
-    bool cmyk = false;                // decoders only: 4 channels of ink, not RGBA
-    bool cmykInverted = false;        // Adobe CMYK JPEG: 0 is full ink
+    int orientation = 1;                               // the EXIF orientation applied on reading
+    bool cmyk = false;                                 // decoders only: 4 channels of ink, not RGBA
+    bool cmykInverted = false;                         // Adobe CMYK JPEG: 0 is full ink
 
     bool hasAlpha() const { return !cmyk && (channels == 2 || channels == 4); }
     bool isGray() const { return channels <= 2; }
@@ -55,11 +55,15 @@ struct Picture {
     void allocate(int w, int h, int c, int bits);
     uint32_t sample(size_t i) const { return depth == 8 ? samples8[i] : samples16[i]; }
     void setSample(size_t i, uint32_t v) {
-        if (depth == 8) samples8[i] = uint8_t(v);
-        else samples16[i] = uint16_t(v);
+        if (depth == 8)
+            samples8[i] = uint8_t(v);
+        else
+            samples16[i] = uint16_t(v);
     }
     void *data() { return depth == 8 ? (void *)samples8.data() : (void *)samples16.data(); }
-    const void *data() const { return depth == 8 ? (const void *)samples8.data() : (const void *)samples16.data(); }
+    const void *data() const {
+        return depth == 8 ? (const void *)samples8.data() : (const void *)samples16.data();
+    }
 };
 
 const char *formatName(Format format);

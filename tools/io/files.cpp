@@ -17,7 +17,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string errnoText(int error) { return std::error_code(error, std::generic_category()).message(); }
+std::string errnoText(int error) {
+    return std::error_code(error, std::generic_category()).message();
+}
 
 std::string quoted(const std::string &s) { return "'" + s + "'"; }
 
@@ -81,7 +83,8 @@ void writeFileAtomically(const std::string &path, std::span<const uint8_t> bytes
     std::string name = (fs::path(folder) / hidden).string();
     const int fd = ::mkostemp(name.data(), O_CLOEXEC);
     if (fd < 0)
-        throw FileError(path, "cannot create a file in folder " + quoted(folder) + ": " + errnoText(errno));
+        throw FileError(
+            path, "cannot create a file in folder " + quoted(folder) + ": " + errnoText(errno));
     bool kept = false;
     FdGuard file{fd};
     struct Remove {
@@ -117,7 +120,8 @@ void writeFileAtomically(const std::string &path, std::span<const uint8_t> bytes
         // A file system without the no-replace rename: a hard link refuses to
         // replace too.
         if (::link(name.c_str(), path.c_str()) != 0) {
-            if (errno == EEXIST) throw FileError(path, "already exists (use --force to overwrite it)");
+            if (errno == EEXIST)
+                throw FileError(path, "already exists (use --force to overwrite it)");
             fail("cannot write", errno);
         }
         ::unlink(name.c_str());
@@ -129,7 +133,8 @@ void prepareFolder(const std::string &folder) {
     std::error_code error;
     fs::create_directories(folder, error);
     if (error || !fs::is_directory(folder))
-        throw FileError(folder, "cannot create the folder: " + (error ? error.message() : std::string("not a folder")));
+        throw FileError(folder, "cannot create the folder: " +
+                                    (error ? error.message() : std::string("not a folder")));
     std::string name = (fs::path(folder) / ".morven-probe.XXXXXX").string();
     const int fd = ::mkostemp(name.data(), O_CLOEXEC);
     if (fd < 0) throw FileError(folder, "cannot write into this folder: " + errnoText(errno));
@@ -137,13 +142,15 @@ void prepareFolder(const std::string &folder) {
     ::unlink(name.c_str());
 }
 
-void checkOutputPath(const std::string &output, const std::vector<std::string> &inputs, bool overwrite) {
+void checkOutputPath(const std::string &output, const std::vector<std::string> &inputs,
+                     bool overwrite) {
     struct stat out {};
     if (::stat(output.c_str(), &out) == 0) {
         if (S_ISDIR(out.st_mode)) throw FileError(output, "is a folder; give a file name to write");
         for (const std::string &input : inputs) {
             struct stat in {};
-            if (::stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino)
+            if (::stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev &&
+                in.st_ino == out.st_ino)
                 throw FileError(output, "is also an input file; inputs are never overwritten");
         }
         if (!overwrite) throw FileError(output, "already exists (use --force to overwrite it)");
@@ -153,13 +160,17 @@ void checkOutputPath(const std::string &output, const std::vector<std::string> &
     if (::stat(folder.c_str(), &dir) != 0 && errno == ENOENT) {
         std::error_code error;
         fs::create_directories(folder, error);
-        if (error) throw FileError(output, "cannot create folder " + quoted(folder) + ": " + error.message());
+        if (error)
+            throw FileError(output,
+                            "cannot create folder " + quoted(folder) + ": " + error.message());
     }
     if (::stat(folder.c_str(), &dir) != 0)
-        throw FileError(output, "cannot write into folder " + quoted(folder) + ": " + errnoText(errno));
+        throw FileError(output,
+                        "cannot write into folder " + quoted(folder) + ": " + errnoText(errno));
     if (!S_ISDIR(dir.st_mode)) throw FileError(output, quoted(folder) + " is not a folder");
     if (::access(folder.c_str(), W_OK | X_OK) != 0)
-        throw FileError(output, "cannot write into folder " + quoted(folder) + ": " + errnoText(errno));
+        throw FileError(output,
+                        "cannot write into folder " + quoted(folder) + ": " + errnoText(errno));
 }
 
 }  // namespace morven::tool

@@ -22,7 +22,8 @@ void writeFileAtomically(const std::string &path, std::span<const uint8_t> bytes
 // Fails with FileError when the output may not be written: it exists and
 // overwrite is off, it is a folder, or it is one of the inputs (never
 // overwritten). Its folder is created when missing; it must be writable.
-void checkOutputPath(const std::string &output, const std::vector<std::string> &inputs, bool overwrite);
+void checkOutputPath(const std::string &output, const std::vector<std::string> &inputs,
+                     bool overwrite);
 
 // Creates the folder when it is missing and fails with FileError unless a
 // file can be created in it (tried with a temporary file, removed at once).

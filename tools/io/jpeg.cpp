@@ -6,8 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <jpeglib.h>
 #include <jerror.h>
+#include <jpeglib.h>
 
 #include "codecs.hpp"
 #include "core/limits.hpp"
@@ -83,7 +83,8 @@ Picture decodeJpeg(const std::string &path, Bytes bytes) {
         jpeg_save_markers(&cinfo, JPEG_APP0 + 2, 0xFFFF);  // ICC profile segments
         if (jpeg_read_header(&cinfo, TRUE) != JPEG_HEADER_OK) ERREXIT(&cinfo, JERR_NO_IMAGE);
         checkDeclaredSize(path, cinfo.image_width, cinfo.image_height);
-        if (jpeg_read_icc_profile(&cinfo, &profile, &profileSize) && profileSize <= kMaxEmbeddedBytes)
+        if (jpeg_read_icc_profile(&cinfo, &profile, &profileSize) &&
+            profileSize <= kMaxEmbeddedBytes)
             pic.icc.assign(profile, profile + profileSize);
         // (No unit with square pixels, the JFIF default, says nothing.)
         if (cinfo.saw_JFIF_marker && cinfo.X_density && cinfo.Y_density &&
@@ -148,19 +149,25 @@ std::vector<uint8_t> encodeJpeg(const Picture &pic, int quality) {
         cinfo.optimize_coding = TRUE;
         const Resolution &r = pic.resolution;
         if (r.known() && r.x < 65536 && r.y < 65536) {
-            cinfo.density_unit = r.unit == Resolution::Unit::Inch ? 1 : r.unit == Resolution::Unit::Centimetre ? 2 : 0;
+            cinfo.density_unit = r.unit == Resolution::Unit::Inch         ? 1
+                                 : r.unit == Resolution::Unit::Centimetre ? 2
+                                                                          : 0;
+            // NOLINTBEGIN(bugprone-incorrect-roundings): resolutions are positive
             cinfo.X_density = UINT16(r.x + 0.5);
             cinfo.Y_density = UINT16(r.y + 0.5);
+            // NOLINTEND(bugprone-incorrect-roundings)
         }
         jpeg_start_compress(&cinfo, TRUE);
-        if (!pic.icc.empty()) jpeg_write_icc_profile(&cinfo, pic.icc.data(), unsigned(pic.icc.size()));
+        if (!pic.icc.empty())
+            jpeg_write_icc_profile(&cinfo, pic.icc.data(), unsigned(pic.icc.size()));
         const size_t stride = size_t(pic.width) * size_t(pic.channels);
         while (cinfo.next_scanline < cinfo.image_height) {
             const uint8_t *in = pic.samples8.data() + size_t(cinfo.next_scanline) * stride;
             JSAMPROW line = const_cast<JSAMPROW>(in);
             if (pic.hasAlpha()) {
                 for (int x = 0; x < pic.width; ++x)
-                    for (int c = 0; c < colours; ++c) row[size_t(x) * colours + c] = in[size_t(x) * pic.channels + c];
+                    for (int c = 0; c < colours; ++c)
+                        row[size_t(x) * colours + c] = in[size_t(x) * pic.channels + c];
                 line = row.data();
             }
             jpeg_write_scanlines(&cinfo, &line, 1);

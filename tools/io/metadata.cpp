@@ -21,20 +21,50 @@ namespace {
 std::mutex g_xmpLock;
 
 void lockXmp(void *, bool lock) {
-    if (lock) g_xmpLock.lock();
-    else g_xmpLock.unlock();
+    if (lock)
+        g_xmpLock.lock();
+    else
+        g_xmpLock.unlock();
 }
 
 // Tags of a TIFF's first directory that describe its own layout, colour
 // profile or embedded blocks: true of the source file only, never carried.
-constexpr std::string_view kLayoutTags[]{
-    "NewSubfileType", "SubfileType", "ImageWidth", "ImageLength", "BitsPerSample", "Compression",
-    "PhotometricInterpretation", "FillOrder", "StripOffsets", "SamplesPerPixel", "RowsPerStrip",
-    "StripByteCounts", "PlanarConfiguration", "Predictor", "ColorMap", "TileWidth", "TileLength",
-    "TileOffsets", "TileByteCounts", "SubIFDs", "InkSet", "ExtraSamples", "SampleFormat", "JPEGTables",
-    "JPEGProc", "JPEGInterchangeFormat", "JPEGInterchangeFormatLength", "YCbCrCoefficients",
-    "YCbCrSubSampling", "YCbCrPositioning", "ReferenceBlackWhite",
-    "InterColorProfile", "XMLPacket", "IPTCNAA", "ImageResources", "Orientation"};
+constexpr std::string_view kLayoutTags[]{"NewSubfileType",
+                                         "SubfileType",
+                                         "ImageWidth",
+                                         "ImageLength",
+                                         "BitsPerSample",
+                                         "Compression",
+                                         "PhotometricInterpretation",
+                                         "FillOrder",
+                                         "StripOffsets",
+                                         "SamplesPerPixel",
+                                         "RowsPerStrip",
+                                         "StripByteCounts",
+                                         "PlanarConfiguration",
+                                         "Predictor",
+                                         "ColorMap",
+                                         "TileWidth",
+                                         "TileLength",
+                                         "TileOffsets",
+                                         "TileByteCounts",
+                                         "SubIFDs",
+                                         "InkSet",
+                                         "ExtraSamples",
+                                         "SampleFormat",
+                                         "JPEGTables",
+                                         "JPEGProc",
+                                         "JPEGInterchangeFormat",
+                                         "JPEGInterchangeFormatLength",
+                                         "YCbCrCoefficients",
+                                         "YCbCrSubSampling",
+                                         "YCbCrPositioning",
+                                         "ReferenceBlackWhite",
+                                         "InterColorProfile",
+                                         "XMLPacket",
+                                         "IPTCNAA",
+                                         "ImageResources",
+                                         "Orientation"};
 
 // Tags carried into the output: the main directory less its layout tags,
 // the EXIF, GPS and maker note directories; not the thumbnail, nor the
@@ -42,17 +72,18 @@ constexpr std::string_view kLayoutTags[]{
 bool carried(const Exiv2::Exifdatum &datum) {
     const std::string group = datum.groupName();
     if (group == "Image")
-        return std::find(std::begin(kLayoutTags), std::end(kLayoutTags), datum.tagName()) == std::end(kLayoutTags);
-    return !group.starts_with("Thumbnail") && !group.starts_with("SubImage") && !group.starts_with("SubThumb") &&
-           !(group.starts_with("Image") && group.size() > 5);
+        return std::find(std::begin(kLayoutTags), std::end(kLayoutTags), datum.tagName()) ==
+               std::end(kLayoutTags);
+    return !group.starts_with("Thumbnail") && !group.starts_with("SubImage") &&
+           !group.starts_with("SubThumb") && !(group.starts_with("Image") && group.size() > 5);
 }
 
 int exivType(Format format) {
     switch (format) {
-    case Format::Png: return Exiv2::ImageType::png;
-    case Format::Jpeg: return Exiv2::ImageType::jpeg;
-    case Format::Tiff: return Exiv2::ImageType::tiff;
-    case Format::WebP: return Exiv2::ImageType::webp;
+        case Format::Png: return Exiv2::ImageType::png;
+        case Format::Jpeg: return Exiv2::ImageType::jpeg;
+        case Format::Tiff: return Exiv2::ImageType::tiff;
+        case Format::WebP: return Exiv2::ImageType::webp;
     }
     return Exiv2::ImageType::none;
 }
@@ -89,10 +120,12 @@ std::shared_ptr<const EmbeddedMetadata> readMetadata(Bytes file, std::string *pr
         auto metadata = std::make_shared<EmbeddedMetadata>();
         // A TIFF's own layout tags are no metadata; its orientation is.
         for (const Exiv2::Exifdatum &datum : image->exifData())
-            if (carried(datum) || datum.key() == "Exif.Image.Orientation") metadata->exif.add(datum);
+            if (carried(datum) || datum.key() == "Exif.Image.Orientation")
+                metadata->exif.add(datum);
         metadata->xmp = image->xmpData();
         metadata->iptc = image->iptcData();
-        if (metadata->exif.empty() && metadata->xmp.empty() && metadata->iptc.empty()) return nullptr;
+        if (metadata->exif.empty() && metadata->xmp.empty() && metadata->iptc.empty())
+            return nullptr;
         return metadata;
     } catch (const std::exception &e) {
         if (problem) *problem = std::string("metadata not read (") + e.what() + ")";
@@ -120,7 +153,9 @@ Resolution resolutionOf(const EmbeddedMetadata &metadata) {
     const auto unit = exif.findKey(Exiv2::ExifKey("Exif.Image.ResolutionUnit"));
     const long u = unit != exif.end() && unit->count() > 0 ? unit->toLong() : 2;
     Resolution r{x->toFloat(), y->toFloat(),
-                 u == 2 ? Resolution::Unit::Inch : u == 3 ? Resolution::Unit::Centimetre : Resolution::Unit::None};
+                 u == 2   ? Resolution::Unit::Inch
+                 : u == 3 ? Resolution::Unit::Centimetre
+                          : Resolution::Unit::None};
     return r.known() ? r : Resolution{};
 }
 
@@ -128,16 +163,19 @@ std::vector<std::string> describeMetadata(const EmbeddedMetadata &metadata) {
     std::vector<std::string> lines;
     if (!metadata.exif.empty()) {
         std::string details;
-        for (const char *key : {"Exif.Image.Make", "Exif.Image.Model", "Exif.Photo.DateTimeOriginal",
-                                "Exif.Image.Artist", "Exif.Image.Copyright"}) {
+        for (const char *key :
+             {"Exif.Image.Make", "Exif.Image.Model", "Exif.Photo.DateTimeOriginal",
+              "Exif.Image.Artist", "Exif.Image.Copyright"}) {
             const std::string value = text(metadata.exif, key);
             if (!value.empty()) details += (details.empty() ? "" : ", ") + value;
         }
         lines.push_back("EXIF: " + counted(metadata.exif.count(), "tag", "tags") +
                         (details.empty() ? "" : " (" + details + ")"));
     }
-    if (!metadata.xmp.empty()) lines.push_back("XMP: " + counted(metadata.xmp.count(), "property", "properties"));
-    if (!metadata.iptc.empty()) lines.push_back("IPTC: " + counted(metadata.iptc.count(), "dataset", "datasets"));
+    if (!metadata.xmp.empty())
+        lines.push_back("XMP: " + counted(metadata.xmp.count(), "property", "properties"));
+    if (!metadata.iptc.empty())
+        lines.push_back("IPTC: " + counted(metadata.iptc.count(), "dataset", "datasets"));
     return lines;
 }
 
@@ -152,7 +190,8 @@ void embedMetadata(std::vector<uint8_t> &file, Format format, const EmbeddedMeta
     for (const auto &[present, kept, name] : {std::tuple{!metadata.exif.empty(), exif, "EXIF"},
                                               {!metadata.xmp.empty(), xmp, "XMP"},
                                               {!metadata.iptc.empty(), iptc, "IPTC"}})
-        if (present && !kept) note(std::string(name) + " not kept: " + formatName(format) + " cannot hold it");
+        if (present && !kept)
+            note(std::string(name) + " not kept: " + formatName(format) + " cannot hold it");
     if (!exif && !xmp && !iptc) return;
     try {
         const auto image = Exiv2::ImageFactory::open(file.data(), long(file.size()));
@@ -169,9 +208,13 @@ void embedMetadata(std::vector<uint8_t> &file, Format format, const EmbeddedMeta
                 if (out.findKey(Exiv2::ExifKey(key)) != out.end()) out[key] = uint32_t(value);
             // Resolution travels with the picture (the encoders wrote it into
             // the container); EXIF's copy is made to agree.
-            if (written.resolution.known() && metadata.exif.findKey(Exiv2::ExifKey("Exif.Image.XResolution")) !=
-                                                  metadata.exif.end()) {
-                const auto rational = [](double v) { return Exiv2::URational(uint32_t(v * 100 + 0.5), 100); };
+            if (written.resolution.known() &&
+                metadata.exif.findKey(Exiv2::ExifKey("Exif.Image.XResolution")) !=
+                    metadata.exif.end()) {
+                const auto rational = [](double v) {
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings): resolutions are positive
+                    return Exiv2::URational(uint32_t(v * 100 + 0.5), 100);
+                };
                 out["Exif.Image.XResolution"] = rational(written.resolution.x);
                 out["Exif.Image.YResolution"] = rational(written.resolution.y);
                 out["Exif.Image.ResolutionUnit"] =
@@ -188,7 +231,8 @@ void embedMetadata(std::vector<uint8_t> &file, Format format, const EmbeddedMeta
                                              {"Xmp.exif.PixelYDimension", written.height},
                                              {"Xmp.tiff.ImageWidth", written.width},
                                              {"Xmp.tiff.ImageLength", written.height}})
-                if (copy.findKey(Exiv2::XmpKey(key)) != copy.end()) copy[key] = std::to_string(value);
+                if (copy.findKey(Exiv2::XmpKey(key)) != copy.end())
+                    copy[key] = std::to_string(value);
             image->setXmpData(copy);
         }
         if (iptc) image->setIptcData(metadata.iptc);

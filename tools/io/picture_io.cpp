@@ -13,7 +13,8 @@ namespace morven::tool {
 
 std::optional<Format> sniffFormat(Bytes bytes) {
     const auto starts = [&](std::string_view magic, size_t at = 0) {
-        return bytes.size() >= at + magic.size() && std::memcmp(bytes.data() + at, magic.data(), magic.size()) == 0;
+        return bytes.size() >= at + magic.size() &&
+               std::memcmp(bytes.data() + at, magic.data(), magic.size()) == 0;
     };
     if (starts("\x89PNG\r\n\x1a\n")) return Format::Png;
     if (starts("\xFF\xD8\xFF")) return Format::Jpeg;
@@ -33,21 +34,26 @@ Picture readPicture(const std::string &path, std::vector<std::string> *notes) {
     const std::optional<Format> format = sniffFormat(bytes);
     if (!format) {
         const auto starts = [&](std::string_view magic) {
-            return bytes.size() >= magic.size() && std::memcmp(bytes.data(), magic.data(), magic.size()) == 0;
+            return bytes.size() >= magic.size() &&
+                   std::memcmp(bytes.data(), magic.data(), magic.size()) == 0;
         };
         // A file cut short inside its signature.
-        if (std::string_view("\x89PNG\r\n\x1a\n").starts_with(std::string_view((const char *)bytes.data(), std::min<size_t>(bytes.size(), 8))))
+        if (std::string_view("\x89PNG\r\n\x1a\n")
+                .starts_with(std::string_view((const char *)bytes.data(),
+                                              std::min<size_t>(bytes.size(), 8))))
             throw FileError(path, "truncated PNG file (the data ends early)");
         const char *other = starts("GIF8") ? "GIF" : starts("BM") ? "BMP" : nullptr;
-        if (other) throw FileError(path, std::string("unsupported format: ") + other + " (PNG, JPEG, TIFF and WebP are)");
+        if (other)
+            throw FileError(path, std::string("unsupported format: ") + other +
+                                      " (PNG, JPEG, TIFF and WebP are)");
         throw FileError(path, "not a PNG, JPEG, TIFF or WebP image");
     }
     Picture picture;
     switch (*format) {
-    case Format::Png: picture = decodePng(path, bytes); break;
-    case Format::Jpeg: picture = decodeJpeg(path, bytes); break;
-    case Format::Tiff: picture = decodeTiff(path, bytes); break;
-    case Format::WebP: picture = decodeWebP(path, bytes); break;
+        case Format::Png: picture = decodePng(path, bytes); break;
+        case Format::Jpeg: picture = decodeJpeg(path, bytes); break;
+        case Format::Tiff: picture = decodeTiff(path, bytes); break;
+        case Format::WebP: picture = decodeWebP(path, bytes); break;
     }
     if (picture.cmyk) {
         convertCmykToRgb(picture, path);
@@ -68,8 +74,8 @@ Picture readPicture(const std::string &path, std::vector<std::string> *notes) {
     return picture;
 }
 
-std::vector<uint8_t> encodePicture(const Picture &source, Format format, const WriteSettings &settings,
-                                   std::vector<std::string> *notes) {
+std::vector<uint8_t> encodePicture(const Picture &source, Format format,
+                                   const WriteSettings &settings, std::vector<std::string> *notes) {
     const auto note = [&](const std::string &text) {
         if (notes) notes->push_back(text);
     };
@@ -80,11 +86,14 @@ std::vector<uint8_t> encodePicture(const Picture &source, Format format, const W
         picture = &shaped;
     };
     if (picture->depth == 16 && (format == Format::Jpeg || format == Format::WebP)) {
-        note(std::string(formatName(format)) + " holds 8 bits per sample: written with 8-bit samples");
+        note(std::string(formatName(format)) +
+             " holds 8 bits per sample: written with 8-bit samples");
         reshape(toEightBits(*picture));
     }
-    if (format == Format::Jpeg && picture->hasAlpha()) note("JPEG has no alpha channel; alpha dropped");
-    if (format == Format::WebP && picture->isGray()) reshape(withChannels(*picture, picture->hasAlpha() ? 4 : 3));
+    if (format == Format::Jpeg && picture->hasAlpha())
+        note("JPEG has no alpha channel; alpha dropped");
+    if (format == Format::WebP && picture->isGray())
+        reshape(withChannels(*picture, picture->hasAlpha() ? 4 : 3));
     if (settings.strip && (!picture->icc.empty() || picture->resolution.known())) {
         Picture bare = *picture;
         bare.icc.clear();
@@ -101,12 +110,13 @@ std::vector<uint8_t> encodePicture(const Picture &source, Format format, const W
 
     std::vector<uint8_t> bytes;
     switch (format) {
-    case Format::Png: bytes = encodePng(*picture); break;
-    case Format::Jpeg: bytes = encodeJpeg(*picture, settings.encode.quality); break;
-    case Format::Tiff: bytes = encodeTiff(*picture); break;
-    case Format::WebP: bytes = encodeWebP(*picture, settings.encode); break;
+        case Format::Png: bytes = encodePng(*picture); break;
+        case Format::Jpeg: bytes = encodeJpeg(*picture, settings.encode.quality); break;
+        case Format::Tiff: bytes = encodeTiff(*picture); break;
+        case Format::WebP: bytes = encodeWebP(*picture, settings.encode); break;
     }
-    if (!settings.strip && source.metadata) embedMetadata(bytes, format, *source.metadata, *picture, notes);
+    if (!settings.strip && source.metadata)
+        embedMetadata(bytes, format, *source.metadata, *picture, notes);
     return bytes;
 }
 

@@ -25,7 +25,8 @@ struct WriteSettings {
 // format holds no more (JPEG, WebP), alpha is dropped for JPEG, gray becomes
 // RGB for WebP, each with a note; the ICC profile, resolution and metadata
 // go in unless settings.strip.
-std::vector<uint8_t> encodePicture(const Picture &picture, Format format, const WriteSettings &settings,
+std::vector<uint8_t> encodePicture(const Picture &picture, Format format,
+                                   const WriteSettings &settings,
                                    std::vector<std::string> *notes = nullptr);
 
 }  // namespace morven::tool

@@ -60,7 +60,8 @@ constexpr bool kLittleEndian = std::endian::native == std::endian::little;
 
 Picture decodePng(const std::string &path, Bytes bytes) {
     PngSource src{bytes, 0, false, {}};
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, src.message, pngFail, pngIgnoreWarning);
+    png_structp png =
+        png_create_read_struct(PNG_LIBPNG_VER_STRING, src.message, pngFail, pngIgnoreWarning);
     if (!png) throw std::bad_alloc();
     png_infop info = png_create_info_struct(png);
     struct Guard {
@@ -89,7 +90,8 @@ Picture decodePng(const std::string &path, Bytes bytes) {
         const int depth = png_get_bit_depth(png, info);
         const int type = png_get_color_type(png, info);
         checkDeclaredSize(path, width, height);
-        const uint64_t storedBits = uint64_t(width) * height * png_get_channels(png, info) * uint64_t(depth);
+        const uint64_t storedBits =
+            uint64_t(width) * height * png_get_channels(png, info) * uint64_t(depth);
         checkDeflateCanHold(path, "PNG", storedBits / 8, src.bytes.size());
 
         pic.fileDepth = depth;
@@ -104,7 +106,8 @@ Picture decodePng(const std::string &path, Bytes bytes) {
         png_bytep profile = nullptr;
         png_uint_32 profileSize = 0;
         int compression = 0;
-        if (png_get_iCCP(png, info, &name, &compression, &profile, &profileSize) && profile && profileSize)
+        if (png_get_iCCP(png, info, &name, &compression, &profile, &profileSize) && profile &&
+            profileSize)
             pic.icc.assign(profile, profile + profileSize);
         png_uint_32 xres = 0, yres = 0;
         int unit = 0;
@@ -112,7 +115,8 @@ Picture decodePng(const std::string &path, Bytes bytes) {
         if (png_get_pHYs(png, info, &xres, &yres, &unit) && xres && yres &&
             (unit == PNG_RESOLUTION_METER || xres != yres)) {
             const bool metres = unit == PNG_RESOLUTION_METER;
-            pic.resolution = {metres ? xres / 100.0 : double(xres), metres ? yres / 100.0 : double(yres),
+            pic.resolution = {metres ? xres / 100.0 : double(xres),
+                              metres ? yres / 100.0 : double(yres),
                               metres ? Resolution::Unit::Centimetre : Resolution::Unit::None};
         }
 
@@ -161,7 +165,8 @@ std::vector<uint8_t> encodePng(const Picture &pic) {
     std::vector<uint8_t> out;
     PngSink sink{&out, false};
     char message[256] = {};
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, message, pngFail, pngIgnoreWarning);
+    png_structp png =
+        png_create_write_struct(PNG_LIBPNG_VER_STRING, message, pngFail, pngIgnoreWarning);
     if (!png) throw std::bad_alloc();
     png_infop info = png_create_info_struct(png);
     struct Guard {
@@ -171,8 +176,8 @@ std::vector<uint8_t> encodePng(const Picture &pic) {
     } guard{&png, &info};
     if (!info) throw std::bad_alloc();
 
-    static constexpr int kTypes[] = {PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA, PNG_COLOR_TYPE_RGB,
-                                     PNG_COLOR_TYPE_RGB_ALPHA};
+    static constexpr int kTypes[] = {PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA,
+                                     PNG_COLOR_TYPE_RGB, PNG_COLOR_TYPE_RGB_ALPHA};
     const size_t stride = size_t(pic.width) * size_t(pic.channels) * size_t(pic.depth / 8);
     std::vector<png_bytep> rows(size_t(pic.height));
     auto *base = static_cast<png_bytep>(const_cast<void *>(pic.data()));
@@ -192,11 +197,15 @@ std::vector<uint8_t> encodePng(const Picture &pic) {
                          png_uint_32(pic.icc.size()));
         if (pic.resolution.known()) {
             const bool cm = pic.resolution.unit == Resolution::Unit::Centimetre;
-            const double perMetre = pic.resolution.unit == Resolution::Unit::Inch ? 100 / 2.54 : cm ? 100 : 1;
+            const double perMetre = pic.resolution.unit == Resolution::Unit::Inch ? 100 / 2.54
+                                    : cm                                          ? 100
+                                                                                  : 1;
+            // NOLINTBEGIN(bugprone-incorrect-roundings): resolutions are positive
             png_set_pHYs(png, info, png_uint_32(pic.resolution.x * perMetre + 0.5),
                          png_uint_32(pic.resolution.y * perMetre + 0.5),
                          pic.resolution.unit == Resolution::Unit::None ? PNG_RESOLUTION_UNKNOWN
                                                                        : PNG_RESOLUTION_METER);
+            // NOLINTEND(bugprone-incorrect-roundings)
         }
         // Level 6 costs about twice the time of level 3 for a few per cent.
         png_set_compression_level(png, 3);

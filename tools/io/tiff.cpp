@@ -59,10 +59,10 @@ toff_t seekProc(thandle_t h, toff_t offset, int whence) {
     MemoryFile &f = fileOf(h);
     const uint64_t size = f.out ? f.out->size() : f.in.size();
     switch (whence) {
-    case SEEK_SET: f.pos = offset; break;
-    case SEEK_CUR: f.pos += offset; break;
-    case SEEK_END: f.pos = size + offset; break;
-    default: return toff_t(-1);
+        case SEEK_SET: f.pos = offset; break;
+        case SEEK_CUR: f.pos += offset; break;
+        case SEEK_END: f.pos = size + offset; break;
+        default: return toff_t(-1);
     }
     return f.pos;
 }
@@ -86,24 +86,24 @@ struct TiffCloser {
 using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
 
 TiffHandle open(MemoryFile &file, const char *mode) {
-    const std::unique_ptr<TIFFOpenOptions, void (*)(TIFFOpenOptions *)> options(TIFFOpenOptionsAlloc(),
-                                                                              TIFFOpenOptionsFree);
+    const std::unique_ptr<TIFFOpenOptions, void (*)(TIFFOpenOptions *)> options(
+        TIFFOpenOptionsAlloc(), TIFFOpenOptionsFree);
     if (!options) throw std::bad_alloc();
     TIFFOpenOptionsSetErrorHandlerExtR(options.get(), onError, &file);
     TIFFOpenOptionsSetWarningHandlerExtR(options.get(), onWarning, &file);
     // libtiff's own buffers (directories, compressed strips); the pixel
     // buffers are ours and checked below.
     TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), tmsize_t(1) << 30);
-    return TiffHandle(TIFFClientOpenExt("memory", mode, &file, readProc, writeProc, seekProc, closeProc, sizeProc,
-                                        mapProc, unmapProc, options.get()));
+    return TiffHandle(TIFFClientOpenExt("memory", mode, &file, readProc, writeProc, seekProc,
+                                        closeProc, sizeProc, mapProc, unmapProc, options.get()));
 }
 
 // What the decoder makes of the file's tags.
 struct Layout {
     uint32_t width = 0, height = 0;
     uint16_t bits = 1, samples = 1, photometric = 0, planar = PLANARCONFIG_CONTIG;
-    int colours = 1;       // samples that carry colour (1, 3, or 4 for CMYK)
-    bool alpha = false;    // the sample after the colours is alpha
+    int colours = 1;     // samples that carry colour (1, 3, or 4 for CMYK)
+    bool alpha = false;  // the sample after the colours is alpha
     bool associated = false;
     bool palette = false;
     bool whiteIsZero = false;
@@ -116,7 +116,8 @@ struct Layout {
 Layout layoutOf(const std::string &path, TIFF *tif) {
     Layout l;
     uint16_t format = SAMPLEFORMAT_UINT, compression = COMPRESSION_NONE;
-    if (!TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &l.width) || !TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &l.height))
+    if (!TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &l.width) ||
+        !TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &l.height))
         throw FileError(path, "corrupt TIFF file: no image size");
     checkDeclaredSize(path, l.width, l.height);
     TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &l.bits);
@@ -128,31 +129,33 @@ Layout layoutOf(const std::string &path, TIFF *tif) {
         l.photometric = l.samples >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
     if (format != SAMPLEFORMAT_UINT && format != SAMPLEFORMAT_VOID)
         refuse(path, "floating-point or signed samples (unsigned 1 to 16 bits are read)");
-    if (!TIFFIsCODECConfigured(compression)) refuse(path, "compression " + std::to_string(compression));
+    if (!TIFFIsCODECConfigured(compression))
+        refuse(path, "compression " + std::to_string(compression));
 
     switch (l.photometric) {
-    case PHOTOMETRIC_MINISWHITE: l.whiteIsZero = true; [[fallthrough]];
-    case PHOTOMETRIC_MINISBLACK: l.colours = 1; break;
-    case PHOTOMETRIC_PALETTE: l.colours = 1, l.palette = true; break;
-    case PHOTOMETRIC_RGB: l.colours = 3; break;
-    case PHOTOMETRIC_SEPARATED: {
-        uint16_t inks = INKSET_CMYK;
-        TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inks);
-        if (inks != INKSET_CMYK) refuse(path, "separated inks other than CMYK");
-        l.colours = 4;
-        break;
+        case PHOTOMETRIC_MINISWHITE: l.whiteIsZero = true; [[fallthrough]];
+        case PHOTOMETRIC_MINISBLACK: l.colours = 1; break;
+        case PHOTOMETRIC_PALETTE: l.colours = 1, l.palette = true; break;
+        case PHOTOMETRIC_RGB: l.colours = 3; break;
+        case PHOTOMETRIC_SEPARATED: {
+            uint16_t inks = INKSET_CMYK;
+            TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inks);
+            if (inks != INKSET_CMYK) refuse(path, "separated inks other than CMYK");
+            l.colours = 4;
+            break;
+        }
+        case PHOTOMETRIC_YCBCR:
+            if (compression != COMPRESSION_JPEG) refuse(path, "YCbCr without JPEG compression");
+            // libjpeg converts to RGB while decoding.
+            TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+            l.colours = 3;
+            break;
+        default: refuse(path, "photometric interpretation " + std::to_string(l.photometric));
     }
-    case PHOTOMETRIC_YCBCR:
-        if (compression != COMPRESSION_JPEG) refuse(path, "YCbCr without JPEG compression");
-        // libjpeg converts to RGB while decoding.
-        TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
-        l.colours = 3;
-        break;
-    default: refuse(path, "photometric interpretation " + std::to_string(l.photometric));
-    }
-    if (l.samples < l.colours) throw FileError(path, "corrupt TIFF file: too few samples per pixel");
-    const bool bitsOk = l.colours == 1 ? (l.bits == 1 || l.bits == 2 || l.bits == 4 || l.bits == 8 ||
-                                          (l.bits == 16 && !l.palette))
+    if (l.samples < l.colours)
+        throw FileError(path, "corrupt TIFF file: too few samples per pixel");
+    const bool bitsOk = l.colours == 1 ? (l.bits == 1 || l.bits == 2 || l.bits == 4 ||
+                                          l.bits == 8 || (l.bits == 16 && !l.palette))
                                        : (l.bits == 8 || l.bits == 16);
     if (!bitsOk) refuse(path, std::to_string(l.bits) + " bits per sample");
     uint16_t extras = 0;
@@ -178,7 +181,8 @@ void readBlocks(const std::string &path, TIFF *tif, const Layout &l, MemoryFile 
         TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &blockHeight);
         blockHeight = std::min(blockHeight, l.height);
     }
-    if (blockWidth == 0 || blockHeight == 0) throw FileError(path, "corrupt TIFF file: empty strips or tiles");
+    if (blockWidth == 0 || blockHeight == 0)
+        throw FileError(path, "corrupt TIFF file: empty strips or tiles");
     const bool contig = l.planar == PLANARCONFIG_CONTIG || l.samples == 1;
     const uint32_t perBlock = contig ? l.samples : 1;
     const uint64_t rowBytes = (uint64_t(blockWidth) * perBlock * l.bits + 7) / 8;
@@ -191,18 +195,20 @@ void readBlocks(const std::string &path, TIFF *tif, const Layout &l, MemoryFile 
     std::vector<uint8_t> block(static_cast<size_t>(blockBytes));
     const uint32_t mask = (1u << std::min<int>(l.bits, 16)) - 1;
 
-    for (uint16_t plane = 0; plane < (contig ? 1 : l.samples); ++plane)
+    const uint16_t planes = contig ? 1 : l.samples;
+    for (uint16_t plane = 0; plane < planes; ++plane)
         for (uint32_t by = 0; by < l.height; by += blockHeight)
             for (uint32_t bx = 0; bx < l.width; bx += blockWidth) {
                 if (cancelled()) throw Interrupted();
                 const tmsize_t got =
-                    tiled ? TIFFReadEncodedTile(tif, TIFFComputeTile(tif, bx, by, 0, plane), block.data(),
-                                                tmsize_t(blockBytes))
-                          : TIFFReadEncodedStrip(tif, TIFFComputeStrip(tif, by, plane), block.data(),
-                                                 tmsize_t(blockBytes));
+                    tiled ? TIFFReadEncodedTile(tif, TIFFComputeTile(tif, bx, by, 0, plane),
+                                                block.data(), tmsize_t(blockBytes))
+                          : TIFFReadEncodedStrip(tif, TIFFComputeStrip(tif, by, plane),
+                                                 block.data(), tmsize_t(blockBytes));
                 if (got < 0)
-                    throw FileError(path, std::string("corrupt TIFF file: ") +
-                                              (file.message[0] ? file.message : "unreadable image data"));
+                    throw FileError(path,
+                                    std::string("corrupt TIFF file: ") +
+                                        (file.message[0] ? file.message : "unreadable image data"));
                 const uint32_t rows = std::min(blockHeight, l.height - by);
                 const uint32_t columns = std::min(blockWidth, l.width - bx);
                 for (uint32_t r = 0; r < rows; ++r) {
@@ -213,7 +219,8 @@ void readBlocks(const std::string &path, TIFF *tif, const Layout &l, MemoryFile 
                             uint32_t v;
                             if (l.bits == 16) {
                                 uint16_t wide;
-                                std::memcpy(&wide, row + 2 * k, 2);  // libtiff swapped it to host order
+                                std::memcpy(&wide, row + 2 * k,
+                                            2);  // libtiff swapped it to host order
                                 v = wide;
                             } else if (l.bits == 8) {
                                 v = row[k];
@@ -233,7 +240,9 @@ Picture decodeTiff(const std::string &path, Bytes bytes) {
     MemoryFile file;
     file.in = bytes;
     const TiffHandle tif = open(file, "rm");
-    if (!tif) throw FileError(path, std::string("corrupt TIFF file: ") + (file.message[0] ? file.message : "unreadable"));
+    if (!tif)
+        throw FileError(path, std::string("corrupt TIFF file: ") +
+                                  (file.message[0] ? file.message : "unreadable"));
     const Layout l = layoutOf(path, tif.get());
 
     Picture pic;
@@ -248,26 +257,31 @@ Picture decodeTiff(const std::string &path, Bytes bytes) {
     const bool spread = l.bits < 8 && !l.palette;
     readBlocks(path, tif.get(), l, file, [&](uint32_t x, uint32_t y, uint32_t sample, uint32_t v) {
         if (sample >= uint32_t(channels)) return;
-        pic.setSample((size_t(y) * l.width + x) * size_t(channels) + sample, spread ? v * 255 / top : v);
+        pic.setSample((size_t(y) * l.width + x) * size_t(channels) + sample,
+                      spread ? v * 255 / top : v);
     });
 
     const uint32_t max = pic.maxValue();
     if (l.whiteIsZero)
-        for (size_t i = 0; i < pic.sampleCount(); i += size_t(channels)) pic.setSample(i, max - pic.sample(i));
+        for (size_t i = 0; i < pic.sampleCount(); i += size_t(channels))
+            pic.setSample(i, max - pic.sample(i));
     if (l.associated)
         for (size_t i = 0; i < pic.sampleCount(); i += size_t(channels)) {
             const uint32_t a = pic.sample(i + size_t(channels) - 1);
             for (int c = 0; c < l.colours && a > 0; ++c)
-                pic.setSample(i + size_t(c), std::min(max, (pic.sample(i + size_t(c)) * max + a / 2) / a));
+                pic.setSample(i + size_t(c),
+                              std::min(max, (pic.sample(i + size_t(c)) * max + a / 2) / a));
         }
     if (l.palette) {
         uint16_t *red = nullptr, *green = nullptr, *blue = nullptr;
-        if (!TIFFGetField(tif.get(), TIFFTAG_COLORMAP, &red, &green, &blue) || !red || !green || !blue)
+        if (!TIFFGetField(tif.get(), TIFFTAG_COLORMAP, &red, &green, &blue) || !red || !green ||
+            !blue)
             throw FileError(path, "corrupt TIFF file: palette picture without a palette");
         const size_t entries = size_t(1) << l.bits;
         // Some writers put 8-bit values in the 16-bit palette.
         bool eightBit = true;
-        for (size_t i = 0; i < entries; ++i) eightBit &= red[i] < 256 && green[i] < 256 && blue[i] < 256;
+        for (size_t i = 0; i < entries; ++i)
+            eightBit &= red[i] < 256 && green[i] < 256 && blue[i] < 256;
         const auto level = [&](uint16_t v) { return uint8_t(eightBit ? v : (v + 128u) / 257u); };
         Picture rgb = pic;
         rgb.allocate(pic.width, pic.height, 3, 8);
@@ -282,12 +296,13 @@ Picture decodeTiff(const std::string &path, Bytes bytes) {
 
     uint32_t iccSize = 0;
     void *icc = nullptr;
-    if (TIFFGetField(tif.get(), TIFFTAG_ICCPROFILE, &iccSize, &icc) && icc && iccSize && iccSize <= kMaxEmbeddedBytes)
+    if (TIFFGetField(tif.get(), TIFFTAG_ICCPROFILE, &iccSize, &icc) && icc && iccSize &&
+        iccSize <= kMaxEmbeddedBytes)
         pic.icc.assign(static_cast<uint8_t *>(icc), static_cast<uint8_t *>(icc) + iccSize);
     float xres = 0, yres = 0;
     uint16_t unit = RESUNIT_INCH;
-    if (TIFFGetField(tif.get(), TIFFTAG_XRESOLUTION, &xres) && TIFFGetField(tif.get(), TIFFTAG_YRESOLUTION, &yres) &&
-        xres > 0 && yres > 0) {
+    if (TIFFGetField(tif.get(), TIFFTAG_XRESOLUTION, &xres) &&
+        TIFFGetField(tif.get(), TIFFTAG_YRESOLUTION, &yres) && xres > 0 && yres > 0) {
         TIFFGetFieldDefaulted(tif.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
         pic.resolution = {xres, yres,
                           unit == RESUNIT_INCH         ? Resolution::Unit::Inch
@@ -309,7 +324,8 @@ std::vector<uint8_t> encodeTiff(const Picture &pic) {
         TIFFSetField(t, TIFFTAG_IMAGELENGTH, uint32_t(pic.height));
         TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, uint16_t(pic.depth));
         TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, uint16_t(pic.channels));
-        TIFFSetField(t, TIFFTAG_PHOTOMETRIC, pic.isGray() ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
+        TIFFSetField(t, TIFFTAG_PHOTOMETRIC,
+                     pic.isGray() ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
         TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
         if (pic.hasAlpha()) {
             const uint16_t kind = EXTRASAMPLE_UNASSALPHA;
@@ -318,7 +334,8 @@ std::vector<uint8_t> encodeTiff(const Picture &pic) {
         TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
         TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
         TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
-        if (!pic.icc.empty()) TIFFSetField(t, TIFFTAG_ICCPROFILE, uint32_t(pic.icc.size()), pic.icc.data());
+        if (!pic.icc.empty())
+            TIFFSetField(t, TIFFTAG_ICCPROFILE, uint32_t(pic.icc.size()), pic.icc.data());
         if (pic.resolution.known()) {
             TIFFSetField(t, TIFFTAG_XRESOLUTION, float(pic.resolution.x));
             TIFFSetField(t, TIFFTAG_YRESOLUTION, float(pic.resolution.y));
@@ -337,9 +354,11 @@ std::vector<uint8_t> encodeTiff(const Picture &pic) {
             if (TIFFWriteScanline(t, row.data(), uint32_t(y), 0) < 0)
                 throw std::runtime_error(std::string("TIFF encoder failed: ") + file.message);
         }
-        if (!TIFFWriteDirectory(t)) throw std::runtime_error(std::string("TIFF encoder failed: ") + file.message);
+        if (!TIFFWriteDirectory(t))
+            throw std::runtime_error(std::string("TIFF encoder failed: ") + file.message);
     }  // closing flushes
-    if (file.message[0]) throw std::runtime_error(std::string("TIFF encoder failed: ") + file.message);
+    if (file.message[0])
+        throw std::runtime_error(std::string("TIFF encoder failed: ") + file.message);
     return out;
 }
 

@@ -20,8 +20,8 @@ Picture grayOf(const Picture &p) {
 Support makeSupport() { return Support(checked(wzHistogramTransferSupportCreate())); }
 
 HeaderImage wrap(int width, int height, uint32_t encoding, int depth, const void *data) {
-    HeaderImage header(
-        checked(wzImageCreateHeaderWithType(width, height, encoding, depth == 16 ? wzType16U : wzType8U)));
+    HeaderImage header(checked(
+        wzImageCreateHeaderWithType(width, height, encoding, depth == 16 ? wzType16U : wzType8U)));
     // Headers only borrow; the library writes through them only when asked to.
     header->data = static_cast<uint8_t *>(const_cast<void *>(data));
     return header;
@@ -33,7 +33,8 @@ LibraryView::LibraryView(Picture &picture, bool threeChannels) : picture_(pictur
         plane_ = grayOf(picture);
         data = plane_.data();
     }
-    header_ = wrap(picture.width, picture.height, encodingOf(picture.channels), picture.depth, data);
+    header_ =
+        wrap(picture.width, picture.height, encodingOf(picture.channels), picture.depth, data);
     if (threeChannels && picture.isGray() && picture.depth == 8) {
         expanded_.reset(checked(wzImageCreate(picture.width, picture.height, wzEncodingBGR)));
         wzImageCvtColor(header_.get(), expanded_.get());
@@ -43,7 +44,8 @@ LibraryView::LibraryView(Picture &picture, bool threeChannels) : picture_(pictur
 void LibraryView::commit() {
     if (expanded_) wzImageExtractChannel(expanded_.get(), header_.get(), 1);
     if (picture_.channels == 2)
-        for (size_t i = 0; i < plane_.pixelCount(); ++i) picture_.setSample(2 * i, plane_.sample(i));
+        for (size_t i = 0; i < plane_.pixelCount(); ++i)
+            picture_.setSample(2 * i, plane_.sample(i));
 }
 
 MaskImage::MaskImage(std::vector<uint8_t> plane, int width, int height) : plane_(std::move(plane)) {
@@ -55,7 +57,8 @@ std::vector<uint8_t> grayPlane(const Picture &source) {
     if (picture.channels == 1) return picture.samples8;
     if (picture.channels == 2) return grayOf(picture).samples8;
     std::vector<uint8_t> plane(picture.pixelCount());
-    const HeaderImage colour = wrap(picture.width, picture.height, encodingOf(picture.channels), 8, picture.data());
+    const HeaderImage colour =
+        wrap(picture.width, picture.height, encodingOf(picture.channels), 8, picture.data());
     const HeaderImage gray = wrap(picture.width, picture.height, wzEncodingGray, 8, plane.data());
     wzImageCvtColor(colour.get(), gray.get());
     return plane;
@@ -72,8 +75,9 @@ Profile profileOf(const Picture &picture, const wzImage *statsMask) {
     Profile profile(checked(wzImageColorProfileCreate()));
     Picture plane;
     if (picture.channels == 2) plane = grayOf(picture);
-    const HeaderImage header = wrap(picture.width, picture.height, encodingOf(picture.channels), picture.depth,
-                                    picture.channels == 2 ? plane.data() : picture.data());
+    const HeaderImage header =
+        wrap(picture.width, picture.height, encodingOf(picture.channels), picture.depth,
+             picture.channels == 2 ? plane.data() : picture.data());
     wzImageFillColorProfileMasked(header.get(), statsMask, profile.get());
     return profile;
 }
@@ -82,8 +86,9 @@ Profile16 deepProfileOf(const Picture &picture, const wzImage *statsMask, wzWork
     Profile16 profile(checked(wzImageColorProfile16Create()));
     Picture plane;
     if (picture.channels == 2) plane = grayOf(picture);
-    const HeaderImage header = wrap(picture.width, picture.height, encodingOf(picture.channels), picture.depth,
-                                    picture.channels == 2 ? plane.data() : picture.data());
+    const HeaderImage header =
+        wrap(picture.width, picture.height, encodingOf(picture.channels), picture.depth,
+             picture.channels == 2 ? plane.data() : picture.data());
     if (wzImageFillColorProfile16(header.get(), statsMask, space, profile.get()) != WZ_STATUS_OK)
         throw std::runtime_error("the library could not measure the picture");
     return profile;
@@ -92,7 +97,8 @@ Profile16 deepProfileOf(const Picture &picture, const wzImage *statsMask, wzWork
 void checkStatus(const std::string &path, const char *operation, wzStatus status) {
     if (status == WZ_STATUS_OK || status == WZ_STATUS_NO_PIXELS) return;
     if (status == WZ_STATUS_CANCELLED) throw Interrupted();
-    throw FileError(path, std::string(operation) + " failed in the library (status " + std::to_string(status) + ")");
+    throw FileError(path, std::string(operation) + " failed in the library (status " +
+                              std::to_string(status) + ")");
 }
 
 }  // namespace morven::tool

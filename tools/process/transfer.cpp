@@ -9,19 +9,20 @@ namespace morven::tool {
 
 const char *spaceName(wzWorkingSpace space) {
     switch (space) {
-    case wzSpaceChannels: return "rgb";
-    case wzSpaceLuma: return "luma";
-    case wzSpaceYCbCr: return "ycbcr";
-    case wzSpaceLab: return "lab";
+        case wzSpaceChannels: return "rgb";
+        case wzSpaceLuma: return "luma";
+        case wzSpaceYCbCr: return "ycbcr";
+        case wzSpaceLab: return "lab";
     }
     return "?";
 }
 
 TransferSettings defaultTransferSettings() {
     wzHistogramTransferParams *p = checked(wzHistogramTransferParamsDefault());
-    const TransferSettings settings{p->matchStrength,       p->matchFidelity,    p->matchMaxStep,
-                                    p->contrastEnabled != 0, p->contrastHighTail, p->contrastLowTail,
-                                    p->smoothEnabled != 0,   p->smoothThreshold,  p->smoothIterations};
+    const TransferSettings settings{
+        p->matchStrength,        p->matchFidelity,    p->matchMaxStep,
+        p->contrastEnabled != 0, p->contrastHighTail, p->contrastLowTail,
+        p->smoothEnabled != 0,   p->smoothThreshold,  p->smoothIterations};
     wzHistogramTransferParamsRelease(&p);
     return settings;
 }
@@ -32,7 +33,8 @@ wzWorkingSpace effectiveSpace(bool sourceGray, bool referenceGray, wzWorkingSpac
     return chosen;
 }
 
-Reference::Reference(Picture picture, std::vector<uint8_t> mask, const TransferSettings &settings)
+Reference::Reference(Picture picture, const std::vector<uint8_t> &mask,
+                     const TransferSettings &settings)
     : picture_(std::move(picture)), settings_(settings) {
     const int w = picture_.width, h = picture_.height;
     mask_ = MaskImage(bothMasks(opaqueMask(picture_), mask), w, h);
@@ -85,8 +87,9 @@ const Target &Reference::targetFor(const Picture &source) {
 
 void MaskFile::checkSize(const std::string &picturePath, const Picture &picture) const {
     if (width != picture.width || height != picture.height)
-        throw FileError(path, "the mask is " + std::to_string(width) + " x " + std::to_string(height) + " but " +
-                                  picturePath + " is " + std::to_string(picture.width) + " x " +
+        throw FileError(path, "the mask is " + std::to_string(width) + " x " +
+                                  std::to_string(height) + " but " + picturePath + " is " +
+                                  std::to_string(picture.width) + " x " +
                                   std::to_string(picture.height));
 }
 
@@ -101,31 +104,36 @@ MaskFile readMaskFile(const std::string &path, std::vector<std::string> *notes) 
     return mask;
 }
 
-double transferOne(const std::string &path, Picture &picture, Reference &reference, const MaskFile &blend,
-                   const MaskFile &sourceMask, const TransferSettings &settings,
-                   const wzHistogramTransferSupport *support, std::vector<std::string> &notes) {
+double transferOne(const std::string &path, Picture &picture, Reference &reference,
+                   const MaskFile &blend, const MaskFile &sourceMask,
+                   const TransferSettings &settings, const wzHistogramTransferSupport *support,
+                   std::vector<std::string> &notes) {
     if (!blend.empty()) blend.checkSize(path, picture);
     if (!sourceMask.empty()) sourceMask.checkSize(path, picture);
     const Stopwatch setupClock;
     const Target &target = reference.targetFor(picture);
     if (!target.note.empty()) notes.push_back(target.note);
-    const MaskImage stats(bothMasks(opaqueMask(picture), sourceMask.plane), picture.width, picture.height);
+    const MaskImage stats(bothMasks(opaqueMask(picture), sourceMask.plane), picture.width,
+                          picture.height);
     const MaskImage weights(blend.plane, picture.width, picture.height);
-    return setupClock.seconds() + transferPicture(path, picture, target, stats, weights, settings, support, notes);
+    return setupClock.seconds() +
+           transferPicture(path, picture, target, stats, weights, settings, support, notes);
 }
 
 namespace {
 
 struct TransferParams {
     std::unique_ptr<wzHistogramTransferParams, void (*)(wzHistogramTransferParams *)> p{
-        checked(wzHistogramTransferParamsDefault()), [](wzHistogramTransferParams *q) { wzHistogramTransferParamsRelease(&q); }};
+        checked(wzHistogramTransferParamsDefault()),
+        [](wzHistogramTransferParams *q) { wzHistogramTransferParamsRelease(&q); }};
 };
 
 }  // namespace
 
-double transferPicture(const std::string &path, Picture &picture, const Target &target, const MaskImage &statsMask,
-                       const MaskImage &blend, const TransferSettings &settings,
-                       const wzHistogramTransferSupport *support, std::vector<std::string> &notes) {
+double transferPicture(const std::string &path, Picture &picture, const Target &target,
+                       const MaskImage &statsMask, const MaskImage &blend,
+                       const TransferSettings &settings, const wzHistogramTransferSupport *support,
+                       std::vector<std::string> &notes) {
     // One parameter record per call: concurrent calls must not share one.
     TransferParams record;
     wzHistogramTransferParams *params = record.p.get();
@@ -166,26 +174,31 @@ double transferPicture(const std::string &path, Picture &picture, const Target &
         graySmoothing ? nullptr : blend.get(), view.get(), cancelFlag());
     checkStatus(path, "the transfer", status);
     if (status == WZ_STATUS_NO_PIXELS) {
-        notes.push_back("no pixel of the source or the reference counts (all transparent or masked out); "
-                        "written unchanged");
+        notes.push_back(
+            "no pixel of the source or the reference counts (all transparent or masked out); "
+            "written unchanged");
         return clock.seconds();
     }
     view.commit();
     if (graySmoothing) {
         struct SmoothDeleter {
-            void operator()(wzSelectiveSmoothParams *p) const { wzSelectiveSmoothParamsRelease(&p); }
+            void operator()(wzSelectiveSmoothParams *p) const {
+                wzSelectiveSmoothParamsRelease(&p);
+            }
         };
-        const std::unique_ptr<wzSelectiveSmoothParams, SmoothDeleter> smooth(checked(wzSelectiveSmoothParamsDefault()));
+        const std::unique_ptr<wzSelectiveSmoothParams, SmoothDeleter> smooth(
+            checked(wzSelectiveSmoothParamsDefault()));
         smooth->threshold = settings.smoothThreshold;
         smooth->iterations = settings.smoothIterations;
         LibraryView wide(picture, true);
         checkStatus(path, "selective smoothing",
-                    wzSelectiveSmooth(smooth.get(), support->smoothSupport, source->get(), wide.get(), wide.get(),
-                                      cancelFlag()));
+                    wzSelectiveSmooth(smooth.get(), support->smoothSupport, source->get(),
+                                      wide.get(), wide.get(), cancelFlag()));
         wide.commit();
         if (!blend.empty()) {
             LibraryView before(*original), after(picture);
-            checkStatus(path, "the blend", wzAddWeigthedM(before.get(), after.get(), after.get(), blend.get()));
+            checkStatus(path, "the blend",
+                        wzAddWeigthedM(before.get(), after.get(), after.get(), blend.get()));
             after.commit();
         }
     }

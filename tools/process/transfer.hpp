@@ -38,9 +38,9 @@ TransferSettings defaultTransferSettings();
 // space the source is matched in.
 struct Target {
     wzWorkingSpace space = wzSpaceChannels;
-    Profile profile8;    // an 8-bit reference matched channel by channel
-    Profile16 profile16; // otherwise
-    std::string note;    // said once per source, e.g. that only luminance is matched
+    Profile profile8;     // an 8-bit reference matched channel by channel
+    Profile16 profile16;  // otherwise
+    std::string note;     // said once per source, e.g. that only luminance is matched
 };
 
 // The reference of a run. Sources with different colour profiles or
@@ -50,7 +50,7 @@ class Reference {
 public:
     // mask: statistics mask of the reference's size (--reference-mask), or
     // empty; fully transparent pixels are left out as well.
-    Reference(Picture picture, std::vector<uint8_t> mask, const TransferSettings &settings);
+    Reference(Picture picture, const std::vector<uint8_t> &mask, const TransferSettings &settings);
     const Picture &picture() const { return picture_; }
     const Target &targetFor(const Picture &source);
 
@@ -91,9 +91,10 @@ MaskFile readMaskFile(const std::string &path, std::vector<std::string> *notes);
 // its size, the reference's target for it (with its note), its opaque
 // pixels under the source mask counted, the blend mask applied. Returns the
 // seconds spent; throws as transferPicture does.
-double transferOne(const std::string &path, Picture &picture, Reference &reference, const MaskFile &blend,
-                   const MaskFile &sourceMask, const TransferSettings &settings,
-                   const wzHistogramTransferSupport *support, std::vector<std::string> &notes);
+double transferOne(const std::string &path, Picture &picture, Reference &reference,
+                   const MaskFile &blend, const MaskFile &sourceMask,
+                   const TransferSettings &settings, const wzHistogramTransferSupport *support,
+                   std::vector<std::string> &notes);
 
 // The working space a source is matched in: luminance alone when a colour
 // source meets a gray reference, and for a gray source in rgb space.
@@ -104,8 +105,9 @@ wzWorkingSpace effectiveSpace(bool sourceGray, bool referenceGray, wzWorkingSpac
 // --mask, 255 keeps the result (may be empty). Returns the seconds spent in
 // the library; a note is added when nothing could be measured. Throws
 // Interrupted or FileError (naming path).
-double transferPicture(const std::string &path, Picture &picture, const Target &target, const MaskImage &statsMask,
-                       const MaskImage &blend, const TransferSettings &settings,
-                       const wzHistogramTransferSupport *support, std::vector<std::string> &notes);
+double transferPicture(const std::string &path, Picture &picture, const Target &target,
+                       const MaskImage &statsMask, const MaskImage &blend,
+                       const TransferSettings &settings, const wzHistogramTransferSupport *support,
+                       std::vector<std::string> &notes);
 
 }  // namespace morven::tool

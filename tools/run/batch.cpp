@@ -28,8 +28,10 @@ Listing listFolder(const fs::path &folder) {
     for (const fs::directory_entry &entry : fs::directory_iterator(folder)) {
         const std::string name = entry.path().filename().string();
         if (name.empty() || name[0] == '.' || !entry.is_regular_file()) continue;
-        if (formatForPath(name)) listing.pictures.push_back(entry.path().string());
-        else listing.others.push_back(name);
+        if (formatForPath(name))
+            listing.pictures.push_back(entry.path().string());
+        else
+            listing.others.push_back(name);
     }
     std::sort(listing.pictures.begin(), listing.pictures.end());
     std::sort(listing.others.begin(), listing.others.end());
@@ -52,7 +54,9 @@ std::string progressBar(size_t done, size_t total, size_t failed) {
     return bar;
 }
 
-void reportFailure(const std::string &file, const std::string &reason) { printLine("morven: " + file + ": " + reason); }
+void reportFailure(const std::string &file, const std::string &reason) {
+    printLine("morven: " + file + ": " + reason);
+}
 
 std::string plural(size_t n, const char *one, const char *many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
@@ -86,14 +90,17 @@ BatchPlan planBatch(const BatchSettings &batch) {
         }
         if (!listing.others.empty()) {
             std::string names;
-            for (size_t i = 0; i < listing.others.size() && i < 3; ++i) names += (i ? ", " : "") + listing.others[i];
+            for (size_t i = 0; i < listing.others.size() && i < 3; ++i)
+                names += (i ? ", " : "") + listing.others[i];
             if (listing.others.size() > 3) names += ", ...";
-            plan.messages.push_back({false, input, plural(listing.others.size(), "file", "files") +
-                                                       " of other kinds left out (" + names +
-                                                       "); PNG, JPEG, TIFF and WebP files are taken"});
+            plan.messages.push_back({false, input,
+                                     plural(listing.others.size(), "file", "files") +
+                                         " of other kinds left out (" + names +
+                                         "); PNG, JPEG, TIFF and WebP files are taken"});
         }
         if (listing.pictures.empty())
-            plan.messages.push_back({false, input, "no PNG, JPEG, TIFF or WebP files in this folder"});
+            plan.messages.push_back(
+                {false, input, "no PNG, JPEG, TIFF or WebP files in this folder"});
         for (std::string &file : listing.pictures) add(std::move(file));
     }
 
@@ -102,15 +109,34 @@ BatchPlan planBatch(const BatchSettings &batch) {
         item.output = (fs::path(batch.folder) / outputName(item.input, batch.format)).string();
         const auto [it, fresh] = claimed.emplace(item.output, item.input);
         if (!fresh && plan.clash.empty())
-            plan.clash = it->second + " and " + item.input + " would both be written to " + item.output +
-                         " (use separate runs)";
+            plan.clash = it->second + " and " + item.input + " would both be written to " +
+                         item.output + " (use separate runs)";
     }
     return plan;
 }
 
-int runBatch(const BatchSettings &batch, const Operation &operation, const RunSettings &settings,
-             const std::vector<std::string> &protectedInputs) {
-    BatchPlan plan = planBatch(batch);
+namespace {
+
+// What a batch did so far; guarded by the caller's mutex while it runs.
+struct BatchCounts {
+    size_t done = 0, written = 0, skipped = 0, failed = 0;
+    Timings total;
+
+    void add(const std::optional<FileResult> &result) {
+        ++done;
+        if (!result) {
+            ++failed;
+        } else if (result->outcome == Outcome::Skipped) {
+            ++skipped;
+        } else {
+            total += result->timings;
+            ++written;
+        }
+    }
+};
+
+// Prints the planning messages; returns how many of them are failures.
+size_t reportPlanMessages(const BatchPlan &plan, const RunSettings &settings) {
     size_t failed = 0;
     for (const BatchPlan::Message &message : plan.messages) {
         if (message.failure) {
@@ -120,9 +146,64 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
             printLine("morven: note: " + message.file + ": " + message.text);
         }
     }
+    return failed;
+}
+
+// One file of the batch; its failure is reported and gives no result.
+// Interrupted passes through.
+std::optional<FileResult> processItem(const BatchPlan::Item &item, const BatchSettings &batch,
+                                      const Operation &operation, const RunSettings &settings,
+                                      const std::vector<std::string> &protectedInputs) {
+    try {
+        const Format format = batch.format ? *batch.format : *formatForPath(item.output);
+        return processFile(item.input, item.output, format, operation, settings, protectedInputs);
+    } catch (const Interrupted &) {
+        throw;
+    } catch (const FileError &e) {
+        reportFailure(e.file(), e.what());
+    } catch (const std::bad_alloc &) {
+        reportFailure(item.input, "out of memory");
+    } catch (const std::exception &e) {
+        reportFailure(item.input, e.what());
+    }
+    return std::nullopt;
+}
+
+// The closing line (or the interruption's); returns the exit status.
+int reportBatch(const BatchSettings &batch, const RunSettings &settings, const BatchCounts &counts,
+                size_t items, size_t threads, double elapsed) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.2f s", elapsed);
+    if (cancelled()) {
+        printLine("morven: interrupted; " + std::to_string(counts.written) + " of " +
+                  std::to_string(items) + " images were written");
+        return kExitInterrupted;
+    }
+    if (!settings.quiet) {
+        std::string line = "morven: " + std::to_string(counts.written) + " of " +
+                           std::to_string(items) + " images " + batch.verb + " into " +
+                           batch.folder + " in " + seconds + " with " +
+                           plural(threads, "thread", "threads");
+        if (counts.skipped)
+            line += "; " + std::to_string(counts.skipped) + " skipped (already there)";
+        if (counts.failed) line += "; " + std::to_string(counts.failed) + " failed";
+        printLine(line);
+        if (settings.verbose)
+            printLine("morven: summed over all images: " + describeTimings(counts.total));
+    }
+    return counts.failed ? kExitFailure : kExitOk;
+}
+
+}  // namespace
+
+int runBatch(const BatchSettings &batch, const Operation &operation, const RunSettings &settings,
+             const std::vector<std::string> &protectedInputs) {
+    BatchPlan plan = planBatch(batch);
+    BatchCounts counts;
+    counts.failed = reportPlanMessages(plan, settings);
     if (!plan.clash.empty()) throw UsageError(plan.clash);
     const std::vector<BatchPlan::Item> &items = plan.items;
-    if (items.empty() && failed == 0) {
+    if (items.empty() && counts.failed == 0) {
         printLine("morven: nothing to do: no input images");
         return kExitFailure;
     }
@@ -135,12 +216,10 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
 
     const bool showProgress = !settings.quiet && ::isatty(STDERR_FILENO);
     std::atomic<size_t> next{0};
-    std::mutex mutex;  // guards the counters below
-    size_t done = 0, written = 0, skipped = 0;
-    Timings total;
+    std::mutex mutex;  // guards counts
     const Stopwatch clock;
     const auto progress = [&] {
-        if (showProgress) setProgressLine(progressBar(done, items.size(), failed));
+        if (showProgress) setProgressLine(progressBar(counts.done, items.size(), counts.failed));
     };
     progress();
 
@@ -150,54 +229,23 @@ int runBatch(const BatchSettings &batch, const Operation &operation, const RunSe
             if (i >= items.size()) break;
             std::optional<FileResult> result;
             try {
-                const Format format = batch.format ? *batch.format : *formatForPath(items[i].output);
-                result = processFile(items[i].input, items[i].output, format, operation, settings, protectedInputs);
+                result = processItem(items[i], batch, operation, settings, protectedInputs);
             } catch (const Interrupted &) {
                 break;
-            } catch (const FileError &e) {
-                reportFailure(e.file(), e.what());
-            } catch (const std::bad_alloc &) {
-                reportFailure(items[i].input, "out of memory");
-            } catch (const std::exception &e) {
-                reportFailure(items[i].input, e.what());
             }
             std::lock_guard lock(mutex);
-            ++done;
-            if (!result) {
-                ++failed;
-            } else if (result->outcome == Outcome::Skipped) {
-                ++skipped;
-            } else {
-                total += result->timings;
-                ++written;
-            }
+            counts.add(result);
             progress();
         }
     };
-    const size_t threads = std::max<size_t>(1, std::min<size_t>(size_t(std::max(1, batch.jobs)), items.size()));
+    const size_t threads =
+        std::max<size_t>(1, std::min<size_t>(size_t(std::max(1, batch.jobs)), items.size()));
     std::vector<std::jthread> pool;
     for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
     work();
     pool.clear();  // joins
     if (showProgress) setProgressLine("");
-
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.2f s", clock.seconds());
-    if (cancelled()) {
-        printLine("morven: interrupted; " + std::to_string(written) + " of " + std::to_string(items.size()) +
-                  " images were written");
-        return kExitInterrupted;
-    }
-    if (!settings.quiet) {
-        std::string line = "morven: " + std::to_string(written) + " of " + std::to_string(items.size()) +
-                           " images " + batch.verb + " into " + batch.folder + " in " + seconds + " with " +
-                           plural(threads, "thread", "threads");
-        if (skipped) line += "; " + std::to_string(skipped) + " skipped (already there)";
-        if (failed) line += "; " + std::to_string(failed) + " failed";
-        printLine(line);
-        if (settings.verbose) printLine("morven: summed over all images: " + describeTimings(total));
-    }
-    return failed ? kExitFailure : kExitOk;
+    return reportBatch(batch, settings, counts, items.size(), threads, clock.seconds());
 }
 
 }  // namespace morven::tool

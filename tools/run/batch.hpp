@@ -14,7 +14,7 @@ struct BatchSettings {
     std::string folder;               // output folder, created when missing
     std::optional<Format> format;     // output format; default: the input's own
     int jobs = 1;
-    std::string verb = "processed";   // for the summary: "12 of 12 images transferred"
+    std::string verb = "processed";  // for the summary: "12 of 12 images transferred"
 };
 
 // What a batch is to do, found before anything runs: every file once, with

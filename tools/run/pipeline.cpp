@@ -6,14 +6,17 @@
 
 namespace morven::tool {
 
-void printNotes(const RunSettings &settings, const std::string &file, const std::vector<std::string> &notes) {
+void printNotes(const RunSettings &settings, const std::string &file,
+                const std::vector<std::string> &notes) {
     if (settings.quiet) return;
-    for (const std::string &text : notes) printLine("morven: note: " + file + ": " + text);
+    const std::string prefix = "morven: note: " + file + ": ";
+    for (const std::string &text : notes) printLine(prefix + text);
 }
 
 FileResult processFile(const std::string &input, const std::string &output, Format format,
                        const Operation &operation, const RunSettings &settings,
-                       const std::vector<std::string> &protectedInputs, Picture *before, Picture *after) {
+                       const std::vector<std::string> &protectedInputs, Picture *before,
+                       Picture *after) {
     FileResult result;
     std::error_code error;
     if (settings.skipExisting && std::filesystem::exists(output, error)) {
@@ -48,7 +51,8 @@ FileResult processFile(const std::string &input, const std::string &output, Form
     clock = Stopwatch();
     writeFileAtomically(output, bytes, settings.force);
     result.timings.write = clock.seconds();
-    if (settings.verbose) printLine("morven: " + input + " -> " + output + ": " + describeTimings(result.timings));
+    if (settings.verbose)
+        printLine("morven: " + input + " -> " + output + ": " + describeTimings(result.timings));
     if (after) *after = std::move(picture);
     return result;
 }

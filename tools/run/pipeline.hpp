@@ -23,8 +23,8 @@ struct RunSettings {
 
 // What a command does to one picture, in place. Adds what the user should
 // know to notes; returns the seconds spent in the library.
-using Operation =
-    std::function<double(const std::string &path, Picture &picture, std::vector<std::string> &notes)>;
+using Operation = std::function<double(const std::string &path, Picture &picture,
+                                       std::vector<std::string> &notes)>;
 
 enum class Outcome { Written, Skipped };
 
@@ -44,6 +44,7 @@ FileResult processFile(const std::string &input, const std::string &output, Form
                        Picture *after = nullptr);
 
 // Prints "morven: note: <file>: <text>" for each note unless quiet.
-void printNotes(const RunSettings &settings, const std::string &file, const std::vector<std::string> &notes);
+void printNotes(const RunSettings &settings, const std::string &file,
+                const std::vector<std::string> &notes);
 
 }  // namespace morven::tool
