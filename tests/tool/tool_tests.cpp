@@ -29,11 +29,6 @@ using namespace tooltest;
 namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
 
-std::string slurp(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 int lines(const std::string &s) { return int(std::count(s.begin(), s.end(), '\n')); }
@@ -232,13 +227,13 @@ TEST_F(Tool, TransparentAndMaskedPixelsCountNowhere) {
     writePng(at("ref.png"), reference);
     writePng(at("opaque.png"), relayout(reference, 3));
     writePng(at("right.png"), crop(relayout(reference, 3), 20, 0, 20, 20));
-    writePng(at("half.png"), Pic{40, 20, 1, 8, std::vector<uint16_t>(rightHalf.begin(), rightHalf.end())});
+    writePng(at("half.png"), grayPic(40, 20, rightHalf));
     Pic source = pattern(30, 18, 4, 8, 9);
     for (int x = 0; x < 30; x += 3) source.at(x, 5, 3) = 0;
     writePng(at("src.png"), source);
     std::vector<uint8_t> sourceMask(30 * 18);
     for (size_t i = 0; i < sourceMask.size(); ++i) sourceMask[i] = i % 7 ? 200 : 0;
-    writePng(at("smask.png"), Pic{30, 18, 1, 8, std::vector<uint16_t>(sourceMask.begin(), sourceMask.end())});
+    writePng(at("smask.png"), grayPic(30, 18, sourceMask));
 
     const Pic right = readPic(at("right.png"));
     Transfer withSourceMask;
@@ -369,7 +364,7 @@ TEST_F(Tool, OptionsReachTheLibraryAsNamed) {
     const Pic source = png(at("src.png"), 36, 28, 3, 8, 20), ref = png(at("ref.png"), 30, 22, 3, 8, 21);
     std::vector<uint8_t> blend(36 * 28);
     for (size_t i = 0; i < blend.size(); ++i) blend[i] = uint8_t(i * 37 % 256);
-    writePng(at("blend.png"), Pic{36, 28, 1, 8, std::vector<uint16_t>(blend.begin(), blend.end())});
+    writePng(at("blend.png"), grayPic(36, 28, blend));
     const auto with = [](auto change) {
         Transfer t;
         t.space = wzSpaceChannels;
