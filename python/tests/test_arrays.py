@@ -13,21 +13,16 @@ SPACE = {"rgb": 0, "luma": 1, "ycbcr": 2, "lab": 3}
 def pictures(photos, kind):
     """(source, reference, order) of one kind of picture."""
     src, ref = photos["coffee"], photos["chelsea"]
-    gray = lambda p: np.ascontiguousarray(p.mean(axis=2).astype(np.uint8))
-    if kind == "BGR":
-        return np.ascontiguousarray(src[..., ::-1]), np.ascontiguousarray(ref[..., ::-1]), "BGR"
-    if kind == "RGBA":
-        alpha = np.random.default_rng(1).integers(0, 256, src.shape[:2], dtype=np.uint8)
-        return np.ascontiguousarray(np.dstack([src, alpha])), ref, "RGB"
-    if kind == "gray":
-        return gray(src), gray(ref), "RGB"
-    if kind == "gray+colour":
-        return gray(src), ref, "RGB"
-    if kind == "RGB16":
-        return deep(src), deep(ref, 1), "RGB"
-    if kind == "gray16":
-        return deep(gray(src)), deep(gray(ref), 1), "RGB"
-    return src, ref, "RGB"
+    gray = lambda p: p.mean(axis=2).astype(np.uint8)
+    alpha = lambda: np.random.default_rng(1).integers(0, 256, src.shape[:2], dtype=np.uint8)
+    make = {"BGR": lambda: (src[..., ::-1], ref[..., ::-1], "BGR"),
+            "RGBA": lambda: (np.dstack([src, alpha()]), ref, "RGB"),
+            "gray": lambda: (gray(src), gray(ref), "RGB"),
+            "gray+colour": lambda: (gray(src), ref, "RGB"),
+            "RGB16": lambda: (deep(src), deep(ref, 1), "RGB"),
+            "gray16": lambda: (deep(gray(src)), deep(gray(ref), 1), "RGB")}
+    source, reference, order = make.get(kind, lambda: (src, ref, "RGB"))()
+    return np.ascontiguousarray(source), np.ascontiguousarray(reference), order
 
 
 def masks(shape, seed):
@@ -192,6 +187,7 @@ def _bad_arguments():
     t = morven.transfer
     lab16 = morven.Profile(np.ones((3, 65536)), "lab")
     flat = np.zeros(66, np.uint8)
+    guide = np.ones_like(rgb)
     return [
         (t, (rgb.astype(float), ref), {}, TypeError, "uint8 or uint16"),
         (t, (np.zeros((4, 6, 2), np.uint8), ref), {}, ValueError, "shape"),
@@ -219,6 +215,7 @@ def _bad_arguments():
         (morven.match_histograms, (rgb, ref[..., :2]), {}, ValueError, "number of channels"),
         (morven.match_histograms, (rgb, ref), dict(channel_axis=3), ValueError, "out of range"),
         (morven.smooth, (rgb, ref), {}, ValueError, "must match"),
+        (morven.smooth, (rgb, guide), dict(out=guide), ValueError, "must not be the guide"),
         (morven.profile, (rgb,), dict(space="xyz"), ValueError, "space must be"),
     ]
 

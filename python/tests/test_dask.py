@@ -50,8 +50,6 @@ def test_chunked_transfer_equals_single_call(photos, kind, chunks, options):
         options["mask"] = rng.integers(0, 256, source.shape[:2], dtype=np.uint8)
         options["source_mask"] = rng.random(source.shape[:2]) < 0.6
         options["reference_mask"] = rng.random(reference.shape[:2]) < 0.5
-    if options.pop("stats_mask", False):
-        options["source_mask"] = rng.random(source.shape[:2]) < 0.6
     expected = morven.transfer(source, reference, **options)
     if how == "dask":
         reference = da.from_array(reference, chunks=(45, 80) + reference.shape[2:])

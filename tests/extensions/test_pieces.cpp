@@ -65,7 +65,8 @@ TEST(ExtPieces, TilesGiveTheOneCallResult) {
     EXPECT_EQ(snapshot(tiled.get()), snapshot(expected.get()));
 }
 
-// A flag set before the call stops every extended filter before it writes.
+// A flag set before the call stops every extended filter before it writes,
+// and the gathering of masked or 16-bit contrast statistics.
 TEST(ExtPieces, SetCancelFlagWritesNothing) {
     std::mt19937 rng(9);
     const uint32_t cancel = 1;
@@ -81,4 +82,6 @@ TEST(ExtPieces, SetCancelFlagWritesNothing) {
     const wzContrastEnhanceParams contrast{9.0f, 4.0f, 0, 255, 0};
     EXPECT_EQ(wzContrastEnhanceFilterMasked(&contrast, src.get(), nullptr, nullptr, dst.get(), &cancel), 2u);
     EXPECT_EQ(snapshot(dst.get()), before);
+    wzContrastEnhanceStats stats;
+    EXPECT_EQ(wzContrastEnhanceStatsRetrieveMasked(&stats, src.get(), nullptr, &cancel), 2u);
 }

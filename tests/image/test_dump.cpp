@@ -20,13 +20,7 @@ Bytes saveBytes(const wzImage *img, wzStatus *status) {
     return saveToBytes([img](FILE *f) { return wzImageDumpSave(img, f); }, status);
 }
 
-// Loads from the first n bytes presented as a stream of exactly that length.
-ImagePtr loadBytes(const Bytes &bytes, size_t n) {
-    FilePtr f(std::tmpfile(), std::fclose);
-    EXPECT_TRUE(f && (n == 0 || std::fwrite(bytes.data(), n, 1, f.get()) == 1));
-    std::rewind(f.get());
-    return ImagePtr(wzImageDumpLoad(f.get()));
-}
+ImagePtr loadBytes(const Bytes &bytes, size_t n) { return ImagePtr(loadPrefix(wzImageDumpLoad, bytes, n)); }
 
 // Little-endian 32-bit words.
 Bytes words(std::initializer_list<int64_t> values) {

@@ -7,7 +7,7 @@ using namespace kernel_test;
 
 // Random sizes (up to several 4096-pixel brightness buffers), narrow value
 // ranges (long runs of one value) or full ones: the profile of a random
-// region, the brightness histogram of the whole image and the byte counter
+// region (replacing stale counts), the brightness histogram of the whole image and the byte counter
 // fed in uneven pieces equal counting 1 per sample.
 TEST(KernelHistogram, ProfilesHistogramsAndByteCountsEqualPlainCounting) {
     std::mt19937 rng(41);
@@ -21,6 +21,7 @@ TEST(KernelHistogram, ProfilesHistogramsAndByteCountsEqualPlainCounting) {
             for (size_t i = 0; i < bytes; ++i) b.data[i] = uint8_t(rng() % (round % 3 ? 256 : 3));
             HeaderPtr img = header(w, h, enc, b.data, roi);
             wzImageColorProfile profile, expectProfile{};
+            for (auto &a : profile.bins) std::fill(a, a + 256, 5.0f);  // stale counts are replaced
             float expectHist[256] = {};
             uint64_t expectBytes[256] = {};
             for (int y = 0; y < h; ++y)

@@ -1,4 +1,5 @@
-// Test helper: what a dump save writes, captured in memory.
+// Test helpers: what a dump save writes, captured in memory, and what a
+// load makes of the first bytes of a dump.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +28,17 @@ Bytes saveToBytes(Save save, wzStatus *status) {
     Bytes out(buf, buf + len);
     std::free(buf);
     return out;
+}
+
+// What load(stream) returns for a stream holding exactly the first n bytes.
+template <typename Load>
+auto loadPrefix(Load load, const Bytes &bytes, size_t n) {
+    FILE *f = std::tmpfile();
+    EXPECT_TRUE(f && (n == 0 || std::fwrite(bytes.data(), n, 1, f) == 1));
+    std::rewind(f);
+    auto *made = load(f);
+    std::fclose(f);
+    return made;
 }
 
 }  // namespace morven_test

@@ -19,12 +19,13 @@
 #include <memory>
 
 namespace tooltest {
-namespace {
 
 std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
+
+namespace {
 
 void spill(const std::string &path, const void *data, size_t size) {
     std::ofstream(path, std::ios::binary).write(static_cast<const char *>(data), std::streamsize(size));
@@ -33,6 +34,15 @@ void spill(const std::string &path, const void *data, size_t size) {
 std::vector<uint8_t> bytes8(const Pic &p) { return std::vector<uint8_t>(p.px.begin(), p.px.end()); }
 
 constexpr bool kLittle = std::endian::native == std::endian::little;
+
+// Appends n samples of a row in host order, 8 or 16 bits each.
+void append(Pic &p, const uint8_t *row, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        uint16_t v = row[i];
+        if (p.depth == 16) std::memcpy(&v, row + 2 * i, 2);
+        p.px.push_back(v);
+    }
+}
 
 }  // namespace
 
@@ -85,6 +95,10 @@ Pic oriented(const Pic &p, int o) {
             for (int ch = 0; ch < p.c; ++ch) out.at(X, Y, ch) = p.at(x, y, ch);
         }
     return out;
+}
+
+Pic grayPic(int w, int h, const std::vector<uint8_t> &plane) {
+    return Pic{w, h, 1, 8, std::vector<uint16_t>(plane.begin(), plane.end())};
 }
 
 Pic crop(const Pic &p, int x0, int y0, int w, int h) {
@@ -200,10 +214,9 @@ void writeWebP(const std::string &path, const Pic &p, bool lossless) {
     const std::vector<uint8_t> px = bytes8(p);
     uint8_t *out = nullptr;
     const int stride = p.w * p.c;
-    const size_t size = p.c == 4 ? (lossless ? WebPEncodeLosslessRGBA(px.data(), p.w, p.h, stride, &out)
-                                             : WebPEncodeRGBA(px.data(), p.w, p.h, stride, 90, &out))
-                                 : (lossless ? WebPEncodeLosslessRGB(px.data(), p.w, p.h, stride, &out)
-                                             : WebPEncodeRGB(px.data(), p.w, p.h, stride, 90, &out));
+    const auto rgba = p.c == 4;
+    const size_t size = lossless ? (rgba ? WebPEncodeLosslessRGBA : WebPEncodeLosslessRGB)(px.data(), p.w, p.h, stride, &out)
+                                 : (rgba ? WebPEncodeRGBA : WebPEncodeRGB)(px.data(), p.w, p.h, stride, 90, &out);
     spill(path, out, size);
     WebPFree(out);
 }
@@ -223,12 +236,7 @@ Pic readPng(const std::string &path, std::vector<uint8_t> *icc) {
     Pic p{int(png_get_image_width(png, info)), int(png_get_image_height(png, info)), png_get_channels(png, info),
           png_get_bit_depth(png, info), {}};
     png_bytepp rows = png_get_rows(png, info);
-    for (int y = 0; y < p.h; ++y)
-        for (int i = 0; i < p.w * p.c; ++i) {
-            uint16_t v = rows[y][i];
-            if (p.depth == 16) std::memcpy(&v, rows[y] + 2 * i, 2);
-            p.px.push_back(v);
-        }
+    for (int y = 0; y < p.h; ++y) append(p, rows[y], size_t(p.w) * p.c);
     png_charp name;
     png_bytep profile;
     png_uint_32 size;
@@ -258,7 +266,7 @@ Pic readJpeg(const std::string &path, std::vector<uint8_t> *icc) {
     while (c.output_scanline < c.output_height) {
         JSAMPROW line = row.data();
         jpeg_read_scanlines(&c, &line, 1);
-        p.px.insert(p.px.end(), row.begin(), row.end());
+        append(p, line, row.size());
     }
     jpeg_finish_decompress(&c);
     jpeg_destroy_decompress(&c);
@@ -276,14 +284,7 @@ Pic readTiff(const std::string &path, std::vector<uint8_t> *icc) {
     TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &spp);
     Pic p{int(w), int(h), spp, bits, {}};
     std::vector<uint8_t> row(size_t(TIFFScanlineSize(t)));
-    for (uint32_t y = 0; y < h; ++y) {
-        TIFFReadScanline(t, row.data(), y, 0);
-        for (size_t i = 0; i < size_t(w) * spp; ++i) {
-            uint16_t v = row[i];
-            if (bits == 16) std::memcpy(&v, &row[2 * i], 2);
-            p.px.push_back(v);
-        }
-    }
+    for (uint32_t y = 0; y < h; ++y) TIFFReadScanline(t, row.data(), y, 0), append(p, row.data(), size_t(w) * spp);
     uint32_t size = 0;
     void *profile = nullptr;
     if (icc && TIFFGetField(t, TIFFTAG_ICCPROFILE, &size, &profile))

@@ -46,6 +46,10 @@ void writeTiff(const std::string &path, const Pic &p, uint16_t compression, bool
                const std::vector<uint8_t> &icc = {});
 void writeWebP(const std::string &path, const Pic &p, bool lossless);
 
+std::string slurp(const std::string &path);
+// An 8-bit gray picture of a plane (a mask).
+Pic grayPic(int w, int h, const std::vector<uint8_t> &plane);
+
 // Readers, by the file's signature.
 Pic readPic(const std::string &path);
 std::vector<uint8_t> iccOf(const std::string &path);

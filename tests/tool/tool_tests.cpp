@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -29,11 +28,6 @@ namespace {
 using namespace tooltest;
 namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
-
-std::string slurp(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
@@ -170,9 +164,8 @@ TEST_F(Tool, KeepsTheSourcesMetadataWhereTheFormatHoldsIt) {
 
 // ---------------------------------------------------------------------------
 // 3. Colour management: the reference is converted into the source's space
-// before matching and the output carries the source's profile; pictures
-// that show the same colours match as the same colours; CMYK is converted
-// through its profile or refused without one.
+// before matching and the output carries the source's profile; CMYK is
+// converted through its profile or refused without one.
 
 TEST_F(Tool, ConvertsTheReferenceIntoTheSourcesColourSpace) {
     const std::vector<uint8_t> p3 = p3Profile(), adobe = adobeProfile();
@@ -204,27 +197,6 @@ TEST_F(Tool, ConvertsTheReferenceIntoTheSourcesColourSpace) {
         EXPECT_EQ(readPic(at("batch/adobe-source.png")), libraryTransfer(readPic(at("adobe-source.png")), adobeRef, t));
     }
 
-    // The same colours stored as sRGB in the reference and as Display P3 in
-    // the source (which holds all of sRGB): matching changes almost nothing,
-    // and far more when the profiles are ignored. (Fidelity 1: the smoothed
-    // curve of the default bends the brightest levels of any match.)
-    const Pic srgb = png(at("same.png"), 160, 120, 3, 8, 34);
-    Pic inP3 = convert(srgb, {}, p3);
-    for (uint16_t &v : inP3.px) v = uint16_t((v + 128) / 257);
-    inP3.depth = 8;
-    writePng(at("same-p3.png"), inP3, p3);
-    const auto error = [&](const char *flag) {
-        Args args{"transfer", at("same-p3.png"), at("same.png"), "-o", at("same-out.png"), "--force", "--fidelity", "1"};
-        if (*flag) args.push_back(flag);
-        ok(args);
-        const Pic out = readPic(at("same-out.png"));
-        double worst = 0;
-        for (size_t i = 0; i < out.px.size(); ++i) worst = std::max(worst, std::fabs(double(out.px[i]) - inP3.px[i]));
-        return worst;
-    };
-    EXPECT_LE(error(""), 2);
-    EXPECT_GT(error("--ignore-profiles"), 8);
-
     // CMYK JPEG: through its profile into sRGB, or refused without one.
     const std::vector<uint8_t> cmyk = cmykProfile();
     const Pic ink = pattern(16, 12, 4, 8, 7);
@@ -255,13 +227,13 @@ TEST_F(Tool, TransparentAndMaskedPixelsCountNowhere) {
     writePng(at("ref.png"), reference);
     writePng(at("opaque.png"), relayout(reference, 3));
     writePng(at("right.png"), crop(relayout(reference, 3), 20, 0, 20, 20));
-    writePng(at("half.png"), Pic{40, 20, 1, 8, std::vector<uint16_t>(rightHalf.begin(), rightHalf.end())});
+    writePng(at("half.png"), grayPic(40, 20, rightHalf));
     Pic source = pattern(30, 18, 4, 8, 9);
     for (int x = 0; x < 30; x += 3) source.at(x, 5, 3) = 0;
     writePng(at("src.png"), source);
     std::vector<uint8_t> sourceMask(30 * 18);
     for (size_t i = 0; i < sourceMask.size(); ++i) sourceMask[i] = i % 7 ? 200 : 0;
-    writePng(at("smask.png"), Pic{30, 18, 1, 8, std::vector<uint16_t>(sourceMask.begin(), sourceMask.end())});
+    writePng(at("smask.png"), grayPic(30, 18, sourceMask));
 
     const Pic right = readPic(at("right.png"));
     Transfer withSourceMask;
@@ -392,7 +364,7 @@ TEST_F(Tool, OptionsReachTheLibraryAsNamed) {
     const Pic source = png(at("src.png"), 36, 28, 3, 8, 20), ref = png(at("ref.png"), 30, 22, 3, 8, 21);
     std::vector<uint8_t> blend(36 * 28);
     for (size_t i = 0; i < blend.size(); ++i) blend[i] = uint8_t(i * 37 % 256);
-    writePng(at("blend.png"), Pic{36, 28, 1, 8, std::vector<uint16_t>(blend.begin(), blend.end())});
+    writePng(at("blend.png"), grayPic(36, 28, blend));
     const auto with = [](auto change) {
         Transfer t;
         t.space = wzSpaceChannels;
@@ -533,6 +505,7 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
         {{"transfer", source, other, "-o", x, "--space", "hsv"}, 2, "--space"},
         {{"transfer", source, other, "-o", x, "--smooth-threshold", "0.2"}, 2, "--smooth"},
         {{"transfer", source, other, "-o", x, "--force", "--skip-existing"}, 2, "--skip-existing"},
+        {{"transfer", source, other, "-o", x, "--compare", x}, 2, "--compare and -o name the same file"},
         {{"transfer", source, other, "--frobnicate"}, 2, "--frobnicate"},
         {{"transfer", source, "-o", x}, 2, "SOURCE and REFERENCE"}};
     for (const auto &[name, bytes, reason] : {std::tuple<std::string, std::string, std::string>{"empty.png", "", "empty file"},

@@ -1,16 +1,12 @@
 // Host entry points: their states, their equivalence with the lower layers,
-// concurrent use, and a transfer between two real photographs.
+// and concurrent use.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <thread>
 #include <vector>
 
 #include "morven/transfer.h"
 #include "support/image_fixtures.hpp"
-#ifdef MORVEN_TEST_HAVE_PNG
-#include <png.h>
-#endif
 
 using namespace morven_test;
 
@@ -113,49 +109,3 @@ TEST_F(Host, ConcurrentCallsOnDistinctBuffersMatchSequentialOnes) {
     for (auto &t : threads) t.join();
     for (int i = 0; i < kJobs; ++i) EXPECT_TRUE(status[i] == 0u && par[i] == seq[i]) << "job " << i;
 }
-
-#ifdef MORVEN_TEST_HAVE_PNG
-namespace {
-
-bool readBGR(const char *path, Buffer &pixels, int &w, int &h) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path)) return false;
-    image.format = PNG_FORMAT_BGR;
-    pixels.resize(PNG_IMAGE_SIZE(image));
-    w = static_cast<int>(image.width);
-    h = static_cast<int>(image.height);
-    return png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr) != 0;
-}
-
-// Mean over the channels of the mean absolute difference between two
-// cumulative histograms: 0 for identical distributions, at most 1.
-double cdfDistance(const Buffer &a, const Buffer &b) {
-    double total = 0.0;
-    for (int c = 0; c < 3; ++c) {
-        std::vector<double> ha(256), hb(256);
-        for (size_t i = c; i < a.size(); i += 3) ha[a[i]] += 3.0 / a.size();
-        for (size_t i = c; i < b.size(); i += 3) hb[b[i]] += 3.0 / b.size();
-        double ca = 0.0, cb = 0.0;
-        for (int v = 0; v < 256; ++v) total += std::fabs((ca += ha[v]) - (cb += hb[v])) / 768.0;
-    }
-    return total;
-}
-
-}  // namespace
-
-TEST_F(Host, PhotographTakesOnTheReferenceDistribution) {
-    ASSERT_EQ(wzMorvenInit(), 0u);
-    Buffer coffee, chelsea;
-    int cw = 0, ch = 0, rw = 0, rh = 0;
-    ASSERT_TRUE(readBGR(MORVEN_TEST_DATA_DIR "/coffee.png", coffee, cw, ch));
-    ASSERT_TRUE(readBGR(MORVEN_TEST_DATA_DIR "/chelsea.png", chelsea, rw, rh));
-    Buffer out(coffee.size());
-    ASSERT_EQ(wzMorvenTransfer(cw, ch, coffee.data(), out.data(), rw, rh, chelsea.data(), 0, 255, 1.0f, 9.0f, 50.0f, 0.9f), 0u);
-    const double before = cdfDistance(coffee, chelsea), after = cdfDistance(out, chelsea);
-    RecordProperty("cdf_distance_before", std::to_string(before));
-    RecordProperty("cdf_distance_after", std::to_string(after));
-    EXPECT_GT(before, 0.05);
-    EXPECT_LT(after, before / 4) << "before " << before << " after " << after;
-}
-#endif

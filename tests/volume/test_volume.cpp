@@ -320,21 +320,10 @@ Bytes save(SaveFn fn, const wzVolume *v, wzStatus *status) {
     return saveToBytes([fn, v](FILE *f) { return fn(v, f); }, status);
 }
 
-// Loads from the first n bytes presented as a stream of exactly that length.
-template <typename Load>
-auto loadBytes(Load load, const Bytes &bytes, size_t n) {
-    FILE *f = std::tmpfile();
-    EXPECT_TRUE(f && (n == 0 || std::fwrite(bytes.data(), n, 1, f) == 1));
-    std::rewind(f);
-    auto *v = load(f);
-    std::fclose(f);
-    return v;
-}
-
 // True when both loads refuse the first n bytes (whatever they made is released).
 bool bothRefuse(const Bytes &b, size_t n) {
-    VolumePtr c(loadBytes(wzVolumeDumpLoad, b, n));
-    SeparatePtr s(loadBytes(wzVolumeDumpLoadWithSeparatePlanes, b, n));
+    VolumePtr c(loadPrefix(wzVolumeDumpLoad, b, n));
+    SeparatePtr s(loadPrefix(wzVolumeDumpLoadWithSeparatePlanes, b, n));
     return !c && !s;
 }
 
@@ -376,8 +365,8 @@ TEST(VolumeDump, ExactBytesRoundTripsAndPrefixes) {
         EXPECT_EQ(save(wzVolumeDumpSaveWithSeparatePlanes, v.get(), &s2), want);
         EXPECT_EQ(s1 | s2, 0u);
 
-        VolumePtr c(loadBytes(wzVolumeDumpLoad, want, want.size()));
-        SeparatePtr s(loadBytes(wzVolumeDumpLoadWithSeparatePlanes, want, want.size()));
+        VolumePtr c(loadPrefix(wzVolumeDumpLoad, want, want.size()));
+        SeparatePtr s(loadPrefix(wzVolumeDumpLoadWithSeparatePlanes, want, want.size()));
         ASSERT_TRUE(c && s);
         for (const wzVolume *l : {c.get(), s.get()}) {
             EXPECT_TRUE(l->width == w && l->height == h && l->depth == d && l->type == type);
@@ -401,9 +390,9 @@ TEST(VolumeDump, EmptyMultiChannelAndHostileHeaders) {
     wzStatus st;
     Bytes b = save(wzVolumeDumpSaveWithSeparatePlanes, flat.get(), &st);
     EXPECT_TRUE(st == 0 && b.size() == 48);
-    SeparatePtr none(loadBytes(wzVolumeDumpLoadWithSeparatePlanes, b, b.size()));
+    SeparatePtr none(loadPrefix(wzVolumeDumpLoadWithSeparatePlanes, b, b.size()));
     EXPECT_TRUE(none && none->depth == 0 && none->width == 3);
-    EXPECT_EQ(loadBytes(wzVolumeDumpLoad, b, b.size()), nullptr);
+    EXPECT_EQ(loadPrefix(wzVolumeDumpLoad, b, b.size()), nullptr);
     EXPECT_EQ(save(wzVolumeDumpSave, flat.get(), &st), b);
     EXPECT_EQ(st, 0xFFFFFFFFu);
     for (SaveFn fn : {wzVolumeDumpSave, wzVolumeDumpSaveWithSeparatePlanes}) {
@@ -436,8 +425,8 @@ TEST(VolumeDump, LargePayloadsReadInPieces) {
     for (size_t i = 0; i < n; ++i) v->voxels[i] = static_cast<uint8_t>(i * 7 + (i >> 12));
     wzStatus st;
     const Bytes b = save(wzVolumeDumpSave, v.get(), &st);
-    VolumePtr c(loadBytes(wzVolumeDumpLoad, b, b.size()));
-    SeparatePtr s(loadBytes(wzVolumeDumpLoadWithSeparatePlanes, b, b.size()));
+    VolumePtr c(loadPrefix(wzVolumeDumpLoad, b, b.size()));
+    SeparatePtr s(loadPrefix(wzVolumeDumpLoadWithSeparatePlanes, b, b.size()));
     ASSERT_TRUE(b.size() == 48 + n && c && s);
     EXPECT_TRUE(std::memcmp(c->voxels, v->voxels, n) == 0 && std::memcmp(s->planes[0]->data, v->voxels, n) == 0);
     for (size_t cut : {size_t(48 + (16 << 20)), size_t(48 + (16 << 20) + 1), b.size() - 1})
