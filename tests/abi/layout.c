@@ -19,7 +19,8 @@ static void expect(const char *what, unsigned long actual, unsigned long expecte
 }
 
 #define EXPECT_SIZE(T, n) expect("sizeof(" #T ")", (unsigned long)sizeof(T), (n))
-#define EXPECT_OFFSET(T, f, n) expect("offsetof(" #T ", " #f ")", (unsigned long)offsetof(T, f), (n))
+#define EXPECT_OFFSET(T, f, n) \
+    expect("offsetof(" #T ", " #f ")", (unsigned long)offsetof(T, f), (n))
 #define EXPECT_VALUE(name, n) expect(#name, (unsigned long)(name), (n))
 
 static int32_t readInt32(const wzImage *image, size_t offset) {
@@ -109,11 +110,13 @@ int main(void) {
     EXPECT_SIZE(wzHistogramMatchOptions, 8 + 2 * sizeof(void *));
 
     /* The version the library reports is the one of these headers. */
-    EXPECT_VALUE(MORVEN_VERSION_NUMBER,
-                 MORVEN_VERSION_MAJOR * 10000ul + MORVEN_VERSION_MINOR * 100ul + MORVEN_VERSION_PATCH);
-    expect("wzMorvenVersionNumber()", (unsigned long)wzMorvenVersionNumber(), MORVEN_VERSION_NUMBER);
+    EXPECT_VALUE(MORVEN_VERSION_NUMBER, MORVEN_VERSION_MAJOR * 10000ul +
+                                            MORVEN_VERSION_MINOR * 100ul + MORVEN_VERSION_PATCH);
+    expect("wzMorvenVersionNumber()", (unsigned long)wzMorvenVersionNumber(),
+           MORVEN_VERSION_NUMBER);
     sprintf(version, "%d.%d.%d", MORVEN_VERSION_MAJOR, MORVEN_VERSION_MINOR, MORVEN_VERSION_PATCH);
-    expect("MORVEN_VERSION_STRING is MAJOR.MINOR.PATCH", strcmp(MORVEN_VERSION_STRING, version) == 0, 1);
+    expect("MORVEN_VERSION_STRING is MAJOR.MINOR.PATCH",
+           strcmp(MORVEN_VERSION_STRING, version) == 0, 1);
     expect("wzMorvenVersionString() is MORVEN_VERSION_STRING",
            strcmp(wzMorvenVersionString(), MORVEN_VERSION_STRING) == 0, 1);
 
@@ -151,7 +154,6 @@ int main(void) {
     wzImageReleaseHeader(&header);
     expect("pointer cleared by wzImageReleaseHeader", header == NULL, 1);
 
-    if (failures == 0)
-        printf("layout: all checks passed\n");
+    if (failures == 0) printf("layout: all checks passed\n");
     return failures == 0 ? 0 : 1;
 }

@@ -20,8 +20,10 @@ static int windowOpen;
 static long countdown;
 
 static void remember(void *block) {
-    if (allocProbe.live == MAX_LIVE) allocProbe.overflowed = 1;
-    else liveBlocks[allocProbe.live++] = block;
+    if (allocProbe.live == MAX_LIVE)
+        allocProbe.overflowed = 1;
+    else
+        liveBlocks[allocProbe.live++] = block;
 }
 
 // Takes the block off the live set; non-zero when it was there. Blocks are

@@ -29,7 +29,8 @@ Curve compute(const wzContrastEnhanceStats &stats, const wzContrastEnhanceParams
 Curve referenceCurve(const wzContrastEnhanceStats &s, const wzContrastEnhanceParams &p) {
     float low = p.manualLow, high = p.manualHigh;
     if (!p.manual) {
-        const float lowCount = (s.total * p.lowTail) / 1000.0f, highCount = (p.highTail * s.total) / 1000.0f;
+        const float lowCount = (s.total * p.lowTail) / 1000.0f,
+                    highCount = (p.highTail * s.total) / 1000.0f;
         float below[256], above[256], acc = 0.0f;
         for (int k = 0; k < 256; ++k) below[k] = acc += s.hist[k];
         acc = 0.0f;
@@ -70,25 +71,34 @@ TEST(ContrastCurve, WorkedCurves) {
     wzContrastEnhanceParamsRelease(&defaults);
     EXPECT_EQ(defaults, nullptr);
     const wzContrastEnhanceStats manualStats = statsOf(1000.0f, {{3, 1000.0f}});
-    struct Case { wzContrastEnhanceStats s; wzContrastEnhanceParams p; std::vector<std::pair<int, int>> points; };
+    struct Case {
+        wzContrastEnhanceStats s;
+        wzContrastEnhanceParams p;
+        std::vector<std::pair<int, int>> points;
+    };
     const Case cases[] = {
-        {statsOf(1000.0f, {{10, 3.0f}, {11, 2.0f}, {100, 985.0f}, {240, 5.0f}, {250, 5.0f}}), dflt,
+        {statsOf(1000.0f, {{10, 3.0f}, {11, 2.0f}, {100, 985.0f}, {240, 5.0f}, {250, 5.0f}}),
+         dflt,
          {{0, 0}, {11, 0}, {12, 1}, {100, 99}, {239, 253}, {240, 254}, {241, 255}, {255, 255}}},
         {statsOf(35.0f, {}), dflt, {{0, 255}, {1, 254}, {128, 127}, {255, 0}}},
         {statsOf(64.0f, {{17, 64.0f}}), dflt, {{0, 0}, {17, 0}, {18, 255}, {255, 255}}},
         {statsOf(64.0f, {{0, 64.0f}}), dflt, {{0, 0}, {1, 255}}},
         {statsOf(64.0f, {{255, 64.0f}}), dflt, {{0, 0}, {254, 0}, {255, 0}}},
-        {statsOf(6.0f, {{20, 1.0f}, {71, 1.0f}, {90, 4.0f}}), noTails,
+        {statsOf(6.0f, {{20, 1.0f}, {71, 1.0f}, {90, 4.0f}}),
+         noTails,
          {{19, 0}, {20, 0}, {21, 3}, {55, 127}, {89, 251}, {90, 255}, {91, 255}}},
         // Manual levels ignore the histogram: 0/255 is the identity, 50/100
         // halves at 75 (127.5), reversed levels give a falling line.
         {manualStats, {9.0f, 4.0f, 1, 255, 0}, {{0, 0}, {3, 3}, {77, 77}, {255, 255}}},
-        {manualStats, {9.0f, 4.0f, 1, 100, 50}, {{40, 0}, {50, 0}, {51, 5}, {75, 127}, {100, 255}, {120, 255}}},
+        {manualStats,
+         {9.0f, 4.0f, 1, 100, 50},
+         {{40, 0}, {50, 0}, {51, 5}, {75, 127}, {100, 255}, {120, 255}}},
         {manualStats, {9.0f, 4.0f, 1, 100, 200}, {{0, 255}, {100, 255}, {150, 127}, {200, 0}}},
     };
     for (const Case &k : cases) {
         const Curve got = compute(k.s, k.p);
-        for (auto [v, want] : k.points) EXPECT_EQ(got[v], want) << "case " << (&k - cases) << " v " << v;
+        for (auto [v, want] : k.points)
+            EXPECT_EQ(got[v], want) << "case " << (&k - cases) << " v " << v;
     }
 }
 
@@ -105,7 +115,8 @@ TEST(ContrastCurve, RandomHistogramsMatchReference) {
             sum += n;
         }
         s.total = round % 5 == 0 ? std::floor(sum * 0.3f) : sum;
-        wzContrastEnhanceParams p{static_cast<float>(rng() % 400) / 4.0f, static_cast<float>(rng() % 400) / 4.0f, 0, 255, 0};
+        wzContrastEnhanceParams p{static_cast<float>(rng() % 400) / 4.0f,
+                                  static_cast<float>(rng() % 400) / 4.0f, 0, 255, 0};
         if (round % 7 == 0) p.highTail = 0.0f;
         if (round % 11 == 0) {
             p.manual = 1;
@@ -124,7 +135,9 @@ TEST(ContrastCurve, RandomHistogramsMatchReference) {
 TEST(ContrastStats, BrightnessHistogramUpdateInitStatuses) {
     std::mt19937 rng(7);
     wzContrastEnhanceStats *all = wzContrastEnhanceStatsCreate(), s;
-    auto hist = [](const wzContrastEnhanceStats *r) { return std::vector<float>(r->hist, r->hist + 256); };
+    auto hist = [](const wzContrastEnhanceStats *r) {
+        return std::vector<float>(r->hist, r->hist + 256);
+    };
     *all = wzContrastEnhanceStats{};
     std::vector<float> sum(256, 0.0f);
     const uint32_t clear = 0, set = 1;

@@ -60,16 +60,23 @@ TEST(ContrastApply, ChannelsMatchedByNumberRefusalsAndCancel) {
             ASSERT_EQ(snapshot(dst.get()), want);
             for (int y = 0; y < 5 && ok; ++y)
                 for (int x = 0; x < 9; ++x)
-                    for (int c = 1; c <= (gray ? 1 : 3); ++c) want[at(dst.get(), x, y, c) - dst->data] = curve[*at(src.get(), x, y, c)];
-            EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), nullptr), ok ? 0u : 1u) << se << "->" << de;
+                    for (int c = 1; c <= (gray ? 1 : 3); ++c)
+                        want[at(dst.get(), x, y, c) - dst->data] = curve[*at(src.get(), x, y, c)];
+            EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), nullptr), ok ? 0u : 1u)
+                << se << "->" << de;
             ASSERT_EQ(snapshot(dst.get()), want) << se << "->" << de;
         }
     // Through apply and the filter alike: each refused, nothing written.
-    ImagePtr gray = filledImage(6, 4, wzEncodingGray, 3), wide = filledImage(6, 4, wzEncodingGray, 9, wzType16U);
-    ImagePtr colour = filledImage(6, 4, wzEncodingBGR, 50), bad = filledImage(6, 4, wzEncodingGray, 5);
+    ImagePtr gray = filledImage(6, 4, wzEncodingGray, 3),
+             wide = filledImage(6, 4, wzEncodingGray, 9, wzType16U);
+    ImagePtr colour = filledImage(6, 4, wzEncodingBGR, 50),
+             bad = filledImage(6, 4, wzEncodingGray, 5);
     bad->encoding = 6;
-    for (auto [s, d] : {std::pair{wide.get(), gray.get()}, {gray.get(), wide.get()}, {bad.get(), bad.get()},
-                        {colour.get(), gray.get()}, {bad.get(), gray.get()}}) {
+    for (auto [s, d] : {std::pair{wide.get(), gray.get()},
+                        {gray.get(), wide.get()},
+                        {bad.get(), bad.get()},
+                        {colour.get(), gray.get()},
+                        {bad.get(), gray.get()}}) {
         EXPECT_EQ(wzContrastEnhanceApply(curve, s, d, nullptr), 1u);
         EXPECT_EQ(filter(s, nullptr, d), 1u);
     }
@@ -88,13 +95,16 @@ TEST(ContrastFilter, WorkedImageWithMasksInPlaceAndSeparate) {
         const uint8_t px[4] = {gray->data[i], static_cast<uint8_t>(gray->data[i] / 2), 10, 33};
         std::memcpy(src->data + 4 * i, px, 4);
     }
-    ImagePtr mask0 = filledImage(40, 25, wzEncodingGray, 0), mask255 = filledImage(40, 25, wzEncodingGray, 255);
+    ImagePtr mask0 = filledImage(40, 25, wzEncodingGray, 0),
+             mask255 = filledImage(40, 25, wzEncodingGray, 255);
     ImagePtr plain = filledImage(40, 25, wzEncodingRGBA, 33);
     ASSERT_EQ(filter(src.get(), nullptr, plain.get()), 0u);
     for (int i = 0; i < 1000; ++i)
-        ASSERT_TRUE(plain->data[4 * i] == enhanced(gray->data[i]) && plain->data[4 * i + 3] == 33) << i;
+        ASSERT_TRUE(plain->data[4 * i] == enhanced(gray->data[i]) && plain->data[4 * i + 3] == 33)
+            << i;
     for (bool inPlace : {false, true})
-        for (const auto &[m, want] : {std::pair{mask255.get(), plain.get()}, {mask0.get(), src.get()}}) {
+        for (const auto &[m, want] :
+             {std::pair{mask255.get(), plain.get()}, {mask0.get(), src.get()}}) {
             ImagePtr out = filledImage(40, 25, wzEncodingRGBA, 33);
             if (inPlace) std::memcpy(out->data, src->data, 4000);
             ASSERT_EQ(filter(inPlace ? out.get() : src.get(), m, out.get()), 0u);
@@ -121,7 +131,8 @@ TEST(ContrastFilter, WorkedImageWithMasksInPlaceAndSeparate) {
 TEST(ContrastFilter, CancelAndStatusesPassedOn) {
     std::mt19937 rng(11);
     const uint32_t set = 1;
-    ImagePtr mask = filledImage(8, 6, wzEncodingGray, 128), wideMask = filledImage(8, 6, wzEncodingGray, 0, wzType16U);
+    ImagePtr mask = filledImage(8, 6, wzEncodingGray, 128),
+             wideMask = filledImage(8, 6, wzEncodingGray, 0, wzType16U);
     for (uint32_t enc : {wzEncodingGray, wzEncodingARGB}) {
         ImagePtr src = makeImage(8, 6, enc), dst = makeImage(8, 6, enc);
         fillRandom(src.get(), rng);
@@ -136,6 +147,7 @@ TEST(ContrastFilter, CancelAndStatusesPassedOn) {
         EXPECT_EQ(filter(src.get(), wideMask.get(), src.get()), 1u);
     }
     ImagePtr wide = filledImage(8, 6, wzEncodingGray, 70, wzType16U);
-    EXPECT_EQ(filter(wide.get(), mask.get(), wide.get()), 1u);  // in place with a mask, before any copy
+    EXPECT_EQ(filter(wide.get(), mask.get(), wide.get()),
+              1u);  // in place with a mask, before any copy
     EXPECT_EQ(snapshot(wide.get()), std::vector<uint8_t>(96, 70));
 }

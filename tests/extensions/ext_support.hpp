@@ -26,7 +26,9 @@ inline int full(const wzImage *img) { return img->type == wzType16U ? 65535 : 25
 inline int get(const wzImage *img, int x, int y, int c = 1) {
     return img->type == wzType16U ? loadRaw<uint16_t>(at(img, x, y, c)) : *at(img, x, y, c);
 }
-inline void put(wzImage *img, int x, int y, int c, int v) { storeValue(img->type, at(img, x, y, c), v); }
+inline void put(wzImage *img, int x, int y, int c, int v) {
+    storeValue(img->type, at(img, x, y, c), v);
+}
 
 inline ImagePtr randomImage(int w, int h, uint32_t enc, uint32_t type, std::mt19937 &rng) {
     ImagePtr img = makeImage(w, h, enc, type);
@@ -37,7 +39,8 @@ inline ImagePtr randomImage(int w, int h, uint32_t enc, uint32_t type, std::mt19
 // non-zero level (every one of them selects).
 inline ImagePtr randomMask(int w, int h, std::mt19937 &rng, double share) {
     ImagePtr m = makeImage(w, h, wzEncodingGray);
-    for (size_t i = 0; i < blockBytes(m.get()); ++i) m->data[i] = rng() % 1000 < share * 1000 ? uint8_t(1 + rng() % 255) : 0;
+    for (size_t i = 0; i < blockBytes(m.get()); ++i)
+        m->data[i] = rng() % 1000 < share * 1000 ? uint8_t(1 + rng() % 255) : 0;
     return m;
 }
 inline ImagePtr filledMask(int w, int h, uint8_t level) {
@@ -73,7 +76,9 @@ inline ImagePtr photo(const char *name) {
 #ifdef MORVEN_TEST_HAVE_PNG
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, (std::string(MORVEN_TEST_DATA_DIR) + "/" + name).c_str())) return nullptr;
+    if (!png_image_begin_read_from_file(&image,
+                                        (std::string(MORVEN_TEST_DATA_DIR) + "/" + name).c_str()))
+        return nullptr;
     image.format = PNG_FORMAT_BGR;
     ImagePtr img = makeImage(int(image.width), int(image.height), wzEncodingBGR);
     return png_image_finish_read(&image, nullptr, img->data, 0, nullptr) ? std::move(img) : nullptr;

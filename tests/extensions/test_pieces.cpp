@@ -11,7 +11,8 @@ namespace {
 // Rows y0 .. y0 + h - 1 of an image, as a header over its block.
 HeaderPtr rows(const wzImage *img, int y0, int h) {
     HeaderPtr tile(wzImageCreateHeaderWithType(img->width, h, img->encoding, img->type));
-    tile->data = img->data + size_t(y0) * img->width * (blockBytes(img) / (size_t(img->width) * img->height));
+    tile->data = img->data +
+                 size_t(y0) * img->width * (blockBytes(img) / (size_t(img->width) * img->height));
     return tile;
 }
 
@@ -24,14 +25,20 @@ HeaderPtr rows(const wzImage *img, int y0, int h) {
 TEST(ExtPieces, TilesGiveTheOneCallResult) {
     std::mt19937 rng(5);
     wzHistogramMatchParams params{0.8f, 0.9f, 0, 40, nullptr};
-    for (const auto &[type, space] : {std::pair{wzType16U, wzSpaceChannels}, std::pair{wzType8U, wzSpaceLab}}) {
+    for (const auto &[type, space] :
+         {std::pair{wzType16U, wzSpaceChannels}, std::pair{wzType8U, wzSpaceLab}}) {
         SCOPED_TRACE(testing::Message() << "type " << type << " space " << space);
-        ImagePtr src = randomImage(31, 20, wzEncodingRGB, type, rng), ref = randomImage(17, 9, wzEncodingRGB, type, rng);
-        for (int i = 0; i < 31 * 20; ++i) put(src.get(), i % 31, i / 31, 1 + i % 3, full(src.get()) / 4);  // a lopsided source
-        Profile16Ptr target = profile16(ref.get(), space), whole(wzImageColorProfile16Create()), part(wzImageColorProfile16Create());
+        ImagePtr src = randomImage(31, 20, wzEncodingRGB, type, rng),
+                 ref = randomImage(17, 9, wzEncodingRGB, type, rng);
+        for (int i = 0; i < 31 * 20; ++i)
+            put(src.get(), i % 31, i / 31, 1 + i % 3, full(src.get()) / 4);  // a lopsided source
+        Profile16Ptr target = profile16(ref.get(), space), whole(wzImageColorProfile16Create()),
+                     part(wzImageColorProfile16Create());
         ImagePtr expected = clone(src.get()), tiled = clone(src.get());
         const wzHistogramMatchOptions options{space, 0, nullptr, target.get()};
-        ASSERT_EQ(wzHistogramMatchFilterWithOptions(&params, &options, expected.get(), nullptr, expected.get(), nullptr), 0u);
+        ASSERT_EQ(wzHistogramMatchFilterWithOptions(&params, &options, expected.get(), nullptr,
+                                                    expected.get(), nullptr),
+                  0u);
 
         HeaderPtr top = rows(tiled.get(), 0, 7), bottom = rows(tiled.get(), 7, 13);
         ASSERT_EQ(wzImageFillColorProfile16(top.get(), nullptr, space, whole.get()), 0u);
@@ -48,14 +55,20 @@ TEST(ExtPieces, TilesGiveTheOneCallResult) {
         EXPECT_EQ(snapshot(tiled.get()), snapshot(expected.get()));
     }
 
-    ImagePtr pic = randomImage(29, 23, wzEncodingRGBA, wzType16U, rng), mask = randomMask(29, 23, rng, 0.6);
+    ImagePtr pic = randomImage(29, 23, wzEncodingRGBA, wzType16U, rng),
+             mask = randomMask(29, 23, rng, 0.6);
     const wzContrastEnhanceParams contrast{9.0f, 50.0f, 0, 255, 0};
     ImagePtr expected = clone(pic.get()), tiled = clone(pic.get());
-    ASSERT_EQ(wzContrastEnhanceFilterMasked(&contrast, expected.get(), mask.get(), nullptr, expected.get(), nullptr), 0u);
-    auto stats = std::make_unique<wzContrastEnhanceStats16>(), more = std::make_unique<wzContrastEnhanceStats16>();
-    HeaderPtr top = rows(tiled.get(), 0, 10), bottom = rows(tiled.get(), 10, 13), maskTop = rows(mask.get(), 0, 10), maskBottom = rows(mask.get(), 10, 13);
+    ASSERT_EQ(wzContrastEnhanceFilterMasked(&contrast, expected.get(), mask.get(), nullptr,
+                                            expected.get(), nullptr),
+              0u);
+    auto stats = std::make_unique<wzContrastEnhanceStats16>(),
+         more = std::make_unique<wzContrastEnhanceStats16>();
+    HeaderPtr top = rows(tiled.get(), 0, 10), bottom = rows(tiled.get(), 10, 13),
+              maskTop = rows(mask.get(), 0, 10), maskBottom = rows(mask.get(), 10, 13);
     ASSERT_EQ(wzContrastEnhanceStatsRetrieve16(stats.get(), top.get(), maskTop.get(), nullptr), 0u);
-    ASSERT_EQ(wzContrastEnhanceStatsRetrieve16(more.get(), bottom.get(), maskBottom.get(), nullptr), 0u);
+    ASSERT_EQ(wzContrastEnhanceStatsRetrieve16(more.get(), bottom.get(), maskBottom.get(), nullptr),
+              0u);
     for (int v = 0; v < 65536; ++v) stats->hist[v] += more->hist[v];
     stats->total += more->total;
     std::vector<uint16_t> curve(65536);
@@ -70,17 +83,22 @@ TEST(ExtPieces, TilesGiveTheOneCallResult) {
 TEST(ExtPieces, SetCancelFlagWritesNothing) {
     std::mt19937 rng(9);
     const uint32_t cancel = 1;
-    ImagePtr src = randomImage(12, 8, wzEncodingBGR, wzType16U, rng), ref = randomImage(12, 8, wzEncodingBGR, wzType16U, rng);
+    ImagePtr src = randomImage(12, 8, wzEncodingBGR, wzType16U, rng),
+             ref = randomImage(12, 8, wzEncodingBGR, wzType16U, rng);
     Profile16Ptr target = profile16(ref.get(), wzSpaceYCbCr);
     ImagePtr dst = randomImage(12, 8, wzEncodingBGR, wzType16U, rng);
     const Bytes before = snapshot(dst.get());
     wzHistogramMatchParams params{1.0f, 0.9f, 0, 255, nullptr};
     const wzHistogramMatchOptions options{wzSpaceYCbCr, 0, nullptr, target.get()};
-    EXPECT_EQ(wzHistogramMatchFilterWithOptions(&params, &options, src.get(), nullptr, dst.get(), &cancel), 2u);
+    EXPECT_EQ(wzHistogramMatchFilterWithOptions(&params, &options, src.get(), nullptr, dst.get(),
+                                                &cancel),
+              2u);
     const wzSelectiveSmoothParams smooth{0.1f, 2};
     EXPECT_EQ(wzSelectiveSmooth16(&smooth, src.get(), ref.get(), dst.get(), &cancel), 2u);
     const wzContrastEnhanceParams contrast{9.0f, 4.0f, 0, 255, 0};
-    EXPECT_EQ(wzContrastEnhanceFilterMasked(&contrast, src.get(), nullptr, nullptr, dst.get(), &cancel), 2u);
+    EXPECT_EQ(
+        wzContrastEnhanceFilterMasked(&contrast, src.get(), nullptr, nullptr, dst.get(), &cancel),
+        2u);
     EXPECT_EQ(snapshot(dst.get()), before);
     wzContrastEnhanceStats stats;
     EXPECT_EQ(wzContrastEnhanceStatsRetrieveMasked(&stats, src.get(), nullptr, &cancel), 2u);

@@ -11,25 +11,36 @@ using namespace ext;
 // profiles and statistics records are left cleared, as documented.
 TEST(ExtRefusals, WriteNothing) {
     std::mt19937 rng(31);
-    const auto image = [&](int w, uint32_t enc, uint32_t type) { return randomImage(w, 9, enc, type, rng); };
-    ImagePtr src = image(12, wzEncodingBGR, wzType8U), dst = image(12, wzEncodingBGR, wzType8U), f32 = image(12, wzEncodingBGR, wzType32F);
-    ImagePtr src16 = image(12, wzEncodingBGR, wzType16U), dst16 = image(12, wzEncodingBGR, wzType16U), gray16 = image(12, wzEncodingGray, wzType16U);
-    ImagePtr rgb16 = image(12, wzEncodingRGB, wzType16U), small16 = image(11, wzEncodingBGR, wzType16U), enc5 = clone(src.get());
-    ImagePtr mask = filledMask(12, 9, 255), narrow = filledMask(12, 9, 255), mask16 = image(12, wzEncodingGray, wzType16U), maskBGR = image(12, wzEncodingBGR, wzType8U);
+    const auto image = [&](int w, uint32_t enc, uint32_t type) {
+        return randomImage(w, 9, enc, type, rng);
+    };
+    ImagePtr src = image(12, wzEncodingBGR, wzType8U), dst = image(12, wzEncodingBGR, wzType8U),
+             f32 = image(12, wzEncodingBGR, wzType32F);
+    ImagePtr src16 = image(12, wzEncodingBGR, wzType16U),
+             dst16 = image(12, wzEncodingBGR, wzType16U),
+             gray16 = image(12, wzEncodingGray, wzType16U);
+    ImagePtr rgb16 = image(12, wzEncodingRGB, wzType16U),
+             small16 = image(11, wzEncodingBGR, wzType16U), enc5 = clone(src.get());
+    ImagePtr mask = filledMask(12, 9, 255), narrow = filledMask(12, 9, 255),
+             mask16 = image(12, wzEncodingGray, wzType16U),
+             maskBGR = image(12, wzEncodingBGR, wzType8U);
     setRoi(narrow.get(), 1, 0, 11, 9);
     enc5->encoding = 5;
     wzImageColorProfile target, p8;
     wzImageFillColorProfile(src.get(), &target);
-    Profile16Ptr lab = profile16(src.get(), wzSpaceLab), ycc = profile16(src.get(), wzSpaceYCbCr), chan = profile16(src.get(), wzSpaceChannels);
+    Profile16Ptr lab = profile16(src.get(), wzSpaceLab), ycc = profile16(src.get(), wzSpaceYCbCr),
+                 chan = profile16(src.get(), wzSpaceChannels);
     Profile16Ptr p16(wzImageColorProfile16Create());
     wzContrastEnhanceStats cs;
-    const wzHistogramMatchParams mp{1.0f, 0.9f, 0, 255, &target}, noTarget{1.0f, 0.9f, 0, 255, nullptr};
+    const wzHistogramMatchParams mp{1.0f, 0.9f, 0, 255, &target},
+        noTarget{1.0f, 0.9f, 0, 255, nullptr};
     const wzContrastEnhanceParams cp{9.0f, 4.0f, 0, 255, 0};
     const wzSelectiveSmoothParams sp{0.2f, 2};
     const wzHistogramTransferParams tp{&target, 1.0f, 0.9f, 1, 9.0f, 50.0f, 1, 0.1f, 2, 255};
     SupportPtr support(wzHistogramTransferSupportCreate());
-    const auto match = [&](wzImage *s, wzImage *d, int32_t space, const wzImage *stats = nullptr, const wzImageColorProfile16 *t = nullptr,
-                           const wzImage *blend = nullptr, const wzHistogramMatchParams *p = nullptr) {
+    const auto match = [&](wzImage *s, wzImage *d, int32_t space, const wzImage *stats = nullptr,
+                           const wzImageColorProfile16 *t = nullptr, const wzImage *blend = nullptr,
+                           const wzHistogramMatchParams *p = nullptr) {
         return [=, &mp] {
             const wzHistogramMatchOptions o{space, 0, stats, t};
             return wzHistogramMatchFilterWithOptions(p ? p : &mp, &o, s, blend, d, nullptr);
@@ -38,7 +49,8 @@ TEST(ExtRefusals, WriteNothing) {
     const auto transfer = [&](wzImage *s, wzImage *d, int32_t space, const wzImage *stats) {
         return [=, &tp, &support, &mask] {
             const wzHistogramMatchOptions o{space, 0, stats, nullptr};
-            return wzHistogramTransferFilterWithOptions(&tp, &o, support.get(), s, mask.get(), d, nullptr);
+            return wzHistogramTransferFilterWithOptions(&tp, &o, support.get(), s, mask.get(), d,
+                                                        nullptr);
         };
     };
     ImagePtr part = clone(src.get());
@@ -78,26 +90,51 @@ TEST(ExtRefusals, WriteNothing) {
         {"transfer: unknown space", transfer(src.get(), dst.get(), 7, nullptr)},
         {"transfer: statistics mask and contrast on a region", transfer(part.get(), dst.get(), 0, narrow.get())},
     };
-    const wzImage *outputs[] = {src.get(), src16.get(), gray16.get(), f32.get(), dst.get(), dst16.get(), rgb16.get(), small16.get(), part.get()};
+    const wzImage *outputs[] = {src.get(),   src16.get(), gray16.get(),  f32.get(), dst.get(),
+                                dst16.get(), rgb16.get(), small16.get(), part.get()};
     std::vector<Bytes> before;
     for (const wzImage *img : outputs) before.push_back(snapshot(img));
     for (const auto &[name, call] : calls) {
         EXPECT_EQ(call(), 1u) << name;
-        for (size_t i = 0; i < before.size(); ++i) ASSERT_TRUE(snapshot(outputs[i]) == before[i]) << name << " wrote image " << i;
+        for (size_t i = 0; i < before.size(); ++i)
+            ASSERT_TRUE(snapshot(outputs[i]) == before[i]) << name << " wrote image " << i;
     }
 
-    const auto clear8 = [&] { return std::count(&p8.bins[0][0], &p8.bins[0][0] + 768, 0.0f) == 768; };
-    const auto clear16 = [&] { return p16->space == 0 && std::count(&p16->bins[0][0], &p16->bins[0][0] + 3 * 65536, 0.0) == 3 * 65536; };
-    const auto clearStats = [&] { return cs.total == 0.0f && std::count(cs.hist, cs.hist + 256, 0.0f) == 256; };
+    const auto clear8 = [&] {
+        return std::count(&p8.bins[0][0], &p8.bins[0][0] + 768, 0.0f) == 768;
+    };
+    const auto clear16 = [&] {
+        return p16->space == 0 &&
+               std::count(&p16->bins[0][0], &p16->bins[0][0] + 3 * 65536, 0.0) == 3 * 65536;
+    };
+    const auto clearStats = [&] {
+        return cs.total == 0.0f && std::count(cs.hist, cs.hist + 256, 0.0f) == 256;
+    };
     const std::tuple<const char *, std::function<wzStatus()>, std::function<bool()>> fills[] = {
-        {"profile: 32-bit float", [&] { return wzImageFillColorProfileMasked(f32.get(), nullptr, &p8); }, clear8},
-        {"profile: encoding 5", [&] { return wzImageFillColorProfileMasked(enc5.get(), nullptr, &p8); }, clear8},
-        {"profile: mask of another size", [&] { return wzImageFillColorProfileMasked(src16.get(), narrow.get(), &p8); }, clear8},
-        {"deep profile: unknown space", [&] { return wzImageFillColorProfile16(src.get(), nullptr, 4, p16.get()); }, clear16},
-        {"deep profile: 16-bit mask", [&] { return wzImageFillColorProfile16(src16.get(), mask16.get(), wzSpaceLab, p16.get()); }, clear16},
-        {"deep profile: 32-bit float", [&] { return wzImageFillColorProfile16(f32.get(), nullptr, wzSpaceYCbCr, p16.get()); }, clear16},
-        {"contrast statistics: mask of the region's size", [&] { return wzContrastEnhanceStatsRetrieveMasked(&cs, src16.get(), narrow.get(), nullptr); }, clearStats},
-        {"contrast statistics: 32-bit float", [&] { return wzContrastEnhanceStatsRetrieveMasked(&cs, f32.get(), nullptr, nullptr); }, clearStats},
+        {"profile: 32-bit float",
+         [&] { return wzImageFillColorProfileMasked(f32.get(), nullptr, &p8); }, clear8},
+        {"profile: encoding 5",
+         [&] { return wzImageFillColorProfileMasked(enc5.get(), nullptr, &p8); }, clear8},
+        {"profile: mask of another size",
+         [&] { return wzImageFillColorProfileMasked(src16.get(), narrow.get(), &p8); }, clear8},
+        {"deep profile: unknown space",
+         [&] { return wzImageFillColorProfile16(src.get(), nullptr, 4, p16.get()); }, clear16},
+        {"deep profile: 16-bit mask",
+         [&] {
+             return wzImageFillColorProfile16(src16.get(), mask16.get(), wzSpaceLab, p16.get());
+         },
+         clear16},
+        {"deep profile: 32-bit float",
+         [&] { return wzImageFillColorProfile16(f32.get(), nullptr, wzSpaceYCbCr, p16.get()); },
+         clear16},
+        {"contrast statistics: mask of the region's size",
+         [&] {
+             return wzContrastEnhanceStatsRetrieveMasked(&cs, src16.get(), narrow.get(), nullptr);
+         },
+         clearStats},
+        {"contrast statistics: 32-bit float",
+         [&] { return wzContrastEnhanceStatsRetrieveMasked(&cs, f32.get(), nullptr, nullptr); },
+         clearStats},
     };
     for (const auto &[name, call, cleared] : fills) {
         std::memset(&p8, 0x41, sizeof p8);

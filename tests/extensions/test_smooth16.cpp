@@ -13,11 +13,13 @@ namespace {
 // differs by d < t and whose input differs by more than 2d proposes its
 // input shifted by the guide step; the pixel becomes the mean of itself and
 // the proposals, truncated toward zero and clamped to 0..65535.
-void reference(const wzSelectiveSmoothParams &p, const wzImage *guide, const wzImage *input, wzImage *out) {
+void reference(const wzSelectiveSmoothParams &p, const wzImage *guide, const wzImage *input,
+               wzImage *out) {
     const int t = int(p.threshold * 65535.0f), w = input->width, h = input->height;
     for (int c = 1; c <= colours(input); ++c) {
         std::vector<int> x(w * h), g(w * h), next(w * h);
-        for (int i = 0; i < w * h; ++i) x[i] = get(input, i % w, i / w, c), g[i] = get(guide, i % w, i / w, c);
+        for (int i = 0; i < w * h; ++i)
+            x[i] = get(input, i % w, i / w, c), g[i] = get(guide, i % w, i / w, c);
         for (int it = 0; it < p.iterations && t >= 1 && w > 1 && h > 1; ++it, x.swap(next))
             for (int i = 0; i < w * h; ++i) {
                 int sum = x[i], count = 1;
@@ -54,24 +56,30 @@ TEST(ExtSmooth16, FollowsThePlainRule) {
          {std::tuple{1000, 0, 0, 499, 0, 749}, {64535, 65535, 499, 0, 65535, 64785}}) {
         ImagePtr in = grid3x3(centre, around), guide = grid3x3(gc, ga), out = grid3x3(7, 7);
         ASSERT_EQ(wzSelectiveSmooth16(&one, guide.get(), in.get(), out.get(), nullptr), 0u);
-        for (int i = 0; i < 9; ++i) EXPECT_EQ(get(out.get(), i % 3, i / 3), i == 4 ? wantCentre : wantAround) << i;
+        for (int i = 0; i < 9; ++i)
+            EXPECT_EQ(get(out.get(), i % 3, i / 3), i == 4 ? wantCentre : wantAround) << i;
     }
     std::mt19937 rng(21);
     for (int round = 0; round < 60; ++round) {
-        const uint32_t enc = round % 3 == 0 ? wzEncodingGray : round % 3 == 1 ? wzEncodingBGR : wzEncodingRGBA;
+        const uint32_t enc = round % 3 == 0   ? wzEncodingGray
+                             : round % 3 == 1 ? wzEncodingBGR
+                                              : wzEncodingRGBA;
         const int w = 2 + int(rng() % 12), h = 2 + int(rng() % 9);
         ImagePtr guide = randomImage(w, h, enc, wzType16U, rng), input = clone(guide.get());
-        for (size_t i = 0; i < blockBytes(input.get()) / 2; ++i) {  // steps of up to a quarter of the scale
+        for (size_t i = 0; i < blockBytes(input.get()) / 2;
+             ++i) {  // steps of up to a quarter of the scale
             uint16_t v;
             std::memcpy(&v, input->data + 2 * i, 2);
             v = uint16_t(std::clamp(int(v) + int(rng() % 32768) - 16384, 0, 65535));
             std::memcpy(input->data + 2 * i, &v, 2);
         }
         const wzSelectiveSmoothParams p{float(rng() % 1000) / 2000.0f, 1 + int(rng() % 3)};
-        ImagePtr want = randomImage(w, h, enc, wzType16U, rng), out = clone(want.get()), inPlace = clone(input.get());
+        ImagePtr want = randomImage(w, h, enc, wzType16U, rng), out = clone(want.get()),
+                 inPlace = clone(input.get());
         reference(p, guide.get(), input.get(), want.get());
         setRoi(out.get(), 1, 1, 1, 1);  // regions are ignored
-        SCOPED_TRACE(testing::Message() << "round " << round << " " << w << " x " << h << " threshold " << p.threshold);
+        SCOPED_TRACE(testing::Message() << "round " << round << " " << w << " x " << h
+                                        << " threshold " << p.threshold);
         ASSERT_EQ(wzSelectiveSmooth16(&p, guide.get(), input.get(), out.get(), nullptr), 0u);
         EXPECT_EQ(snapshot(out.get()), snapshot(want.get()));
         reference(p, guide.get(), input.get(), input.get());
@@ -79,12 +87,17 @@ TEST(ExtSmooth16, FollowsThePlainRule) {
         EXPECT_EQ(snapshot(inPlace.get()), snapshot(input.get()));
     }
     // A threshold below one level, no passes, a single row or column: copies.
-    for (auto [w, h, threshold, passes] : {std::tuple{9, 7, 0.9f / 65535.0f, 3}, {9, 7, 0.3f, 0}, {1, 7, 0.3f, 2}, {9, 1, 0.3f, 2}}) {
-        ImagePtr guide = randomImage(w, h, wzEncodingBGR, wzType16U, rng), input = randomImage(w, h, wzEncodingBGR, wzType16U, rng);
+    for (auto [w, h, threshold, passes] : {std::tuple{9, 7, 0.9f / 65535.0f, 3},
+                                           {9, 7, 0.3f, 0},
+                                           {1, 7, 0.3f, 2},
+                                           {9, 1, 0.3f, 2}}) {
+        ImagePtr guide = randomImage(w, h, wzEncodingBGR, wzType16U, rng),
+                 input = randomImage(w, h, wzEncodingBGR, wzType16U, rng);
         ImagePtr out = randomImage(w, h, wzEncodingBGR, wzType16U, rng);
         const wzSelectiveSmoothParams p{threshold, passes};
         ASSERT_EQ(wzSelectiveSmooth16(&p, guide.get(), input.get(), out.get(), nullptr), 0u);
-        EXPECT_EQ(snapshot(out.get()), snapshot(input.get())) << w << " x " << h << " threshold " << threshold << " passes " << passes;
+        EXPECT_EQ(snapshot(out.get()), snapshot(input.get()))
+            << w << " x " << h << " threshold " << threshold << " passes " << passes;
     }
 }
 
@@ -93,14 +106,25 @@ TEST(ExtSmooth16, FollowsThePlainRule) {
 TEST(ExtSmoothGray, EqualsTheThreeChannelFilter) {
     std::mt19937 rng(21);
     SupportPtr support(wzHistogramTransferSupportCreate());
-    ImagePtr guide = randomImage(27, 19, wzEncodingGray, wzType8U, rng), input = randomImage(27, 19, wzEncodingGray, wzType8U, rng);
-    for (size_t i = 0; i < blockBytes(guide.get()); ++i) guide->data[i] = uint8_t(100 + guide->data[i] % 16);
+    ImagePtr guide = randomImage(27, 19, wzEncodingGray, wzType8U, rng),
+             input = randomImage(27, 19, wzEncodingGray, wzType8U, rng);
+    for (size_t i = 0; i < blockBytes(guide.get()); ++i)
+        guide->data[i] = uint8_t(100 + guide->data[i] % 16);
     const wzSelectiveSmoothParams params{0.1f, 3};
-    ImagePtr g3 = makeImage(27, 19, wzEncodingBGR), x3 = makeImage(27, 19, wzEncodingBGR), out = makeImage(27, 19, wzEncodingGray);
-    for (size_t i = 0; i < 3 * blockBytes(guide.get()); ++i) g3->data[i] = guide->data[i / 3], x3->data[i] = input->data[i / 3];
-    ASSERT_EQ(wzSelectiveSmooth(&params, support->smoothSupport, g3.get(), x3.get(), x3.get(), nullptr), 0u);
-    ASSERT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, guide.get(), input.get(), out.get(), nullptr), 0u);
-    for (size_t i = 0; i < blockBytes(out.get()); ++i) ASSERT_EQ(out->data[i], x3->data[3 * i]) << i;
+    ImagePtr g3 = makeImage(27, 19, wzEncodingBGR), x3 = makeImage(27, 19, wzEncodingBGR),
+             out = makeImage(27, 19, wzEncodingGray);
+    for (size_t i = 0; i < 3 * blockBytes(guide.get()); ++i)
+        g3->data[i] = guide->data[i / 3], x3->data[i] = input->data[i / 3];
+    ASSERT_EQ(
+        wzSelectiveSmooth(&params, support->smoothSupport, g3.get(), x3.get(), x3.get(), nullptr),
+        0u);
+    ASSERT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, guide.get(), input.get(),
+                                    out.get(), nullptr),
+              0u);
+    for (size_t i = 0; i < blockBytes(out.get()); ++i)
+        ASSERT_EQ(out->data[i], x3->data[3 * i]) << i;
     EXPECT_NE(snapshot(out.get()), snapshot(input.get()));
-    EXPECT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, g3.get(), input.get(), out.get(), nullptr), 1u);
+    EXPECT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, g3.get(), input.get(),
+                                    out.get(), nullptr),
+              1u);
 }

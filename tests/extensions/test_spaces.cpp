@@ -15,8 +15,12 @@ using namespace ext;
 
 namespace {
 
-double srgbToLinear(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4); }
-double labF(double t) { return t > 216.0 / 24389.0 ? std::cbrt(t) : t * 841.0 / 108.0 + 4.0 / 29.0; }
+double srgbToLinear(double c) {
+    return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+}
+double labF(double t) {
+    return t > 216.0 / 24389.0 ? std::cbrt(t) : t * 841.0 / 108.0 + 4.0 / 29.0;
+}
 
 // Where a colour (r, g, b in 0..1) counts in a space: the bin positions on
 // 0..65535 of profile arrays 2, 1, 0 (channel 1, Y' or L* first).
@@ -28,15 +32,19 @@ std::array<double, 3> binsOf(double r, double g, double b, int32_t space) {
         return {y * S, ((b - y) / 1.772 + 0.5) * S, ((r - y) / 1.402 + 0.5) * S};
     }
     r = srgbToLinear(r), g = srgbToLinear(g), b = srgbToLinear(b);  // sRGB primaries, D65 white
-    const double fx = labF((0.4124 * r + 0.3576 * g + 0.1805 * b) / 0.9505), fy = labF(0.2126 * r + 0.7152 * g + 0.0722 * b);
+    const double fx = labF((0.4124 * r + 0.3576 * g + 0.1805 * b) / 0.9505),
+                 fy = labF(0.2126 * r + 0.7152 * g + 0.0722 * b);
     const double fz = labF((0.0193 * r + 0.1192 * g + 0.9505 * b) / 1.089);
-    return {(116.0 * fy - 16.0) / 100.0 * S, (500.0 * (fx - fy) + 128.0) / 256.0 * S, (200.0 * (fy - fz) + 128.0) / 256.0 * S};
+    return {(116.0 * fy - 16.0) / 100.0 * S, (500.0 * (fx - fy) + 128.0) / 256.0 * S,
+            (200.0 * (fy - fz) + 128.0) / 256.0 * S};
 }
 
 int maxDifference(const wzImage *a, const wzImage *b) {
     int worst = 0;
     for (int i = 0; i < a->width * a->height; ++i)
-        for (int c = 1; c <= colours(a); ++c) worst = std::max(worst, std::abs(get(a, i % a->width, i / a->width, c) - get(b, i % a->width, i / a->width, c)));
+        for (int c = 1; c <= colours(a); ++c)
+            worst = std::max(worst, std::abs(get(a, i % a->width, i / a->width, c) -
+                                             get(b, i % a->width, i / a->width, c)));
     return worst;
 }
 
@@ -46,7 +54,8 @@ ImagePtr ramp16() {
     return ramp;
 }
 
-wzStatus match(const wzHistogramMatchParams &p, const wzHistogramMatchOptions *o, wzImage *src, wzImage *dst) {
+wzStatus match(const wzHistogramMatchParams &p, const wzHistogramMatchOptions *o, wzImage *src,
+               wzImage *dst) {
     return wzHistogramMatchFilterWithOptions(&p, o, src, nullptr, dst, nullptr);
 }
 
@@ -71,7 +80,8 @@ TEST(ExtDeep, RampFollowsThePiecewiseLinearTarget) {
     for (int u = 0, k = 0; u < 65536; ++u) {
         const double q = (u + 0.5) / 65536.0 * cum[256];
         while (cum[k + 1] <= q) ++k;
-        const double lo = std::max(257.0 * k - 128.5, -0.5), hi = std::min(257.0 * k + 128.5, 65535.5);
+        const double lo = std::max(257.0 * k - 128.5, -0.5),
+                     hi = std::min(257.0 * k + 128.5, 65535.5);
         want[u] = std::clamp(lo + (q - cum[k]) / t[k] * (hi - lo), 0.0, 65535.0);
     }
     const uint16_t *o = reinterpret_cast<const uint16_t *>(out->data);
@@ -79,7 +89,10 @@ TEST(ExtDeep, RampFollowsThePiecewiseLinearTarget) {
         const wzHistogramMatchParams params{strength, 1.0f, 0, 255, &target};
         ASSERT_EQ(match(params, nullptr, ramp.get(), out.get()), 0u);
         int worst = 0;
-        for (int u = 0; u < 65536; ++u) worst = std::max(worst, std::abs(o[u] - int(std::lround(strength * want[u] + (1.0 - strength) * u))));
+        for (int u = 0; u < 65536; ++u)
+            worst = std::max(
+                worst,
+                std::abs(o[u] - int(std::lround(strength * want[u] + (1.0 - strength) * u))));
         EXPECT_LE(worst, 1) << "strength " << strength;
     }
     ASSERT_EQ(match({1.0f, 1.0f, 0, 3, &target}, nullptr, ramp.get(), out.get()), 0u);
@@ -100,10 +113,16 @@ TEST(ExtDeep, PhotographMatchedToItsOwnProfileStays) {
     std::mt19937 rng(5);
     for (uint32_t enc : {wzEncodingBGR, wzEncodingGray}) {
         SCOPED_TRACE(enc);
-        ImagePtr src = makeImage(200, 150, enc, wzType16U), out = makeImage(200, 150, enc, wzType16U);
+        ImagePtr src = makeImage(200, 150, enc, wzType16U),
+                 out = makeImage(200, 150, enc, wzType16U);
         for (int i = 0; i < 200 * 150; ++i)  // the middle of the picture; gray takes green
             for (int c = 1; c <= colours(src.get()); ++c)
-                put(src.get(), i % 200, i / 200, c, std::clamp(get(photo.get(), 200 + i % 200, 125 + i / 200, c + (enc == wzEncodingGray)) * 257 + int(rng() % 257) - 128, 0, 65535));
+                put(src.get(), i % 200, i / 200, c,
+                    std::clamp(get(photo.get(), 200 + i % 200, 125 + i / 200,
+                                   c + (enc == wzEncodingGray)) *
+                                       257 +
+                                   int(rng() % 257) - 128,
+                               0, 65535));
         wzImageColorProfile own;
         ASSERT_EQ(wzImageFillColorProfileMasked(src.get(), nullptr, &own), 0u);
         const wzHistogramMatchParams params{1.0f, 1.0f, 0, 255, &own};
@@ -124,12 +143,15 @@ TEST(ExtDeep, PhotographMatchedToItsOwnProfileStays) {
 // ramps of every level.
 TEST(ExtSpaces, StrengthZeroGivesThePictureBack) {
     std::mt19937 rng(6);
-    ImagePtr grid8 = randomImage(160, 200, wzEncodingBGR, wzType8U, rng), grid16 = randomImage(64, 128, wzEncodingRGBA, wzType16U, rng);
+    ImagePtr grid8 = randomImage(160, 200, wzEncodingBGR, wzType8U, rng),
+             grid16 = randomImage(64, 128, wzEncodingRGBA, wzType16U, rng);
     ImagePtr gray8 = makeImage(256, 1, wzEncodingGray), gray16 = ramp16();
     for (int i = 0; i < 18 * 18 * 18; ++i)
-        for (int c = 0, step = 1; c < 3; ++c, step *= 18) put(grid8.get(), i % 160, i / 160, c + 1, 15 * (i / step % 18));
+        for (int c = 0, step = 1; c < 3; ++c, step *= 18)
+            put(grid8.get(), i % 160, i / 160, c + 1, 15 * (i / step % 18));
     for (int i = 0; i < 4096; ++i)
-        for (int c = 0; c < 3; ++c) put(grid16.get(), i % 64, i / 64, c + 1, 4369 * (i >> (4 * c) & 15));
+        for (int c = 0; c < 3; ++c)
+            put(grid16.get(), i % 64, i / 64, c + 1, 4369 * (i >> (4 * c) & 15));
     for (int u = 0; u < 256; ++u) put(gray8.get(), u, 0, 1, u);
     wzImageColorProfile unused{};
     const wzHistogramMatchParams params{0.0f, 0.9f, 0, 40, &unused};
@@ -138,9 +160,11 @@ TEST(ExtSpaces, StrengthZeroGivesThePictureBack) {
         for (int32_t space = wzSpaceChannels; space <= wzSpaceLab; ++space) {
             Profile16Ptr target = profile16(ref.get(), space);
             const wzHistogramMatchOptions options{space, 0, nullptr, target.get()};
-            ImagePtr out = randomImage(src->width, src->height, src->encoding, src->type, rng), before = clone(out.get());
+            ImagePtr out = randomImage(src->width, src->height, src->encoding, src->type, rng),
+                     before = clone(out.get());
             ASSERT_EQ(match(params, &options, src, out.get()), 0u);
-            EXPECT_LE(maxDifference(src, out.get()), 1) << "type " << src->type << " encoding " << src->encoding << " space " << space;
+            EXPECT_LE(maxDifference(src, out.get()), 1)
+                << "type " << src->type << " encoding " << src->encoding << " space " << space;
             for (int i = 0; i < src->width * src->height && src->encoding == wzEncodingRGBA; ++i)
                 ASSERT_EQ(get(out.get(), i % 64, i / 64, 4), get(before.get(), i % 64, i / 64, 4));
         }
@@ -152,27 +176,43 @@ TEST(ExtSpaces, StrengthZeroGivesThePictureBack) {
 // last digits), as 8-bit and 16-bit BGR and RGBA pictures, and the grays as
 // gray pictures too, which have the chroma of gray. Luma counts as Y'CbCr does.
 TEST(ExtSpaces, KnownColoursLandInTheirBins) {
-    const std::array<int, 3> known[] = {{255, 255, 255}, {0, 0, 0}, {128, 128, 128}, {255, 0, 0}};  // r, g, b
+    const std::array<int, 3> known[] = {
+        {255, 255, 255}, {0, 0, 0}, {128, 128, 128}, {255, 0, 0}};  // r, g, b
     for (const auto &[r, g, b] : known)
         for (uint32_t type : {wzType8U, wzType16U})
             for (uint32_t enc : {wzEncodingBGR, wzEncodingRGBA, wzEncodingGray}) {
                 if (enc == wzEncodingGray && r != g) continue;
                 ImagePtr img = makeImage(3, 2, enc, type);
                 for (int i = 0; i < 6; ++i)
-                    for (int c = 1; c <= colours(img.get()); ++c) put(img.get(), i % 3, i / 3, c, (c == 1 ? b : c == 2 ? g : r) * (full(img.get()) / 255));
-                for (int32_t space = enc == wzEncodingGray ? wzSpaceLuma : wzSpaceChannels; space <= wzSpaceLab; ++space) {
-                    SCOPED_TRACE(testing::Message() << "rgb " << r << " " << g << " " << b << " type " << type << " encoding " << enc << " space " << space);
+                    for (int c = 1; c <= colours(img.get()); ++c)
+                        put(img.get(), i % 3, i / 3, c,
+                            (c == 1   ? b
+                             : c == 2 ? g
+                                      : r) *
+                                (full(img.get()) / 255));
+                for (int32_t space = enc == wzEncodingGray ? wzSpaceLuma : wzSpaceChannels;
+                     space <= wzSpaceLab; ++space) {
+                    SCOPED_TRACE(testing::Message()
+                                 << "rgb " << r << " " << g << " " << b << " type " << type
+                                 << " encoding " << enc << " space " << space);
                     Profile16Ptr p = profile16(img.get(), space);
                     ASSERT_TRUE(p && p->space == space);
                     const auto want = binsOf(r / 255.0, g / 255.0, b / 255.0, space);
                     for (int a = 0; a < 3; ++a) {
-                        const double *bins = p->bins[2 - a], *at = std::find_if(bins, bins + 65536, [](double v) { return v != 0.0; });
+                        const double *bins = p->bins[2 - a],
+                                     *at = std::find_if(bins, bins + 65536,
+                                                        [](double v) { return v != 0.0; });
                         ASSERT_NE(at, bins + 65536) << "array " << 2 - a << " is empty";
-                        EXPECT_EQ(*at, 6.0) << "array " << 2 - a << " bin " << at - bins << ", expected near " << want[a];
-                        EXPECT_LE(std::fabs(double(at - bins) - want[a]), space == wzSpaceLab ? 1.0 : 0.51) << "array " << 2 - a;
+                        EXPECT_EQ(*at, 6.0) << "array " << 2 - a << " bin " << at - bins
+                                            << ", expected near " << want[a];
+                        EXPECT_LE(std::fabs(double(at - bins) - want[a]),
+                                  space == wzSpaceLab ? 1.0 : 0.51)
+                            << "array " << 2 - a;
                     }
                     if (space == wzSpaceLuma) {
-                        EXPECT_EQ(std::memcmp(p->bins, profile16(img.get(), wzSpaceYCbCr)->bins, sizeof p->bins), 0);
+                        EXPECT_EQ(std::memcmp(p->bins, profile16(img.get(), wzSpaceYCbCr)->bins,
+                                              sizeof p->bins),
+                                  0);
                     }
                 }
             }
@@ -185,19 +225,23 @@ TEST(ExtSpaces, LumaKeepsEachPixelsChroma) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<double> u(0.0, 1.0);
     for (uint32_t type : {wzType8U, wzType16U}) {
-        ImagePtr src = makeImage(60, 40, wzEncodingBGR, type), dark = makeImage(30, 30, wzEncodingBGR, type), out = makeImage(60, 40, wzEncodingBGR, type);
+        ImagePtr src = makeImage(60, 40, wzEncodingBGR, type),
+                 dark = makeImage(30, 30, wzEncodingBGR, type),
+                 out = makeImage(60, 40, wzEncodingBGR, type);
         const int top = full(src.get());
         for (int i = 0, base = 0; i < 60 * 40 * 3; ++i) {  // mid-tones of little chroma
             base = i % 3 ? base : int(top * (0.3 + 0.4 * u(rng)));
             put(src.get(), i / 3 % 60, i / 180, i % 3 + 1, base + int(top * 0.16 * (u(rng) - 0.5)));
         }
-        for (int i = 0; i < 30 * 30 * 3; ++i) put(dark.get(), i / 3 % 30, i / 90, i % 3 + 1, int(top * (0.15 + 0.35 * u(rng))));
+        for (int i = 0; i < 30 * 30 * 3; ++i)
+            put(dark.get(), i / 3 % 30, i / 90, i % 3 + 1, int(top * (0.15 + 0.35 * u(rng))));
         Profile16Ptr target = profile16(dark.get(), wzSpaceYCbCr);
         wzImageColorProfile unused{};
         const wzHistogramMatchOptions options{wzSpaceLuma, 0, nullptr, target.get()};
         ASSERT_EQ(match({1.0f, 0.9f, 0, 255, &unused}, &options, src.get(), out.get()), 0u);
         const auto ycc = [](const wzImage *img, int i) {
-            const double b = get(img, i % 60, i / 60, 1), g = get(img, i % 60, i / 60, 2), r = get(img, i % 60, i / 60, 3), y = 0.299 * r + 0.587 * g + 0.114 * b;
+            const double b = get(img, i % 60, i / 60, 1), g = get(img, i % 60, i / 60, 2),
+                         r = get(img, i % 60, i / 60, 3), y = 0.299 * r + 0.587 * g + 0.114 * b;
             return std::array<double, 3>{y, (b - y) / 1.772, (r - y) / 1.402};
         };
         int clamped = 0;
@@ -205,8 +249,12 @@ TEST(ExtSpaces, LumaKeepsEachPixelsChroma) {
         for (int i = 0; i < 60 * 40; ++i) {
             const auto before = ycc(src.get(), i), after = ycc(out.get(), i);
             drop += (before[0] - after[0]) / (60 * 40);
-            if (std::min({get(out.get(), i % 60, i / 60, 1), get(out.get(), i % 60, i / 60, 2), get(out.get(), i % 60, i / 60, 3)}) == 0) ++clamped;
-            else worst = std::max({worst, std::fabs(after[1] - before[1]), std::fabs(after[2] - before[2])});
+            if (std::min({get(out.get(), i % 60, i / 60, 1), get(out.get(), i % 60, i / 60, 2),
+                          get(out.get(), i % 60, i / 60, 3)}) == 0)
+                ++clamped;
+            else
+                worst = std::max(
+                    {worst, std::fabs(after[1] - before[1]), std::fabs(after[2] - before[2])});
         }
         EXPECT_LE(worst, 1.0) << "type " << type;
         EXPECT_LT(clamped, 60 * 40 / 10);

@@ -27,7 +27,10 @@ uint8_t stretched(int v, int lo, int hi) {
 // Then random ranges against the formula. Each over a gray region (outside
 // it nothing changes), separate and in place.
 TEST(HistogramStretch, WorkedAndRandomRanges) {
-    struct Case { int lo, hi; std::vector<std::pair<int, int>> points; };
+    struct Case {
+        int lo, hi;
+        std::vector<std::pair<int, int>> points;
+    };
     std::vector<Case> cases = {{50, 100, {{50, 0}, {75, 127}, {99, 249}, {100, 255}}},
                                {10, 247, {{89, 84}, {168, 169}, {247, 255}}},
                                {3, 10, {{9, 218}, {10, 255}}},
@@ -41,13 +44,17 @@ TEST(HistogramStretch, WorkedAndRandomRanges) {
         ImagePtr src = makeImage(22, 15, wzEncodingGray), dst = makeImage(22, 15, wzEncodingGray);
         fillRandom(src.get(), rng);
         for (int i = 0; i < 300; ++i)  // lo..hi first, then random values in the range
-            *at(src.get(), 1 + i % 20, i / 20) = uint8_t(c.lo + (i <= c.hi - c.lo ? i : rng() % (c.hi - c.lo + 1)));
+            *at(src.get(), 1 + i % 20, i / 20) =
+                uint8_t(c.lo + (i <= c.hi - c.lo ? i : rng() % (c.hi - c.lo + 1)));
         src->roi = dst->roi = {1, 0, 20, 15};
         std::memcpy(dst->data, src->data, 330);
         std::vector<uint8_t> want = snapshot(src.get());
-        for (int i = 0; i < 300; ++i) want[i / 20 * 22 + 1 + i % 20] = stretched(want[i / 20 * 22 + 1 + i % 20], c.lo, c.hi);
+        for (int i = 0; i < 300; ++i)
+            want[i / 20 * 22 + 1 + i % 20] = stretched(want[i / 20 * 22 + 1 + i % 20], c.lo, c.hi);
         ASSERT_EQ(wzHistogramStretch(src.get(), dst.get()), 0u);
-        for (auto [v, w] : c.points) EXPECT_EQ(dst->data[1 + (v - c.lo) % 20 + (v - c.lo) / 20 * 22], w) << c.lo << ".." << c.hi << " at " << v;
+        for (auto [v, w] : c.points)
+            EXPECT_EQ(dst->data[1 + (v - c.lo) % 20 + (v - c.lo) / 20 * 22], w)
+                << c.lo << ".." << c.hi << " at " << v;
         ASSERT_EQ(snapshot(dst.get()), want) << c.lo << ".." << c.hi;
         ASSERT_EQ(wzHistogramStretch(src.get(), src.get()), 0u);
         ASSERT_EQ(snapshot(src.get()), want) << c.lo << ".." << c.hi << " in place";
@@ -83,12 +90,15 @@ TEST(HistogramStretchAndEqualization, SingleValueEmptyAndColour) {
 
     ImagePtr colour = makeImage(51, 1, wzEncodingRGBA);
     for (int i = 0; i < 51; ++i) {
-        const uint8_t px[4] = {7, uint8_t(i * 5), uint8_t(50 + i), uint8_t(i)};  // 7, 0..250, 50..100, alpha
+        const uint8_t px[4] = {7, uint8_t(i * 5), uint8_t(50 + i),
+                               uint8_t(i)};  // 7, 0..250, 50..100, alpha
         std::memcpy(colour->data + 4 * i, px, 4);
     }
     ASSERT_EQ(wzHistogramStretch(colour.get(), colour.get()), 0u);
     for (int i = 0; i < 51; ++i) {
         const uint8_t *px = colour->data + 4 * i;
-        ASSERT_TRUE(px[0] == 7 && px[1] == stretched(i * 5, 0, 250) && px[2] == stretched(50 + i, 50, 100) && px[3] == i) << i;
+        ASSERT_TRUE(px[0] == 7 && px[1] == stretched(i * 5, 0, 250) &&
+                    px[2] == stretched(50 + i, 50, 100) && px[3] == i)
+            << i;
     }
 }

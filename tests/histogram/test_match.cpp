@@ -37,7 +37,8 @@ void refBlock(const float *src, const float *tgt, const wzHistogramMatchParams &
               uint8_t *out) {
     float cs[256], ct[256], f[256], b[256], totalS = 0.0f, totalT = 0.0f, runS = 0.0f, runT = 0.0f;
     for (int i = 0; i < 256; ++i) totalS += src[i], totalT += tgt[i];
-    for (int i = 0; i < 256; ++i) cs[i] = (runS += src[i]) / totalS, ct[i] = (runT += tgt[i]) / totalT;
+    for (int i = 0; i < 256; ++i)
+        cs[i] = (runS += src[i]) / totalS, ct[i] = (runT += tgt[i]) / totalT;
     for (int i = 0; i < 256; ++i) {
         int j = 0, k = 255;
         while (j < 255 && ct[j] < cs[i]) ++j;
@@ -49,14 +50,16 @@ void refBlock(const float *src, const float *tgt, const wzHistogramMatchParams &
         refLimit(f, std::max(p.maxStep, 0));
         refLimit(b, std::max(p.maxStep, 0));
     }
-    for (int i = 0; i < 256; ++i) out[i] = toByte(p.mode == 1 ? f[i] : p.mode == 2 ? b[i] : 0.5f * (f[i] + b[i]));
+    for (int i = 0; i < 256; ++i)
+        out[i] = toByte(p.mode == 1 ? f[i] : p.mode == 2 ? b[i] : 0.5f * (f[i] + b[i]));
     if (r < 0) return;
     uint8_t t[256];
     for (int i = 0; i < 256; ++i) {
         const int64_t lo = std::max<int64_t>(0, i - r), hi = std::min<int64_t>(255, i + r);
         float sum = 0.0f;
         for (int64_t k = lo; k <= hi; ++k) sum += static_cast<float>(out[k]);
-        t[i] = std::max(toByte(sum / static_cast<float>(hi - lo + 1)), i > 0 ? t[i - 1] : uint8_t{0});
+        t[i] =
+            std::max(toByte(sum / static_cast<float>(hi - lo + 1)), i > 0 ? t[i - 1] : uint8_t{0});
     }
     for (int i = 0; i < 256; ++i) {
         const float w = static_cast<float>(i) / 255.0f;
@@ -66,12 +69,16 @@ void refBlock(const float *src, const float *tgt, const wzHistogramMatchParams &
 
 // r: the smoothing radius, by default the one the fidelity gives.
 Table refTable(const wzImageColorProfile &src, const wzHistogramMatchParams &p, int64_t r = -2) {
-    if (r == -2) r = p.fidelity < 1.0f ? static_cast<int64_t>(std::min((1.0f - p.fidelity) * 50.0f, 1000.0f)) : -1;
+    if (r == -2)
+        r = p.fidelity < 1.0f ? static_cast<int64_t>(std::min((1.0f - p.fidelity) * 50.0f, 1000.0f))
+                              : -1;
     Table t;
-    for (int b = 0; b < 3; ++b) refBlock(src.bins[2 - b], p.targetProfile->bins[2 - b], p, r, &t[256 * b]);
+    for (int b = 0; b < 3; ++b)
+        refBlock(src.bins[2 - b], p.targetProfile->bins[2 - b], p, r, &t[256 * b]);
     if (p.strength < 1.0f)
         for (int i = 0; i < 768; ++i)
-            t[i] = toByte(p.strength * static_cast<float>(t[i]) + (1.0f - p.strength) * static_cast<float>(i % 256));
+            t[i] = toByte(p.strength * static_cast<float>(t[i]) +
+                          (1.0f - p.strength) * static_cast<float>(i % 256));
     return t;
 }
 
@@ -102,7 +109,8 @@ wzImageColorProfile randomProfile(std::mt19937 &rng) {
         const unsigned kind = rng() % 12, keepOneIn = kind < 4 ? 1 : kind < 8 ? 3 : 40;
         float total = 0.0f;
         for (float &bin : a)
-            if (kind > 0 && rng() % keepOneIn == 0) total += bin = static_cast<float>(1 + rng() % 500);
+            if (kind > 0 && rng() % keepOneIn == 0)
+                total += bin = static_cast<float>(1 + rng() % 500);
         if (kind % 2 == 1)
             for (float &bin : a) bin /= total;
     }
@@ -132,7 +140,8 @@ ImagePtr imageWithRegion(std::mt19937 &rng, int rw, int rh, uint32_t enc) {
         const uint8_t palette[3] = {uint8_t(rng()), uint8_t(rng()), uint8_t(rng())};
         for (size_t i = 0; i < blockBytes(img.get()); ++i) img->data[i] = palette[rng() % 3];
     }
-    img->roi = {static_cast<int>(rng() % (w - rw + 1)), static_cast<int>(rng() % (h - rh + 1)), rw, rh};
+    img->roi = {static_cast<int>(rng() % (w - rw + 1)), static_cast<int>(rng() % (h - rh + 1)), rw,
+                rh};
     return img;
 }
 
@@ -143,13 +152,16 @@ std::vector<uint8_t> expectedMatch(const wzImage *src, const std::vector<uint8_t
                                    const wzImage *dst, const std::vector<uint8_t> &dstBefore,
                                    const Table &t, int maskLevel) {
     std::vector<uint8_t> out = dstBefore;
-    const int ns = wzGetNChannelFromEncoding(src->encoding), nd = wzGetNChannelFromEncoding(dst->encoding);
+    const int ns = wzGetNChannelFromEncoding(src->encoding),
+              nd = wzGetNChannelFromEncoding(dst->encoding);
     for (int y = 0; y < src->roi.height; ++y)
         for (int x = 0; x < src->roi.width; ++x) {
             const size_t sp = (size_t(src->roi.y + y) * src->width + src->roi.x + x) * ns;
             const size_t dp = (size_t(dst->roi.y + y) * dst->width + dst->roi.x + x) * nd;
             for (int c = 1; c <= (ns == 1 ? 1 : 3); ++c) {
-                const uint8_t v = srcBefore[sp + (ns == 1 ? 0 : wzGetChannelOffsetFromEncoding(src->encoding, c))];
+                const uint8_t v =
+                    srcBefore[sp +
+                              (ns == 1 ? 0 : wzGetChannelOffsetFromEncoding(src->encoding, c))];
                 out[dp + (ns == 1 ? 0 : wzGetChannelOffsetFromEncoding(dst->encoding, c))] =
                     maskLevel == 0 ? v : t[256 * (c - 1) + v];
             }
@@ -168,15 +180,22 @@ TEST(HistogramMatchTable, SearchesAndModes) {
     const Table exact = libTable(prof, params(&same));
     const Table smoothed = libTable(prof, params(&same, 0.9f));
     for (int i = 0; i < 768; ++i)
-        ASSERT_TRUE(exact[i] == i % 256 && (i % 256 < 5 || i % 256 > 250 || smoothed[i] == i % 256)) << i;
+        ASSERT_TRUE(exact[i] == i % 256 && (i % 256 < 5 || i % 256 > 250 || smoothed[i] == i % 256))
+            << i;
     // Source 50 has cdf 0.5, the target's flat stretch 10..199; source 100
     // has cdf 1, reached from 200 on; source 0 (cdf 0): forward 0, backward 9.
-    wzImageColorProfile src = profileOf({{50, 1.0f}, {100, 1.0f}}), tgt = profileOf({{10, 1.0f}, {200, 1.0f}});
-    struct Case { int32_t mode; int at50, at100, at0; };
-    for (Case c : {Case{0, 104, 227, 4}, Case{1, 10, 200, 0}, Case{2, 199, 255, 9}, Case{3, 104, 227, 4}}) {
+    wzImageColorProfile src = profileOf({{50, 1.0f}, {100, 1.0f}}),
+                        tgt = profileOf({{10, 1.0f}, {200, 1.0f}});
+    struct Case {
+        int32_t mode;
+        int at50, at100, at0;
+    };
+    for (Case c :
+         {Case{0, 104, 227, 4}, Case{1, 10, 200, 0}, Case{2, 199, 255, 9}, Case{3, 104, 227, 4}}) {
         const Table t = libTable(src, params(&tgt, 1.0f, c.mode));
         for (int b = 0; b < 768; b += 256)
-            EXPECT_EQ((std::array<int, 3>{t[b], t[b + 50], t[b + 100]}), (std::array<int, 3>{c.at0, c.at50, c.at100}))
+            EXPECT_EQ((std::array<int, 3>{t[b], t[b + 50], t[b + 100]}),
+                      (std::array<int, 3>{c.at0, c.at50, c.at100}))
                 << "mode " << c.mode;
     }
     // An all-zero target: forward 0, backward 255 everywhere.
@@ -195,20 +214,37 @@ TEST(HistogramMatchTable, SearchesAndModes) {
 // library's table equals the reference run with that radius. 0.74 and 0.3
 // land just above 13 and 35 in float (just below in double).
 TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
-    struct { wzImageColorProfile src{}, tgt = profileOf({{0, 1.0f}, {255, 1.0f}}); } sp;
+    struct {
+        wzImageColorProfile src{}, tgt = profileOf({{0, 1.0f}, {255, 1.0f}});
+    } sp;
     for (auto &a : sp.src.bins) std::fill(a, a + 256, 1.0f);
-    struct Case { int32_t maxStep; int below127, at127, at128, above128; };
-    for (Case c : {Case{255, 0, 0, 255, 255}, Case{INT32_MAX, 0, 0, 255, 255}, Case{254, 0, 0, 254, 255},
-                   Case{100, 0, 77, 177, 255},
-                   Case{0, 0, 0, 0, 0}, Case{-100000, 0, 0, 0, 0}}) {
+    struct Case {
+        int32_t maxStep;
+        int below127, at127, at128, above128;
+    };
+    for (Case c :
+         {Case{255, 0, 0, 255, 255}, Case{INT32_MAX, 0, 0, 255, 255}, Case{254, 0, 0, 254, 255},
+          Case{100, 0, 77, 177, 255}, Case{0, 0, 0, 0, 0}, Case{-100000, 0, 0, 0, 0}}) {
         const Table t = libTable(sp.src, params(&sp.tgt, 1.0f, 1, c.maxStep));
         for (int i = 0; i < 768; ++i) {
-            const int v = i % 256, want = v < 127 ? c.below127 : v == 127 ? c.at127 : v == 128 ? c.at128 : c.above128;
+            const int v = i % 256, want = v < 127    ? c.below127
+                                          : v == 127 ? c.at127
+                                          : v == 128 ? c.at128
+                                                     : c.above128;
             ASSERT_EQ(t[i], want) << "maxStep " << c.maxStep << " entry " << v;
         }
     }
-    for (auto [fidelity, r] : {std::pair{0.9f, 5}, {0.8f, 9}, {0.5f, 25}, {0.0f, 50}, {0.99f, 0},
-                               {0.74f, 13}, {0.3f, 35}, {-4.0f, 250}, {-100.0f, 255}, {1.0f, -1}, {1.5f, -1}}) {
+    for (auto [fidelity, r] : {std::pair{0.9f, 5},
+                               {0.8f, 9},
+                               {0.5f, 25},
+                               {0.0f, 50},
+                               {0.99f, 0},
+                               {0.74f, 13},
+                               {0.3f, 35},
+                               {-4.0f, 250},
+                               {-100.0f, 255},
+                               {1.0f, -1},
+                               {1.5f, -1}}) {
         const wzHistogramMatchParams p = params(&sp.tgt, fidelity, 1);
         EXPECT_EQ(libTable(sp.src, p), refTable(sp.src, p, r)) << fidelity;
     }
@@ -234,16 +270,19 @@ TEST(HistogramMatch, RandomTablesAndImagesAgainstReference) {
     for (int iter = 0; iter < 400; ++iter) {
         wzImageColorProfile target = randomProfile(rng), other = randomProfile(rng), srcProfile;
         wzHistogramMatchParams p = randomParams(rng, &target);
-        ASSERT_EQ(libTable(other, p), refTable(other, p)) << "iter " << iter << " mode " << p.mode << " maxStep "
-                                                          << p.maxStep << " fidelity " << p.fidelity << " strength " << p.strength;
+        ASSERT_EQ(libTable(other, p), refTable(other, p))
+            << "iter " << iter << " mode " << p.mode << " maxStep " << p.maxStep << " fidelity "
+            << p.fidelity << " strength " << p.strength;
         const bool inPlace = iter % 2 == 1;
         const int maskLevel = (iter / 2) % 3 == 0 ? -1 : (iter / 2) % 3 == 1 ? 0 : 255;
         const uint32_t encS = kAllEncodings[rng() % 5];
         const bool mixed = !inPlace && maskLevel < 0 && rng() % 3 == 0;
-        const uint32_t encD = inPlace ? encS
-                              : (encS == wzEncodingGray) != mixed ? uint32_t{wzEncodingGray} : kAllEncodings[1 + rng() % 4];
+        const uint32_t encD = inPlace                             ? encS
+                              : (encS == wzEncodingGray) != mixed ? uint32_t{wzEncodingGray}
+                                                                  : kAllEncodings[1 + rng() % 4];
         const int rw = 1 + static_cast<int>(rng() % 20), rh = 1 + static_cast<int>(rng() % 20);
-        ImagePtr src = imageWithRegion(rng, rw, rh, encS), dstOwned = inPlace ? nullptr : imageWithRegion(rng, rw, rh, encD);
+        ImagePtr src = imageWithRegion(rng, rw, rh, encS),
+                 dstOwned = inPlace ? nullptr : imageWithRegion(rng, rw, rh, encD);
         wzImage *dst = inPlace ? src.get() : dstOwned.get();
         ImagePtr mask = maskLevel < 0 ? nullptr : imageWithRegion(rng, rw, rh, wzEncodingGray);
         if (mask) std::memset(mask->data, maskLevel, blockBytes(mask.get()));
@@ -254,12 +293,16 @@ TEST(HistogramMatch, RandomTablesAndImagesAgainstReference) {
             for (auto &a : srcProfile.bins)
                 for (float &bin : a) bin /= static_cast<float>(rw * rh);
         }
-        const std::vector<uint8_t> srcBefore = snapshot(src.get()), want =
-            expectedMatch(src.get(), srcBefore, dst, snapshot(dst), refTable(srcProfile, p), maskLevel);
+        const std::vector<uint8_t> srcBefore = snapshot(src.get()),
+                                   want = expectedMatch(src.get(), srcBefore, dst, snapshot(dst),
+                                                        refTable(srcProfile, p), maskLevel);
         const uint32_t notSet = 0;
         ASSERT_EQ(equalize ? wzHistogramEqualization(src.get(), dst)
-                           : wzHistogramMatchFilter(&p, src.get(), mask.get(), dst, rng() % 2 ? &notSet : nullptr), 0u);
-        ASSERT_EQ(snapshot(dst), want) << "iter " << iter << " enc " << encS << "->" << encD << (equalize ? " equalize" : "");
+                           : wzHistogramMatchFilter(&p, src.get(), mask.get(), dst,
+                                                    rng() % 2 ? &notSet : nullptr),
+                  0u);
+        ASSERT_EQ(snapshot(dst), want)
+            << "iter " << iter << " enc " << encS << "->" << encD << (equalize ? " equalize" : "");
         ASSERT_TRUE(inPlace || snapshot(src.get()) == srcBefore) << "iter " << iter;
     }
 }
@@ -268,15 +311,19 @@ TEST(HistogramMatch, RandomTablesAndImagesAgainstReference) {
 // 1, fidelity 0.9, mode 0, no step limit); the records' life.
 TEST(HistogramMatchFilter, StatsOverTwoImagesWithDefaults) {
     std::mt19937 rng(9);
-    ImagePtr a = imageWithRegion(rng, 9, 7, wzEncodingBGR), b = imageWithRegion(rng, 4, 12, wzEncodingRGBA);
+    ImagePtr a = imageWithRegion(rng, 9, 7, wzEncodingBGR),
+             b = imageWithRegion(rng, 4, 12, wzEncodingRGBA);
     wzImageColorProfile target = randomProfile(rng), pa, pb, zero{};
     ASSERT_EQ(wzImageFillColorProfile(a.get(), &pa) | wzImageFillColorProfile(b.get(), &pb), 0u);
     for (int k = 0; k < 768; ++k) pa.bins[k / 256][k % 256] += pb.bins[k / 256][k % 256];
     wzHistogramMatchParams *p = wzHistogramMatchParamsDefault();
     p->targetProfile = &target;
-    wzHistogramMatchStats *total = wzHistogramMatchStatsCreate(), *part = wzHistogramMatchStatsCreate();
+    wzHistogramMatchStats *total = wzHistogramMatchStatsCreate(),
+                          *part = wzHistogramMatchStatsCreate();
     total->profile->bins[0][0] = 99.0f;  // retrieve starts from zero
-    ASSERT_EQ(wzHistogramMatchStatsRetrieve(total, a.get()) | wzHistogramMatchStatsRetrieve(part, b.get()), 0u);
+    ASSERT_EQ(wzHistogramMatchStatsRetrieve(total, a.get()) |
+                  wzHistogramMatchStatsRetrieve(part, b.get()),
+              0u);
     wzHistogramMatchStatsUpdate(part, total);
     Table t;
     wzHistogramMatchAddParamsCompute(total, p, t.data());
@@ -296,8 +343,10 @@ TEST(HistogramMatchFilter, StatsOverTwoImagesWithDefaults) {
 // mask (library choices), writing nothing; the status comes back unchanged.
 TEST(HistogramMatchFilter, CancelAndStatusesPassedOn) {
     std::mt19937 rng(17);
-    ImagePtr src = imageWithRegion(rng, 11, 8, wzEncodingBGR), dst = imageWithRegion(rng, 11, 8, wzEncodingRGBA);
-    ImagePtr mask = imageWithRegion(rng, 11, 8, wzEncodingGray), wideMask = makeImage(11, 8, wzEncodingGray, wzType16U);
+    ImagePtr src = imageWithRegion(rng, 11, 8, wzEncodingBGR),
+             dst = imageWithRegion(rng, 11, 8, wzEncodingRGBA);
+    ImagePtr mask = imageWithRegion(rng, 11, 8, wzEncodingGray),
+             wideMask = makeImage(11, 8, wzEncodingGray, wzType16U);
     ImagePtr wide = makeImage(11, 8, wzEncodingBGR, wzType16U);
     std::memset(wide->data, 0, blockBytes(wide.get()));
     std::memset(wideMask->data, 0, blockBytes(wideMask.get()));
@@ -308,10 +357,12 @@ TEST(HistogramMatchFilter, CancelAndStatusesPassedOn) {
     Table t{};
     EXPECT_EQ(wzHistogramMatchApply(nullptr, t.data(), src.get(), dst.get(), &set), 2u);
     for (const wzImage *m : {static_cast<wzImage *>(nullptr), mask.get()})
-        for (wzImage *out : {dst.get(), src.get()}) EXPECT_EQ(wzHistogramMatchFilter(&p, src.get(), m, out, &set), 2u);
+        for (wzImage *out : {dst.get(), src.get()})
+            EXPECT_EQ(wzHistogramMatchFilter(&p, src.get(), m, out, &set), 2u);
     EXPECT_EQ(wzHistogramMatchFilter(&p, wide.get(), nullptr, dst.get(), nullptr), 1u);
     EXPECT_EQ(wzHistogramMatchApply(nullptr, t.data(), src.get(), wide.get(), nullptr), 1u);
     EXPECT_TRUE(snapshot(dst.get()) == dstBefore && snapshot(src.get()) == srcBefore);
     EXPECT_EQ(snapshot(wide.get()), std::vector<uint8_t>(blockBytes(wide.get()), 0));
-    for (wzImage *out : {dst.get(), src.get()}) EXPECT_EQ(wzHistogramMatchFilter(&p, src.get(), wideMask.get(), out, nullptr), 1u);
+    for (wzImage *out : {dst.get(), src.get()})
+        EXPECT_EQ(wzHistogramMatchFilter(&p, src.get(), wideMask.get(), out, nullptr), 1u);
 }

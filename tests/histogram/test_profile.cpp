@@ -13,7 +13,8 @@ using namespace morven_test;
 
 // Channel c lands in array 3 - c; channel 4 is never counted.
 TEST(ColorProfile, ChannelsLandInReversedArrays) {
-    const uint8_t memory[5][4] = {{}, {10, 20, 30}, {30, 20, 10}, {200, 30, 20, 10}, {30, 20, 10, 200}};
+    const uint8_t memory[5][4] = {
+        {}, {10, 20, 30}, {30, 20, 10}, {200, 30, 20, 10}, {30, 20, 10, 200}};
     for (uint32_t enc = wzEncodingBGR; enc <= wzEncodingRGBA; ++enc) {
         ImagePtr img = makeImage(1, 1, enc);
         std::memcpy(img->data, memory[enc], static_cast<size_t>(wzGetNChannelFromEncoding(enc)));
@@ -21,7 +22,8 @@ TEST(ColorProfile, ChannelsLandInReversedArrays) {
         ASSERT_EQ(wzImageFillColorProfile(img.get(), &p), 0u);
         for (int a = 0; a < 3; ++a)
             for (int v = 0; v < 256; ++v)
-                ASSERT_EQ(p.bins[a][v], v == 30 - 10 * a ? 1.0f : 0.0f) << "encoding " << enc << " array " << a;
+                ASSERT_EQ(p.bins[a][v], v == 30 - 10 * a ? 1.0f : 0.0f)
+                    << "encoding " << enc << " array " << a;
     }
 }
 
@@ -58,14 +60,16 @@ TEST(ColorProfile, NormalizeFlatCreateResetRelease) {
     for (float bin : p->bins[2]) total += bin;
     ASSERT_EQ(wzImageColorProfileNormalize(p), 0u);
     for (int a = 0; a < 3; ++a)
-        for (int v = 0; v < 256; ++v) ASSERT_EQ(p->bins[a][v], counts.bins[a][v] / total) << a << " " << v;
+        for (int v = 0; v < 256; ++v)
+            ASSERT_EQ(p->bins[a][v], counts.bins[a][v] / total) << a << " " << v;
     ASSERT_EQ(wzImageColorProfileForEqualization(p), 0u);
     for (auto &a : p->bins)
         for (float bin : a) ASSERT_EQ(bin, 0.00390625f);
     wzImageColorProfileReset(p);
     EXPECT_EQ(std::memcmp(p, &zero, sizeof zero), 0);
     ASSERT_EQ(wzImageColorProfileNormalize(p), 0u);
-    EXPECT_TRUE(std::isnan(p->bins[0][0]) && std::isnan(p->bins[1][128]) && std::isnan(p->bins[2][255]));
+    EXPECT_TRUE(std::isnan(p->bins[0][0]) && std::isnan(p->bins[1][128]) &&
+                std::isnan(p->bins[2][255]));
     wzImageColorProfileRelease(&p);
     EXPECT_EQ(p, nullptr);
     wzImageColorProfileRelease(&p);

@@ -41,9 +41,10 @@ TEST(ImageAccess, GetValAndInterpolation) {
     ImagePtr a = makeImage(2, 2, wzEncodingGray);
     const uint8_t levels[4] = {10, 20, 30, 40};
     std::memcpy(a->data, levels, 4);
-    const double cases[][3] = {{0.5, 0.0, 15.0},  {0.25, 0.5, 22.5}, {0.0, 0.5, 20.0}, {0.0, 0.0, 10.0},
-                               {-0.5, 0.0, 5.0},  // negative positions extrapolate from the right neighbour
-                               {0.0, -0.25, 5.0}, {1.0, 1.0, 40.0},  {1.0, 0.5, 30.0}, {0.5, 1.0, 35.0}};
+    const double cases[][3] = {
+        {0.5, 0.0, 15.0},  {0.25, 0.5, 22.5}, {0.0, 0.5, 20.0}, {0.0, 0.0, 10.0},
+        {-0.5, 0.0, 5.0},  // negative positions extrapolate from the right neighbour
+        {0.0, -0.25, 5.0}, {1.0, 1.0, 40.0},  {1.0, 0.5, 30.0}, {0.5, 1.0, 35.0}};
     for (const auto &c : cases) EXPECT_EQ(interp(a.get(), c[0], c[1]), c[2]) << c[0] << "," << c[1];
     a->type = 7;  // unknown type: 0.0
     EXPECT_EQ(getVal(a.get(), 1, 0), 0.0);
@@ -56,8 +57,12 @@ TEST(ImageAccess, GetValAndInterpolation) {
         HeaderPtr img(wzImageCreateHeaderWithType(w, h, wzEncodingBGR, type));
         img->data = raw.data() + 1;
         setRoi(img.get(), 3, 2, 1, 1);
-        const int32_t mask = type == wzType8U ? 0xFF : type == wzType16U ? 0xFFFF : type == wzType32F ? 0xFFFFFF : -1;
-        for (int i = 0; i < w * h; ++i) setElementAt(img.get(), i, static_cast<int32_t>(rng()) & mask);
+        const int32_t mask = type == wzType8U    ? 0xFF
+                             : type == wzType16U ? 0xFFFF
+                             : type == wzType32F ? 0xFFFFFF
+                                                 : -1;
+        for (int i = 0; i < w * h; ++i)
+            setElementAt(img.get(), i, static_cast<int32_t>(rng()) & mask);
         auto px = [&](int x, int y) { return elementAt(img.get(), y * w + x); };
         for (int k = 0; k < 300; ++k) {
             const int xi = rng() % (w - 1), yi = rng() % (h - 1);
@@ -65,7 +70,8 @@ TEST(ImageAccess, GetValAndInterpolation) {
             const double want = (1 - fx) * (1 - fy) * px(xi, yi) + fx * (1 - fy) * px(xi + 1, yi) +
                                 (1 - fx) * fy * px(xi, yi + 1) + fx * fy * px(xi + 1, yi + 1);
             ASSERT_EQ(getVal(img.get(), xi, yi + 1), px(xi, yi + 1)) << type;
-            ASSERT_EQ(interp(img.get(), xi + fx, yi + fy), want) << type << " " << xi + fx << "," << yi + fy;
+            ASSERT_EQ(interp(img.get(), xi + fx, yi + fy), want)
+                << type << " " << xi + fx << "," << yi + fy;
         }
     }
 }
@@ -89,7 +95,8 @@ TEST(ImageAccess, SetValStoreRulesAndSetZero) {
         ImagePtr img = makeImage(3, 2, wzEncodingARGB, c.type);
         setRoi(img.get(), 1, 1, 1, 1);
         wzImageSetVal(img.get(), c.value);
-        for (int i = 0; i < 24; ++i) ASSERT_EQ(elementAt(img.get(), i), c.stored) << c.type << " " << c.value;
+        for (int i = 0; i < 24; ++i)
+            ASSERT_EQ(elementAt(img.get(), i), c.stored) << c.type << " " << c.value;
         wzImageSetZero(img.get());
         EXPECT_EQ(snapshot(img.get()), std::vector<uint8_t>(blockBytes(img.get()), 0));
     }
@@ -124,8 +131,9 @@ TEST(ImageAccess, StatisticsStatusesInfinityAndNaN) {
     const struct {
         std::vector<float> v;
         double min, max;
-    } cases[] = {{{inf}, DBL_MAX, kInf},      {{inf, 5}, 5, DBL_MAX},          {{-inf}, -kInf, -DBL_MAX},
-                 {{-inf, 5, 3}, -DBL_MAX, 5}, {{nan, 2, nan, -1, nan}, -1, 2}, {{nan}, DBL_MAX, -DBL_MAX}};
+    } cases[] = {{{inf}, DBL_MAX, kInf},          {{inf, 5}, 5, DBL_MAX},
+                 {{-inf}, -kInf, -DBL_MAX},       {{-inf, 5, 3}, -DBL_MAX, 5},
+                 {{nan, 2, nan, -1, nan}, -1, 2}, {{nan}, DBL_MAX, -DBL_MAX}};
     for (const auto &c : cases) {
         ImagePtr f = makeImage(static_cast<int32_t>(c.v.size()), 1, wzEncodingGray, wzType32F);
         std::memcpy(f->data, c.v.data(), 4 * c.v.size());
@@ -164,7 +172,8 @@ TEST(ImageAccess, MinMaxAndNonZeroBoxOfRandomImages) {
                     else if (type >= wzType32F && rng() % 4 == 0)
                         setElementAt(img.get(), y * w + x, kNaN);
                     if (elementAt(img.get(), y * w + x) == 0) continue;
-                    x0 = std::min(x0, x), x1 = std::max(x1, x), y0 = std::min(y0, y), y1 = std::max(y1, y);
+                    x0 = std::min(x0, x), x1 = std::max(x1, x), y0 = std::min(y0, y),
+                    y1 = std::max(y1, y);
                 }
             const int rx = rng() % w, ry = rng() % h;
             setRoi(img.get(), rx, ry, 1 + rng() % (w - rx), 1 + rng() % (h - ry));
@@ -180,8 +189,8 @@ TEST(ImageAccess, MinMaxAndNonZeroBoxOfRandomImages) {
             uint32_t empty = 7;
             ASSERT_EQ(wzImageGetNonZeroROI(img.get(), &rect, &empty), 0u);
             EXPECT_EQ(empty, x1 < 0 ? 1u : 0u);
-            EXPECT_TRUE(x1 < 0 ||
-                        (rect.x == x0 && rect.y == y0 && rect.width == x1 - x0 + 1 && rect.height == y1 - y0 + 1))
+            EXPECT_TRUE(x1 < 0 || (rect.x == x0 && rect.y == y0 && rect.width == x1 - x0 + 1 &&
+                                   rect.height == y1 - y0 + 1))
                 << type << " " << w << "x" << h;
         }
 }
@@ -199,10 +208,13 @@ TEST(ImageAccess, Invert) {
 
     // Size or type mismatches and 16-bit images write nothing.
     ImagePtr tall = makeImage(3, 2, wzEncodingBGR), wide = makeImage(4, 1, wzEncodingBGR);
-    ImagePtr s16 = makeImage(3, 1, wzEncodingGray, wzType16U), d16 = makeImage(3, 1, wzEncodingGray, wzType16U);
+    ImagePtr s16 = makeImage(3, 1, wzEncodingGray, wzType16U),
+             d16 = makeImage(3, 1, wzEncodingGray, wzType16U);
     for (wzImage *d : {tall.get(), wide.get(), d16.get()}) std::memset(d->data, 77, blockBytes(d));
-    for (auto [s, d] :
-         {std::pair{a.get(), tall.get()}, {a.get(), wide.get()}, {s16.get(), d16.get()}, {a.get(), d16.get()}}) {
+    for (auto [s, d] : {std::pair{a.get(), tall.get()},
+                        {a.get(), wide.get()},
+                        {s16.get(), d16.get()},
+                        {a.get(), d16.get()}}) {
         EXPECT_EQ(wzImageInvert(s, d), 1u);
         EXPECT_EQ(snapshot(d), std::vector<uint8_t>(blockBytes(d), 77));
     }

@@ -42,12 +42,14 @@ TEST(AddWeighted, RandomBlendsAndSubstitutionsMatchTheFormula) {
                                    {wzEncodingARGB, wzEncodingBGR, wzEncodingGray}};
     enum { Masked = 256, Aliased, Substitute };  // after the weights 0..255
     for (const auto &e : configs) {
-        for (uint32_t op : {1u, 77u, 128u, 254u, uint32_t(Masked), uint32_t(Aliased), uint32_t(Substitute)}) {
+        for (uint32_t op :
+             {1u, 77u, 128u, 254u, uint32_t(Masked), uint32_t(Aliased), uint32_t(Substitute)}) {
             ImagePtr a = filled(12, 9, e[0], rng), b = filled(10, 8, e[1], rng);
             ImagePtr d = filled(11, 10, e[2], rng), mask = filled(13, 7, wzEncodingGray, rng);
             for (size_t i = 0; i < blockBytes(b.get()); ++i) b->data[i] &= rng() % 2 ? 0xFF : 0;
             wzImage *dst = op == Aliased ? b.get() : d.get();
-            if (op == Aliased && e[1] == wzEncodingGray && e[0] != wzEncodingGray) continue;  // 3 writes to 1 byte
+            if (op == Aliased && e[1] == wzEncodingGray && e[0] != wzEncodingGray)
+                continue;  // 3 writes to 1 byte
             setRoi(a.get(), 2, 1, 7, 6);
             setRoi(b.get(), 0, 2, 7, 6);
             setRoi(d.get(), 3, 3, 7, 6);
@@ -60,7 +62,8 @@ TEST(AddWeighted, RandomBlendsAndSubstitutionsMatchTheFormula) {
                 for (int x = 0; x < 7; ++x)
                     for (int c = 1; c <= 3; ++c) {  // a gray image has offset 0 for each
                         uint8_t &out = want[at(dst, x + ox, y + oy, c) - dst->data];
-                        const uint8_t p = *at(a.get(), x + 2, y + 1, c), q = *at(bCopy.get(), x, y + 2, c);
+                        const uint8_t p = *at(a.get(), x + 2, y + 1, c),
+                                      q = *at(bCopy.get(), x, y + 2, c);
                         if (op == Substitute)
                             out = q ? p : out;
                         else
@@ -70,7 +73,8 @@ TEST(AddWeighted, RandomBlendsAndSubstitutionsMatchTheFormula) {
                                 : op >= Masked   ? wzAddWeigthedM(a.get(), b.get(), dst, mask.get())
                                                  : wzAddWeigthedS(a.get(), b.get(), dst, op);
             ASSERT_EQ(st, 0u);
-            EXPECT_EQ(snapshot(dst), want) << "op " << op << " encodings " << e[0] << "/" << e[1] << "/" << e[2];
+            EXPECT_EQ(snapshot(dst), want)
+                << "op " << op << " encodings " << e[0] << "/" << e[1] << "/" << e[2];
         }
     }
 }

@@ -16,7 +16,9 @@ namespace {
 // library's table: the 8-bit index of each level, then the weighted sum with
 // the rounding half, on the type's scale.
 double grayRef(uint32_t type, const double v[3]) {
-    const double scale = type == wzType16U || type == wzType32S ? 1.0 / 256 : type == wzType32S24 ? 1.0 / 65536 : 1;
+    const double scale = type == wzType16U || type == wzType32S ? 1.0 / 256
+                         : type == wzType32S24                  ? 1.0 / 65536
+                                                                : 1;
     const int64_t weights[3] = {1868, 9617, 4899};
     int64_t sum = 8192;
     for (int k = 0; k < 3; ++k) {
@@ -41,16 +43,18 @@ TEST(CvtColor, GrayWorkedNumbersAndRefusals) {
     const struct {
         uint32_t type, enc;
         double bgr[3], want;
-    } cases[] = {{wzType8U, wzEncodingBGR, {255, 255, 255}, 255},
-                 {wzType8U, wzEncodingBGR, {0, 0, 0}, 0},
-                 {wzType8U, wzEncodingBGR, {255, 0, 0}, 29},
-                 {wzType8U, wzEncodingRGB, {0, 0, 255}, 76},
-                 {wzType16U, wzEncodingBGR, {65535, 65535, 65535}, 65408},
-                 {wzType32F, wzEncodingRGBA, {1, 1, 1}, 0.998046875},
-                 {wzType32S, wzEncodingBGR, {-5000, 65535, 65535}, (8192 + 9617 * 255 + 4899 * 255) >> 6},
-                 {wzType64F, wzEncodingARGB, {nan, 1e300, -1e300}, (8192.0 + 9617.0 * 255) / 4194304.0}};
+    } cases[] = {
+        {wzType8U, wzEncodingBGR, {255, 255, 255}, 255},
+        {wzType8U, wzEncodingBGR, {0, 0, 0}, 0},
+        {wzType8U, wzEncodingBGR, {255, 0, 0}, 29},
+        {wzType8U, wzEncodingRGB, {0, 0, 255}, 76},
+        {wzType16U, wzEncodingBGR, {65535, 65535, 65535}, 65408},
+        {wzType32F, wzEncodingRGBA, {1, 1, 1}, 0.998046875},
+        {wzType32S, wzEncodingBGR, {-5000, 65535, 65535}, (8192 + 9617 * 255 + 4899 * 255) >> 6},
+        {wzType64F, wzEncodingARGB, {nan, 1e300, -1e300}, (8192.0 + 9617.0 * 255) / 4194304.0}};
     for (const auto &c : cases) {
-        ImagePtr src = makeImage(1, 1, c.enc, c.type), dst = makeImage(1, 1, wzEncodingGray, c.type);
+        ImagePtr src = makeImage(1, 1, c.enc, c.type),
+                 dst = makeImage(1, 1, wzEncodingGray, c.type);
         std::memset(src->data, 0, blockBytes(src.get()));
         for (int k = 1; k <= 3; ++k) storeValue(c.type, at(src.get(), 0, 0, k), c.bgr[k - 1]);
         ASSERT_EQ(wzImageCvtColor(src.get(), dst.get()), 0u);
@@ -91,13 +95,17 @@ TEST(CvtColor, EveryPairMatchesReference) {
                     for (int x = 5; x < 20; ++x) {
                         double v[4];
                         for (int c = 1; c <= std::max(nd, 3); ++c)
-                            v[c - 1] = loadValue(
-                                type, c <= 3 || se == de ? at(src.get(), x - 2, y - 1, c) : at(dst.get(), x, y, c));
+                            v[c - 1] =
+                                loadValue(type, c <= 3 || se == de ? at(src.get(), x - 2, y - 1, c)
+                                                                   : at(dst.get(), x, y, c));
                         if (de == wzEncodingGray && se != wzEncodingGray) v[0] = grayRef(type, v);
                         for (int c = 1; c <= nd; ++c)
-                            storeValue(type, want.data() + (at(dst.get(), x, y, c) - dst->data), v[c - 1]);
+                            storeValue(type, want.data() + (at(dst.get(), x, y, c) - dst->data),
+                                       v[c - 1]);
                     }
-                ASSERT_EQ(se == de ? wzCopy(src.get(), dst.get()) : wzImageCvtColor(src.get(), dst.get()), 0u);
+                ASSERT_EQ(
+                    se == de ? wzCopy(src.get(), dst.get()) : wzImageCvtColor(src.get(), dst.get()),
+                    0u);
                 EXPECT_EQ(snapshot(dst.get()), want) << se << "->" << de << " type " << type;
             }
 }
@@ -113,7 +121,8 @@ TEST(Transpose, MirrorsAboutTheDiagonal) {
         const size_t pb = blockBytes(src.get()) / 6;
         for (int y = 0; y < 3; ++y)
             for (int x = 0; x < 2; ++x)
-                EXPECT_EQ(std::memcmp(dst->data + (y * 2 + x) * pb, src->data + (x * 3 + y) * pb, pb), 0)
+                EXPECT_EQ(
+                    std::memcmp(dst->data + (y * 2 + x) * pb, src->data + (x * 3 + y) * pb, pb), 0)
                     << type << " at " << x << "," << y;
     }
 }
@@ -137,9 +146,11 @@ TEST(ChannelMoves, ExtractAndInsertMatchTheChannelTables) {
             ASSERT_EQ(wzImageInsertChannel(p.get(), out.get(), c), 0u);
             for (int y = 0; y < 4; ++y)
                 for (int x = 0; x < 5; ++x) {
-                    ASSERT_EQ(std::memcmp(at(p.get(), x, y), at(src.get(), x + 2, y + 1, c), typeSize(type)), 0);
-                    std::memcpy(want.data() + (at(out.get(), x + 1, y + 2, c) - out->data), at(p.get(), x, y),
-                                typeSize(type));
+                    ASSERT_EQ(std::memcmp(at(p.get(), x, y), at(src.get(), x + 2, y + 1, c),
+                                          typeSize(type)),
+                              0);
+                    std::memcpy(want.data() + (at(out.get(), x + 1, y + 2, c) - out->data),
+                                at(p.get(), x, y), typeSize(type));
                 }
             EXPECT_EQ(snapshot(out.get()), want) << type << " channel " << c;
         }
@@ -148,7 +159,8 @@ TEST(ChannelMoves, ExtractAndInsertMatchTheChannelTables) {
     // lacks, and element sizes that differ (they would overflow the
     // destination pixel), are refused with nothing written.
     ImagePtr gray = makeImage(2, 1, wzEncodingGray), plane = makeImage(2, 1, wzEncodingGray);
-    ImagePtr rgba = makeImage(2, 1, wzEncodingRGBA), plane16 = makeImage(2, 1, wzEncodingGray, wzType16U);
+    ImagePtr rgba = makeImage(2, 1, wzEncodingRGBA),
+             plane16 = makeImage(2, 1, wzEncodingGray, wzType16U);
     gray->data[0] = 1, gray->data[1] = 2;
     ASSERT_EQ(wzImageExtractChannel(gray.get(), plane.get(), 2), 0u);
     EXPECT_EQ(snapshot(plane.get()), std::vector<uint8_t>({1, 2}));

@@ -43,15 +43,19 @@ double reference(Op op, uint32_t s, uint32_t d, double v, double low, double hig
         return isFloat(d) ? t : std::trunc(t * fullScaleOf(d));
     }
     if (op == Cut) {
-        const double r = v > high ? fullScaleOf(d) : v < low ? 0.0 : v * (fullScaleOf(d) / fullScaleOf(s));
+        const double r = v > high  ? fullScaleOf(d)
+                         : v < low ? 0.0
+                                   : v * (fullScaleOf(d) / fullScaleOf(s));
         return isFloat(d) ? r : std::trunc(r);
     }
     if (s == d || (isFloat(s) && isFloat(d))) return v;
     if (!isFloat(s) && !isFloat(d))  // the power of two between the bit scales
         return std::floor(std::ldexp(v, scaleBits(d) - scaleBits(s)));
     if (!isFloat(s))
-        return d == wzType32F ? static_cast<float>(v) / static_cast<float>(fullScaleOf(s)) : v / fullScaleOf(s);
-    return std::trunc(s == wzType32F ? static_cast<float>(v) * static_cast<float>(fullScaleOf(d)) : v * fullScaleOf(d));
+        return d == wzType32F ? static_cast<float>(v) / static_cast<float>(fullScaleOf(s))
+                              : v / fullScaleOf(s);
+    return std::trunc(s == wzType32F ? static_cast<float>(v) * static_cast<float>(fullScaleOf(d))
+                                     : v * fullScaleOf(d));
 }
 
 // n random elements after one spare byte, so that no element is aligned.
@@ -82,7 +86,8 @@ std::vector<uint8_t> randomBlock(uint32_t t, int64_t n, std::mt19937 &rng) {
 // One-element images; the band of the range and threshold rows is [lo, hi].
 // Integer conversions shift and wrap, float ones truncate and saturate.
 TEST(CvtType, WorkedValues) {
-    const uint32_t u8 = wzType8U, u16 = wzType16U, s32 = wzType32S, f32 = wzType32F, f64 = wzType64F;
+    const uint32_t u8 = wzType8U, u16 = wzType16U, s32 = wzType32S, f32 = wzType32F,
+                   f64 = wzType64F;
     const struct {
         Op op;
         uint32_t s;
@@ -111,7 +116,8 @@ TEST(CvtType, WorkedValues) {
         wzImage a = view(c.s, wzEncodingGray, 1, 1, src), b = view(c.d, wzEncodingGray, 1, 1, dst);
         ASSERT_EQ(run(c.op, &a, &b, c.lo, c.hi), 0u);
         const double got = loadValue(c.d, dst);
-        EXPECT_TRUE(got == c.want || (std::isnan(got) && std::isnan(c.want))) << "case " << &c - cases << ": " << got;
+        EXPECT_TRUE(got == c.want || (std::isnan(got) && std::isnan(c.want)))
+            << "case " << &c - cases << ": " << got;
     }
 }
 
@@ -184,7 +190,8 @@ TEST(CvtType, AllPairsOfEveryOperationMatchReference) {
                 block.resize(1 + n * std::max(typeSize(s), ds));
                 a.data = b.data = block.data() + 1;
                 ASSERT_EQ(wzImageCvtType(&a, &b), 0u);
-                EXPECT_EQ(std::memcmp(b.data, want.data() + 1, n * ds), 0) << "in place " << s << "->" << d;
+                EXPECT_EQ(std::memcmp(b.data, want.data() + 1, n * ds), 0)
+                    << "in place " << s << "->" << d;
             }
         }
     }

@@ -20,13 +20,16 @@ Bytes saveBytes(const wzImage *img, wzStatus *status) {
     return saveToBytes([img](FILE *f) { return wzImageDumpSave(img, f); }, status);
 }
 
-ImagePtr loadBytes(const Bytes &bytes, size_t n) { return ImagePtr(loadPrefix(wzImageDumpLoad, bytes, n)); }
+ImagePtr loadBytes(const Bytes &bytes, size_t n) {
+    return ImagePtr(loadPrefix(wzImageDumpLoad, bytes, n));
+}
 
 // Little-endian 32-bit words.
 Bytes words(std::initializer_list<int64_t> values) {
     Bytes b;
     for (int64_t v : values)
-        for (int k = 0; k < 4; ++k) b.push_back(static_cast<uint8_t>(static_cast<uint64_t>(v) >> (8 * k)));
+        for (int k = 0; k < 4; ++k)
+            b.push_back(static_cast<uint8_t>(static_cast<uint64_t>(v) >> (8 * k)));
     return b;
 }
 
@@ -47,19 +50,22 @@ TEST(ImageDump, LayoutTruncationAndRoundTrip) {
     for (uint32_t type : kAllTypes)
         for (uint32_t enc : kAllEncodings) {
             ImagePtr img = makeImage(1 + rng() % 9, 1 + rng() % 9, enc, type);
-            for (size_t i = 0; i < blockBytes(img.get()); ++i) img->data[i] = static_cast<uint8_t>(rng());
+            for (size_t i = 0; i < blockBytes(img.get()); ++i)
+                img->data[i] = static_cast<uint8_t>(rng());
             setRoi(img.get(), any(), any(), any(), any());
             wzImageSetCOI(img.get(), any());
             const wzRect r = img->roi;
-            Bytes want = words({type, enc, img->height, img->width, 0, r.x, r.y, r.width, r.height, img->coi});
+            Bytes want = words(
+                {type, enc, img->height, img->width, 0, r.x, r.y, r.width, r.height, img->coi});
             want.insert(want.end(), img->data, img->data + blockBytes(img.get()));
             wzStatus st = 1;
             dumps.push_back(saveBytes(img.get(), &st));
             EXPECT_EQ(st, 0u);
             ASSERT_EQ(dumps.back(), want) << type << " " << enc;
-            for (size_t n :
-                 {size_t{0}, size_t{4}, size_t{39}, size_t{40}, 40 + rng() % (want.size() - 40), want.size() - 1})
-                EXPECT_EQ(loadBytes(want, n).get(), nullptr) << type << " " << enc << " cut at " << n;
+            for (size_t n : {size_t{0}, size_t{4}, size_t{39}, size_t{40},
+                             40 + rng() % (want.size() - 40), want.size() - 1})
+                EXPECT_EQ(loadBytes(want, n).get(), nullptr)
+                    << type << " " << enc << " cut at " << n;
             all.insert(all.end(), want.begin(), want.end());
         }
     FilePtr f(std::tmpfile(), std::fclose);
@@ -95,7 +101,8 @@ TEST(ImageDump, HostileHeadersLoadAsNull) {
     for (const auto &c : cases) {
         Bytes b = words({c[0], c[1], c[2], c[3], 0, 0, 0, c[3], c[2], 0});
         b.resize(b.size() + 256, 0x5A);  // a payload is there to read
-        EXPECT_EQ(loadBytes(b, b.size()).get(), nullptr) << c[0] << " " << c[1] << " " << c[2] << "x" << c[3];
+        EXPECT_EQ(loadBytes(b, b.size()).get(), nullptr)
+            << c[0] << " " << c[1] << " " << c[2] << "x" << c[3];
     }
 }
 
@@ -103,8 +110,10 @@ TEST(ImageDump, EmptyBlocksAndFailedWrites) {
     // An empty block (0 x 5), an unknown type, negative sizes (a positive
     // product): the header goes out, the missing payload reports failure and
     // the block is not read; an invalid encoding writes nothing at all.
-    const int32_t cases[][5] = {
-        {wzType8U, 0, 5, 0, 40}, {9, 0, 2, 2, 40}, {wzType8U, 0, -2, -2, 40}, {wzType8U, 5, 2, 2, 0}};
+    const int32_t cases[][5] = {{wzType8U, 0, 5, 0, 40},
+                                {9, 0, 2, 2, 40},
+                                {wzType8U, 0, -2, -2, 40},
+                                {wzType8U, 5, 2, 2, 0}};
     for (const auto &c : cases) {
         const wzImage h{uint32_t(c[0]), uint32_t(c[1]), c[2], c[3], nullptr, {}, 0};
         wzStatus st = 0;

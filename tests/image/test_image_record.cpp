@@ -11,16 +11,20 @@ TEST(ImageRecord, CreateAndRelease) {
     ImagePtr img = makeImage(4, 3, wzEncodingBGR, wzType16U);
     ASSERT_TRUE(img);
     const wzRect r = img->roi;
-    EXPECT_TRUE(img->height == 3 && img->width == 4 && r.x == 0 && r.y == 0 && r.width == 4 && r.height == 3 &&
-                img->coi == 0);
+    EXPECT_TRUE(img->height == 3 && img->width == 4 && r.x == 0 && r.y == 0 && r.width == 4 &&
+                r.height == 3 && img->coi == 0);
     std::memset(img->data, 0xAB, 72);  // the block holds 72 bytes (AddressSanitizer checks)
     ImagePtr as(wzImageCreateAs(img.get()));
     ASSERT_TRUE(as);
     EXPECT_TRUE(as->type == wzType16U && as->width == 4 && as->data != img->data);
     // An invalid encoding, negative sizes (two of them make a positive product), overflow.
-    const int32_t refused[][4] = {
-        {4, 3, 5, 0}, {-4, 3, 0, 0}, {4, -3, 0, 0}, {-4, -3, 0, 0}, {INT32_MAX, INT32_MAX, wzEncodingRGBA, wzType64F}};
-    for (const auto &c : refused) EXPECT_EQ(makeImage(c[0], c[1], c[2], c[3]).get(), nullptr) << c[0];
+    const int32_t refused[][4] = {{4, 3, 5, 0},
+                                  {-4, 3, 0, 0},
+                                  {4, -3, 0, 0},
+                                  {-4, -3, 0, 0},
+                                  {INT32_MAX, INT32_MAX, wzEncodingRGBA, wzType64F}};
+    for (const auto &c : refused)
+        EXPECT_EQ(makeImage(c[0], c[1], c[2], c[3]).get(), nullptr) << c[0];
     EXPECT_TRUE(makeImage(0, 5, wzEncodingGray));     // an empty block is an image
     EXPECT_TRUE(makeImage(3, 3, wzEncodingGray, 7));  // unknown type: element size 0
 
@@ -51,13 +55,15 @@ TEST(ImageRecord, ChannelTablesAndStrides) {
             EXPECT_EQ(wzGetChannelOffsetFromEncoding(e, c), offsets[e][c]) << e << "," << c;
     }
     // In bytes, failures scaled too: 6, 4, 2, 0 and -2 for a 16-bit ARGB image.
-    ImagePtr argb16 = makeImage(2, 2, wzEncodingARGB, wzType16U), gray = makeImage(2, 2, wzEncodingGray);
+    ImagePtr argb16 = makeImage(2, 2, wzEncodingARGB, wzType16U),
+             gray = makeImage(2, 2, wzEncodingGray);
     for (int32_t c = 1; c <= 5; ++c) EXPECT_EQ(wzImageGetChannelOffset(argb16.get(), c), 8 - 2 * c);
     for (int32_t c : {1, 2, 3, 7}) EXPECT_EQ(wzImageGetChannelOffset(gray.get(), c), 0);
     EXPECT_EQ(wzImageGetNChannel(argb16.get()), 4);
 
     // Gray against colour is incompatible, and so is any invalid encoding.
-    const uint32_t pairs[][3] = {{1, 4, 0}, {3, 2, 0}, {0, 0, 0}, {0, 1, 1}, {2, 0, 1}, {5, 5, 1}, {0, 5, 1}};
+    const uint32_t pairs[][3] = {{1, 4, 0}, {3, 2, 0}, {0, 0, 0}, {0, 1, 1},
+                                 {2, 0, 1}, {5, 5, 1}, {0, 5, 1}};
     for (const auto &p : pairs) {
         wzImage a{}, b{};
         a.encoding = p[0], b.encoding = p[1];
@@ -69,7 +75,8 @@ TEST(ImageRecord, ChannelTablesAndStrides) {
     setRoi(img.get(), 2, 1, 4, 3);
     int32_t out[3] = {};
     wzImageExtractDerivedMembers(img.get(), out);
-    EXPECT_TRUE(out[0] == 16 && out[1] == 160 && out[2] == 96) << out[0] << " " << out[1] << " " << out[2];
+    EXPECT_TRUE(out[0] == 16 && out[1] == 160 && out[2] == 96)
+        << out[0] << " " << out[1] << " " << out[2];
     wzImageResetROI(img.get());
     const wzRect r = img->roi;
     EXPECT_TRUE(r.x == 0 && r.y == 0 && r.width == 10 && r.height == 2);

@@ -31,12 +31,16 @@ struct GuardedBlock {
     explicit GuardedBlock(size_t size, bool atStart = false) {
         const size_t page = size_t(sysconf(_SC_PAGESIZE)), span = (size + page - 1) / page * page;
         total = span + 2 * page;
-        base = static_cast<uint8_t *>(mmap(nullptr, total, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        if (base == MAP_FAILED || (span && mprotect(base + page, span, PROT_READ | PROT_WRITE) != 0))
+        base = static_cast<uint8_t *>(
+            mmap(nullptr, total, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        if (base == MAP_FAILED ||
+            (span && mprotect(base + page, span, PROT_READ | PROT_WRITE) != 0))
             throw std::bad_alloc();
         data = base + page + (atStart ? 0 : span - size);
     }
-    explicit GuardedBlock(const Bytes &init) : GuardedBlock(init.size()) { std::copy(init.begin(), init.end(), data); }
+    explicit GuardedBlock(const Bytes &init) : GuardedBlock(init.size()) {
+        std::copy(init.begin(), init.end(), data);
+    }
     ~GuardedBlock() { munmap(base, total); }
     GuardedBlock(const GuardedBlock &) = delete;
     uint8_t *base, *data;
@@ -60,9 +64,13 @@ inline void fillBytes(uint8_t *p, size_t n, std::mt19937 &rng) {
     for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(rng());
 }
 inline Bytes bytesAt(const uint8_t *p, size_t n) { return Bytes(p, p + n); }
-inline int offsetOf(uint32_t enc, int channel) { return wzGetChannelOffsetFromEncoding(enc, channel); }
+inline int offsetOf(uint32_t enc, int channel) {
+    return wzGetChannelOffsetFromEncoding(enc, channel);
+}
 inline size_t channels(uint32_t enc) { return size_t(wzGetNChannelFromEncoding(enc)); }
-inline size_t blockSize(int32_t w, int32_t h, uint32_t enc) { return size_t(w) * size_t(h) * channels(enc); }
+inline size_t blockSize(int32_t w, int32_t h, uint32_t enc) {
+    return size_t(w) * size_t(h) * channels(enc);
+}
 
 // The largest of channels 1-3 of the pixel at p.
 inline uint8_t brightnessOf(uint32_t enc, const uint8_t *p) {
@@ -91,7 +99,8 @@ struct RowKernel {
     std::function<void(Isa, const uint8_t *, uint8_t *, size_t)> run;
     // Writes the expected row over `dst`, which holds the row's prior bytes.
     std::function<void(const uint8_t *src, uint8_t *dst, size_t n)> rule;
-    std::function<void(uint8_t *, size_t, std::mt19937 &)> fill;  // n source items; null: random bytes
+    std::function<void(uint8_t *, size_t, std::mt19937 &)>
+        fill;  // n source items; null: random bytes
 };
 
 // Every variant on rows of 0 to 67 items and a few wide ones that reach the
@@ -105,8 +114,10 @@ inline void checkRowKernel(const RowKernel &k, std::mt19937 &rng, const std::str
         for (size_t n : lengths)
             for (bool inPlace : {false, true}) {
                 if (inPlace && k.inPlaceUnit == 0) continue;
-                SCOPED_TRACE(what + " " + isaName(isa) + " n " + std::to_string(n) + (inPlace ? " in place" : ""));
-                const size_t srcBytes = n * (inPlace ? k.inPlaceUnit : k.srcUnit), dstBytes = n * k.dstUnit;
+                SCOPED_TRACE(what + " " + isaName(isa) + " n " + std::to_string(n) +
+                             (inPlace ? " in place" : ""));
+                const size_t srcBytes = n * (inPlace ? k.inPlaceUnit : k.srcUnit),
+                             dstBytes = n * k.dstUnit;
                 GuardedBlock src(srcBytes, (n + inPlace) % 2 == 0), dst(dstBytes, n % 3 == 0);
                 fillBytes(src.data, srcBytes, rng);
                 fillBytes(dst.data, dstBytes, rng);
@@ -140,8 +151,10 @@ template <class Op, class Pixel>
 void checkImageOp(uint32_t se, uint32_t de, bool regions, int wider, const Shifts &shifts,
                   std::mt19937 &rng, Op op, Pixel pixel) {
     for (int round = 0; round < 12; ++round) {
-        SCOPED_TRACE(std::to_string(se) + " -> " + std::to_string(de) + " round " + std::to_string(round));
-        const int32_t w = 1 + int32_t(rng() % 90), h = 1 + int32_t(rng() % 4), dw = w + int32_t(rng() % (wider + 1));
+        SCOPED_TRACE(std::to_string(se) + " -> " + std::to_string(de) + " round " +
+                     std::to_string(round));
+        const int32_t w = 1 + int32_t(rng() % 90), h = 1 + int32_t(rng() % 4),
+                      dw = w + int32_t(rng() % (wider + 1));
         const wzRect sroi = regions ? randomRegion(w, h, rng) : wzRect{0, 0, w, h};
         wzRect droi{0, 0, sroi.width, sroi.height};
         if (regions) {
@@ -162,7 +175,8 @@ void checkImageOp(uint32_t se, uint32_t de, bool regions, int wider, const Shift
             GuardedBlock b(bytes);
             fillBytes(b.data, bytes, rng);
             expect = bytesAt(b.data, bytes);
-            HeaderPtr s1 = header(w, h, se, b.data, sroi), d1 = header(w, h, de, b.data + shift, sroi);
+            HeaderPtr s1 = header(w, h, se, b.data, sroi),
+                      d1 = header(w, h, de, b.data + shift, sroi);
             forRegions(*s1, expect.data(), *d1, expect.data() + shift, pixel);
             ASSERT_EQ(op(s1.get(), d1.get()), 0u);
             ASSERT_EQ(bytesAt(b.data, bytes), expect) << "shift " << shift;

@@ -15,8 +15,10 @@ struct Pair {
     uint32_t from, to;
     size_t fromSize, toSize;
 };
-constexpr Pair kPairs[] = {{wzType8U, wzType32F, 1, 4}, {wzType32F, wzType8U, 4, 1},
-                           {wzType8U, wzType16U, 1, 2}, {wzType16U, wzType8U, 2, 1}};
+constexpr Pair kPairs[] = {{wzType8U, wzType32F, 1, 4},
+                           {wzType32F, wzType8U, 4, 1},
+                           {wzType8U, wzType16U, 1, 2},
+                           {wzType16U, wzType8U, 2, 1}};
 
 // The documented rule for element i of `src`, written to `out`.
 void ruleElement(const Pair &p, const uint8_t *src, size_t i, uint8_t *out) {
@@ -24,9 +26,12 @@ void ruleElement(const Pair &p, const uint8_t *src, size_t i, uint8_t *out) {
         const float prod = loadRaw<float>(src + 4 * i) * 255.0f;
         // Truncation saturated to 32 bits (NaN to 0), low byte kept.
         int32_t t = INT32_MAX;
-        if (std::isnan(prod)) t = 0;
-        else if (prod <= -2147483648.0f) t = INT32_MIN;
-        else if (prod < 2147483648.0f) t = static_cast<int32_t>(prod);
+        if (std::isnan(prod))
+            t = 0;
+        else if (prod <= -2147483648.0f)
+            t = INT32_MIN;
+        else if (prod < 2147483648.0f)
+            t = static_cast<int32_t>(prod);
         *out = static_cast<uint8_t>(t);
     } else if (p.to == wzType32F) {
         storeValue(p.to, out, static_cast<float>(src[i]) / 255.0f);
@@ -43,10 +48,29 @@ void fillSource(const Pair &p, uint8_t *src, size_t n, std::mt19937 &rng) {
     if (p.from != wzType32F) return fillBytes(src, n * p.fromSize, rng);
     const float edge = 2147483648.0f / 255.0f, inf = std::numeric_limits<float>::infinity(),
                 nan = std::numeric_limits<float>::quiet_NaN(), big = 1e30f;
-    const float specials[] = {0.0f, -0.0f, 1.0f, 0.999f, 1.0f / 255.0f, 0.5f, -0.5f, -1.0f, edge, -edge,
-                              std::nextafter(edge, 0.0f), std::nextafter(edge, big), std::nextafter(-edge, 0.0f),
-                              std::nextafter(-edge, -big), big, -big, inf, -inf, nan, -nan,
-                              std::numeric_limits<float>::denorm_min(), 255.5f / 255.0f, 256.0f / 255.0f};
+    const float specials[] = {0.0f,
+                              -0.0f,
+                              1.0f,
+                              0.999f,
+                              1.0f / 255.0f,
+                              0.5f,
+                              -0.5f,
+                              -1.0f,
+                              edge,
+                              -edge,
+                              std::nextafter(edge, 0.0f),
+                              std::nextafter(edge, big),
+                              std::nextafter(-edge, 0.0f),
+                              std::nextafter(-edge, -big),
+                              big,
+                              -big,
+                              inf,
+                              -inf,
+                              nan,
+                              -nan,
+                              std::numeric_limits<float>::denorm_min(),
+                              255.5f / 255.0f,
+                              256.0f / 255.0f};
     for (size_t i = 0; i < n; ++i) {
         const float v = rng() % 4 ? std::uniform_real_distribution<float>(-2.0f, 3.0f)(rng)
                                   : specials[rng() % std::size(specials)];
@@ -83,9 +107,12 @@ TEST(KernelCvtType, OverlappingBlocksEqualTheElementLoop) {
                     Bytes plain(span);
                     fillSource(p, plain.data() + 10, n, rng);
                     GuardedBlock block(plain);
-                    morven::convertElements(kernels(Isa::Portable), p.from, p.to, &plain[10], &plain[10 + shift], int64_t(n));
-                    morven::convertElements(kernels(isa), p.from, p.to, block.data + 10, block.data + 10 + shift, int64_t(n));
+                    morven::convertElements(kernels(Isa::Portable), p.from, p.to, &plain[10],
+                                            &plain[10 + shift], int64_t(n));
+                    morven::convertElements(kernels(isa), p.from, p.to, block.data + 10,
+                                            block.data + 10 + shift, int64_t(n));
                     ASSERT_EQ(bytesAt(block.data, span), plain)
-                        << isaName(isa) << " " << p.from << "->" << p.to << " n " << n << " shift " << shift;
+                        << isaName(isa) << " " << p.from << "->" << p.to << " n " << n << " shift "
+                        << shift;
                 }
 }

@@ -8,7 +8,9 @@ using namespace kernel_test;
 
 namespace {
 
-uint8_t formulaGray(int b, int g, int r) { return uint8_t((8192 + 1868 * b + 9617 * g + 4899 * r) >> 14); }
+uint8_t formulaGray(int b, int g, int r) {
+    return uint8_t((8192 + 1868 * b + 9617 * g + 4899 * r) >> 14);
+}
 
 uint8_t grayOf(uint32_t enc, const uint8_t *p) {
     return formulaGray(p[offsetOf(enc, 1)], p[offsetOf(enc, 2)], p[offsetOf(enc, 3)]);
@@ -21,7 +23,8 @@ constexpr uint32_t kColour[] = {wzEncodingBGR, wzEncodingRGB, wzEncodingARGB, wz
 TEST(KernelGray, EveryColourGivesTheFormulaInEveryVariant) {
     for (int v = 0; v < 256; ++v)  // the public table holds the formula's terms
         ASSERT_TRUE(wz_toGray_tab[v] == 8192 + 1868 * v && wz_toGray_tab[256 + v] == 9617 * v &&
-                    wz_toGray_tab[512 + v] == 4899 * v) << v;
+                    wz_toGray_tab[512 + v] == 4899 * v)
+            << v;
     // All 2^24 colours as one BGR row, ending at a guard page.
     constexpr size_t kColours = size_t{1} << 24;
     GuardedBlock src(3 * kColours);
@@ -48,10 +51,12 @@ TEST(KernelGray, GrayAndBrightnessRowsOfEveryLayout) {
             const size_t n = channels(enc);
             checkRowKernel({n, 1, 0,
                             [&](Isa isa, const uint8_t *s, uint8_t *d, size_t k) {
-                                (gray ? kernels(isa).grayRow : kernels(isa).brightnessRow)(s, int32_t(n), off, d, k);
+                                (gray ? kernels(isa).grayRow : kernels(isa).brightnessRow)(
+                                    s, int32_t(n), off, d, k);
                             },
                             [&](const uint8_t *s, uint8_t *d, size_t k) {
-                                for (size_t i = 0; i < k; ++i) d[i] = (gray ? grayOf : brightnessOf)(enc, s + i * n);
+                                for (size_t i = 0; i < k; ++i)
+                                    d[i] = (gray ? grayOf : brightnessOf)(enc, s + i * n);
                             },
                             nullptr},
                            rng, (gray ? "gray " : "brightness ") + std::to_string(enc));

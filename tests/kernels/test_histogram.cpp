@@ -1,7 +1,7 @@
 // Counting in sub-tables: colour profiles, brightness histograms and the
 // byte and channel counters against plain counting, also across flushes.
-#include "kernels/count.hpp"
 #include "kernel_support.hpp"
+#include "kernels/count.hpp"
 
 using namespace kernel_test;
 
@@ -14,7 +14,8 @@ TEST(KernelHistogram, ProfilesHistogramsAndByteCountsEqualPlainCounting) {
     for (uint32_t enc : kAllEncodings)
         for (int round = 0; round < 20; ++round) {
             SCOPED_TRACE(std::to_string(enc) + " round " + std::to_string(round));
-            const int32_t w = 1 + int32_t(rng() % (round % 4 == 3 ? 8192 : 140)), h = 1 + int32_t(rng() % 5);
+            const int32_t w = 1 + int32_t(rng() % (round % 4 == 3 ? 8192 : 140)),
+                          h = 1 + int32_t(rng() % 5);
             const size_t bytes = blockSize(w, h, enc);
             const wzRect roi = randomRegion(w, h, rng);
             GuardedBlock b(bytes);
@@ -27,7 +28,8 @@ TEST(KernelHistogram, ProfilesHistogramsAndByteCountsEqualPlainCounting) {
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < w; ++x) {
                     const uint8_t *p = b.data + (size_t(y) * w + x) * channels(enc);
-                    const bool inside = x >= roi.x && y >= roi.y && x < roi.x + roi.width && y < roi.y + roi.height;
+                    const bool inside =
+                        x >= roi.x && y >= roi.y && x < roi.x + roi.width && y < roi.y + roi.height;
                     for (int c = 1; c <= 3 && inside; ++c)  // array 3 - c holds channel c
                         expectProfile.bins[3 - c][p[offsetOf(enc, c)]] += 1.0f;
                     expectHist[brightnessOf(enc, p)] += 1.0f;
@@ -67,9 +69,11 @@ TEST(KernelHistogram, RunsOfOneValueAcrossFlushesCountExactly) {
             for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = uint8_t(20 + i % size_t(stride));
             morven::ChannelCounter channels(window);
             for (size_t at = 0, piece; at < n; at += piece)
-                channels.add(pixels.data() + at * size_t(stride), stride, o, piece = std::min(n - at, size_t(1 + rng() % 900)));
+                channels.add(pixels.data() + at * size_t(stride), stride, o,
+                             piece = std::min(n - at, size_t(1 + rng() % 900)));
             for (int a = 0; a < 3; ++a)  // array a holds the byte at o[2 - a]
-                ASSERT_EQ(channels.totals(a)[20 + o[2 - a]], n) << window << " stride " << stride << " array " << a;
+                ASSERT_EQ(channels.totals(a)[20 + o[2 - a]], n)
+                    << window << " stride " << stride << " array " << a;
         }
     }
     for (uint32_t enc : {wzEncodingGray, wzEncodingBGR, wzEncodingRGBA})

@@ -14,9 +14,10 @@ TEST(KernelLut, RowKernelMatchesTheTablesInEveryVariant) {
     struct Layout {
         int stride, slot[4];
     };
-    const Layout layouts[] = {{1, {0, -1, -1, -1}}, {3, {0, 1, 2, -1}}, {3, {2, 0, 1, -1}}, {3, {0, 0, 0, -1}},
-                              {3, {1, -1, 1, -1}},  {3, {0, 1, 0, -1}}, {4, {0, 1, 2, -1}}, {4, {-1, 2, 1, 0}},
-                              {4, {0, 0, 0, -1}},   {4, {0, 1, 2, 3}},  {4, {-1, -1, -1, -1}}};
+    const Layout layouts[] = {{1, {0, -1, -1, -1}}, {3, {0, 1, 2, -1}},   {3, {2, 0, 1, -1}},
+                              {3, {0, 0, 0, -1}},   {3, {1, -1, 1, -1}},  {3, {0, 1, 0, -1}},
+                              {4, {0, 1, 2, -1}},   {4, {-1, 2, 1, 0}},   {4, {0, 0, 0, -1}},
+                              {4, {0, 1, 2, 3}},    {4, {-1, -1, -1, -1}}};
     for (const Layout &lay : layouts) {
         morven::LutLayout layout{lay.stride, {nullptr, nullptr, nullptr, nullptr}};
         for (int k = 0; k < lay.stride; ++k)
@@ -28,7 +29,8 @@ TEST(KernelLut, RowKernelMatchesTheTablesInEveryVariant) {
                         },
                         [&](const uint8_t *s, uint8_t *d, size_t n) {
                             for (size_t i = 0; i < n * stride; ++i)
-                                if (const int slot = lay.slot[i % stride]; slot >= 0) d[i] = tables[slot][s[i]];
+                                if (const int slot = lay.slot[i % stride]; slot >= 0)
+                                    d[i] = tables[slot][s[i]];
                         },
                         nullptr},
                        rng, "layout " + std::to_string(&lay - layouts));
@@ -44,16 +46,17 @@ TEST(KernelLut, MatchApplyOverRegionsAndOverlaps) {
     fillBytes(table, sizeof table, rng);
     for (uint32_t se : kAllEncodings)
         for (uint32_t de : kAllEncodings)
-            checkImageOp(se, de, true, 2, se == de ? Shifts{0, 1, 5} : Shifts{}, rng,
-                         [&](const wzImage *s, wzImage *d) {
-                             return wzHistogramMatchApply(nullptr, table, s, d, nullptr);
-                         },
-                         [&](const uint8_t *s, uint8_t *d) {
-                             if (se == wzEncodingGray) return void(*d = table[*s]);
-                             uint8_t v[3];
-                             for (int c = 0; c < 3; ++c) v[c] = table[256 * c + s[offsetOf(se, c + 1)]];
-                             for (int c = 0; c < 3; ++c) d[offsetOf(de, c + 1)] = v[c];
-                         });
+            checkImageOp(
+                se, de, true, 2, se == de ? Shifts{0, 1, 5} : Shifts{}, rng,
+                [&](const wzImage *s, wzImage *d) {
+                    return wzHistogramMatchApply(nullptr, table, s, d, nullptr);
+                },
+                [&](const uint8_t *s, uint8_t *d) {
+                    if (se == wzEncodingGray) return void(*d = table[*s]);
+                    uint8_t v[3];
+                    for (int c = 0; c < 3; ++c) v[c] = table[256 * c + s[offsetOf(se, c + 1)]];
+                    for (int c = 0; c < 3; ++c) d[offsetOf(de, c + 1)] = v[c];
+                });
 }
 
 // Whole images, channels 1-3 (or the gray byte) through the curve; a colour
@@ -67,11 +70,14 @@ TEST(KernelLut, ContrastApplyAcrossLayoutsAndOverlaps) {
         for (uint32_t de : kAllEncodings) {
             const bool gray = se == wzEncodingGray;
             if (gray != (de == wzEncodingGray)) continue;
-            checkImageOp(se, de, false, gray ? 0 : 2, se == de ? Shifts{0, 2, 7} : Shifts{}, rng,
-                         [&](const wzImage *s, wzImage *d) { return wzContrastEnhanceApply(curve, s, d, nullptr); },
-                         [&](const uint8_t *s, uint8_t *d) {
-                             for (int c = 1; c <= (gray ? 1 : 3); ++c)
-                                 d[offsetOf(de, c)] = curve[s[offsetOf(se, c)]];
-                         });
+            checkImageOp(
+                se, de, false, gray ? 0 : 2, se == de ? Shifts{0, 2, 7} : Shifts{}, rng,
+                [&](const wzImage *s, wzImage *d) {
+                    return wzContrastEnhanceApply(curve, s, d, nullptr);
+                },
+                [&](const uint8_t *s, uint8_t *d) {
+                    for (int c = 1; c <= (gray ? 1 : 3); ++c)
+                        d[offsetOf(de, c)] = curve[s[offsetOf(se, c)]];
+                });
         }
 }

@@ -29,28 +29,34 @@ struct Scene {
 
 // Runs the kernels of `isa` (null: the table-driven pass) on copies of the
 // scene in guarded blocks; returns the block holding the output.
-Bytes run(const Isa *isa, const Scene &s, const wzSelectiveSmoothParams &p, const wzSelectiveSmoothSupport *support,
-          const uint32_t *cancel, wzStatus want = 0) {
+Bytes run(const Isa *isa, const Scene &s, const wzSelectiveSmoothParams &p,
+          const wzSelectiveSmoothSupport *support, const uint32_t *cancel, wzStatus want = 0) {
     GuardedBlock gb(s.guide), xb(s.input), ob(s.output);
-    uint8_t *out = s.inPlace ? xb.data : s.below ? xb.data + size_t(s.w) * channels(s.encX) : ob.data;
+    uint8_t *out = s.inPlace ? xb.data
+                   : s.below ? xb.data + size_t(s.w) * channels(s.encX)
+                             : ob.data;
     const wzRect all{0, 0, s.w, s.h};
-    HeaderPtr g = header(s.w, s.h, s.encG, gb.data, all), x = header(s.w, s.h, s.encX, xb.data, all),
+    HeaderPtr g = header(s.w, s.h, s.encG, gb.data, all),
+              x = header(s.w, s.h, s.encX, xb.data, all),
               o = header(s.w, s.h, s.inPlace ? s.encX : s.encO, out, all);
-    EXPECT_EQ(morven::selectiveSmoothWith(isa ? &kernels(*isa) : nullptr, &p, support, s.guideIsInput ? x.get() : g.get(), x.get(), o.get(),
-                                          cancel), want);
+    EXPECT_EQ(
+        morven::selectiveSmoothWith(isa ? &kernels(*isa) : nullptr, &p, support,
+                                    s.guideIsInput ? x.get() : g.get(), x.get(), o.get(), cancel),
+        want);
     return out == ob.data ? bytesAt(ob.data, s.output.size()) : bytesAt(xb.data, s.input.size());
 }
 
 // Every kernel table gives the table-driven pass's bytes, with and without
 // a cancel flag that is never set.
-void expectSameAsScalar(const Scene &s, const wzSelectiveSmoothParams &p, const wzSelectiveSmoothSupport *support) {
+void expectSameAsScalar(const Scene &s, const wzSelectiveSmoothParams &p,
+                        const wzSelectiveSmoothSupport *support) {
     const uint32_t noCancel = 0;
     const Bytes want = run(nullptr, s, p, support, nullptr);
     for (Isa isa : availableIsas())
         for (const uint32_t *cancel : {static_cast<const uint32_t *>(nullptr), &noCancel})
-            ASSERT_EQ(run(&isa, s, p, support, cancel), want) << isaName(isa) << (cancel ? " with flag " : " ")
-                                                             << s.w << "x" << s.h << " t=" << p.threshold
-                                                             << " passes=" << p.iterations;
+            ASSERT_EQ(run(&isa, s, p, support, cancel), want)
+                << isaName(isa) << (cancel ? " with flag " : " ") << s.w << "x" << s.h
+                << " t=" << p.threshold << " passes=" << p.iterations;
 }
 
 // A BGR scene whose three channels hold f(column, row) = {guide, input}.
@@ -70,18 +76,27 @@ Scene patterned(int32_t w, int32_t h, F f) {
 // threshold) or random; inputs from narrow to the full range, or at its ends.
 Scene randomScene(int32_t w, int32_t h, std::mt19937 &rng) {
     const uint32_t colour[] = {wzEncodingBGR, wzEncodingRGB, wzEncodingARGB, wzEncodingRGBA};
-    Scene s{w, h, colour[rng() % 4], colour[rng() % 4], colour[rng() % 4], rng() % 8 == 0, rng() % 4 == 0};
+    Scene s{w,
+            h,
+            colour[rng() % 4],
+            colour[rng() % 4],
+            colour[rng() % 4],
+            rng() % 8 == 0,
+            rng() % 4 == 0};
     s.below = !s.inPlace && rng() % 6 == 0;
     s.guide.resize(blockSize(w, h, s.encG));
     s.output.resize(blockSize(w, h, s.encO));
-    s.input.resize(std::max(blockSize(w, h, s.encX), s.below ? blockSize(w, 1, s.encX) + s.output.size() : 0));
+    s.input.resize(
+        std::max(blockSize(w, h, s.encX), s.below ? blockSize(w, 1, s.encX) + s.output.size() : 0));
     const int kind = int(rng() % 4), spread = 1 + int(rng() % 40);
     const uint8_t flat = uint8_t(rng());
-    for (uint8_t &v : s.guide) v = kind == 0 ? flat : kind == 3 ? uint8_t(rng()) : uint8_t(100 + rng() % spread);
+    for (uint8_t &v : s.guide)
+        v = kind == 0 ? flat : kind == 3 ? uint8_t(rng()) : uint8_t(100 + rng() % spread);
     const bool ends = rng() % 3 == 0;  // inputs near 0 and 255: sums below 0 and above 255
     for (uint8_t &v : s.input)
-        v = ends ? uint8_t(rng() % 2 ? rng() % 12 : 255 - rng() % 12)
-                 : rng() % 2 ? uint8_t(rng()) : uint8_t(90 + rng() % (3 * spread));
+        v = ends        ? uint8_t(rng() % 2 ? rng() % 12 : 255 - rng() % 12)
+            : rng() % 2 ? uint8_t(rng())
+                        : uint8_t(90 + rng() % (3 * spread));
     fillBytes(s.output.data(), s.output.size(), rng);
     return s;
 }
@@ -102,7 +117,8 @@ TEST(SmoothingKernels, RowKernelsMatchTheTableDrivenPass) {
         for (int rep = 0; rep < 3; ++rep) sizes.emplace_back(w, 2 + int32_t(rng() % 8));
     for (auto [w, h] : sizes) {
         const Scene s = randomScene(w, h, rng);
-        const float th = rng() % 3 ? thresholds[rng() % 6] : std::uniform_real_distribution<float>(0.0f, 1.0f)(rng);
+        const float th = rng() % 3 ? thresholds[rng() % 6]
+                                   : std::uniform_real_distribution<float>(0.0f, 1.0f)(rng);
         const int32_t passes = rng() % 10 == 0 ? 8 + int32_t(rng() % 3) : 1 + int32_t(rng() % 3);
         expectSameAsScalar(s, {th, passes}, support.p);
     }
@@ -120,7 +136,8 @@ TEST(SmoothingKernels, PairsAtTheThresholdAndRatioLimits) {
             return std::pair{col % 2 ? d : 0, col % 2 ? 2 * d + int(row % 2) : 0};
         });
         expectSameAsScalar(s, {th, 1}, support.p);
-        EXPECT_NE(run(nullptr, s, {th, 1}, support.p, nullptr), s.input) << "nothing accepted at t=" << th;
+        EXPECT_NE(run(nullptr, s, {th, 1}, support.p, nullptr), s.input)
+            << "nothing accepted at t=" << th;
     }
 }
 
@@ -138,7 +155,8 @@ TEST(SmoothingKernels, FallbacksAndCancelBeforeTheCall) {
     for (const Isa &isa : isas) choices.push_back(&isa);
     for (const Isa *isa : choices)
         for (int32_t passes : {2, 12})
-            EXPECT_EQ(run(isa, r, {0.1f, passes}, plain.p, &stop, 2), r.inPlace || r.below ? r.input : r.output)
+            EXPECT_EQ(run(isa, r, {0.1f, passes}, plain.p, &stop, 2),
+                      r.inPlace || r.below ? r.input : r.output)
                 << (isa ? isaName(*isa) : "tables");
 
     // Horizontal pairs with d = 2, e = 4, which e > 2d refuses and the
@@ -164,6 +182,7 @@ TEST(SmoothingKernels, QuotientStepIsExact) {
         Bytes q(num.size());
         kernels(isa).smoothQuotients(num.data(), count.data(), q.data(), int32_t(q.size()));
         for (size_t i = 0; i < q.size(); ++i)
-            ASSERT_EQ(q[i], uint8_t(num[i] / count[i])) << isaName(isa) << " " << num[i] << " / " << count[i];
+            ASSERT_EQ(q[i], uint8_t(num[i] / count[i]))
+                << isaName(isa) << " " << num[i] << " / " << count[i];
     }
 }

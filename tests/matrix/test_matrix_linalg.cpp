@@ -17,15 +17,18 @@
 #include "morven/matrix.h"
 
 #ifdef MORVEN_TEST_HAVE_LAPACK
-extern "C" void dgesvd_(const char *, const char *, const int *, const int *, double *, const int *, double *,
-                        double *, const int *, double *, const int *, double *, const int *, int *, size_t, size_t);
+extern "C" void dgesvd_(const char *, const char *, const int *, const int *, double *, const int *,
+                        double *, double *, const int *, double *, const int *, double *,
+                        const int *, int *, size_t, size_t);
 #endif
 
 namespace {
 
 using kernel_test::availableIsas;
 
-struct Release { void operator()(wzMatrix *m) const { wzMatrixRelease(&m); } };
+struct Release {
+    void operator()(wzMatrix *m) const { wzMatrixRelease(&m); }
+};
 // An owned matrix that passes as wzMatrix * (do not test it as a bool).
 struct Mat : std::unique_ptr<wzMatrix, Release> {
     using unique_ptr::unique_ptr;
@@ -70,7 +73,8 @@ Mat transpose(const wzMatrix *a) {
 // The two comparisons below read matrices made by make() through data.
 double maxAbsDiff(const wzMatrix *a, const wzMatrix *b) {
     double d = 0.0;
-    for (int64_t k = 0; k < int64_t{a->nRows} * a->nCols; ++k) d = std::max(d, std::fabs(a->data[k] - b->data[k]));
+    for (int64_t k = 0; k < int64_t{a->nRows} * a->nCols; ++k)
+        d = std::max(d, std::fabs(a->data[k] - b->data[k]));
     return d;
 }
 
@@ -80,7 +84,8 @@ double gramError(const wzMatrix *q) {  // max |Q^T Q - I|
 
 bool sameBits(const wzMatrix *a, const wzMatrix *b) {
     const Vec x = elements(a), y = elements(b);
-    return a->nRows == b->nRows && x.size() == y.size() && !std::memcmp(x.data(), y.data(), sizeof(double) * x.size());
+    return a->nRows == b->nRows && x.size() == y.size() &&
+           !std::memcmp(x.data(), y.data(), sizeof(double) * x.size());
 }
 
 // Refusals (nothing written), an empty inner size (cleared), and bit-for-bit
@@ -88,7 +93,8 @@ bool sameBits(const wzMatrix *a, const wzMatrix *b) {
 // (4 x 8), row blocks (128) and panel depth (256), for both kernels and the
 // transposed-operand form.
 TEST(MatrixArith, ProductRefusalsAndPlainLoop) {
-    Mat a = make(2, 3), b = make(3, 2), d = make(2, 2), wrong = make(2, 3, {}, 7.0), d2 = make(2, 2, {}, 5.0);
+    Mat a = make(2, 3), b = make(3, 2), d = make(2, 2), wrong = make(2, 3, {}, 7.0),
+        d2 = make(2, 2, {}, 5.0);
     EXPECT_EQ(wzMatrixProduct_MP(wrong, a, b), kFail);
     EXPECT_EQ(wzMatrixProduct(d, a, a), kFail);  // inner 3 vs 2
     EXPECT_EQ(elements(wrong), Vec(6, 7.0));
@@ -97,7 +103,7 @@ TEST(MatrixArith, ProductRefusalsAndPlainLoop) {
     EXPECT_EQ(wzMatrixProduct(make(0, 0), make(0, 3), make(3, 0)), 0u);
 
     std::mt19937 rng(11);
-    const int32_t shapes[][3] = {{1, 1, 1},    {3, 5, 7},     {4, 256, 8},    {5, 257, 9},
+    const int32_t shapes[][3] = {{1, 1, 1},     {3, 5, 7},     {4, 256, 8},   {5, 257, 9},
                                  {13, 300, 17}, {130, 64, 64}, {65, 513, 31}, {2, 1, 33}};
     for (auto &s : shapes) {
         Mat x = random(s[0], s[1], rng, 20), y = random(s[1], s[2], rng, 20), xt = transpose(x);
@@ -146,14 +152,19 @@ TEST(MatrixArith, TransposeAndRowPointers) {
 // nothing written; empty matrices of matching shapes: 0.
 TEST(MatrixArith, PointwiseScalarAdditionInPlace) {
     std::mt19937 rng(8);
-    Mat a = random(7, 5, rng), b = random(7, 5, rng), pw = make(7, 5), sc = make(7, 5), ad = make(7, 5);
-    ASSERT_EQ(wzMatrixPointwiseProduct(pw, a, b) | wzMatrixScalarProduct(sc, a, -2.5) | wzMatrixAddition(ad, a, b), 0u);
+    Mat a = random(7, 5, rng), b = random(7, 5, rng), pw = make(7, 5), sc = make(7, 5),
+        ad = make(7, 5);
+    ASSERT_EQ(wzMatrixPointwiseProduct(pw, a, b) | wzMatrixScalarProduct(sc, a, -2.5) |
+                  wzMatrixAddition(ad, a, b),
+              0u);
     for (int k = 0; k < 35; ++k) {
         const double x = a->data[k], y = b->data[k];
         EXPECT_TRUE(pw->data[k] == x * y && sc->data[k] == x * -2.5 && ad->data[k] == x + y) << k;
     }
     Mat a1 = copyOf(a), a2 = copyOf(a), b3 = copyOf(b);
-    ASSERT_EQ(wzMatrixPointwiseProduct(a1, a1, b) | wzMatrixScalarProduct(a2, a2, -2.5) | wzMatrixAddition(b3, a, b3), 0u);
+    ASSERT_EQ(wzMatrixPointwiseProduct(a1, a1, b) | wzMatrixScalarProduct(a2, a2, -2.5) |
+                  wzMatrixAddition(b3, a, b3),
+              0u);
     EXPECT_TRUE(sameBits(a1, pw) && sameBits(a2, sc) && sameBits(b3, ad));
 
     Mat odd = make(5, 7), keep = make(7, 5, {}, 3.0), e = make(3, 0);
@@ -161,7 +172,9 @@ TEST(MatrixArith, PointwiseScalarAdditionInPlace) {
     EXPECT_EQ(wzMatrixScalarProduct(keep, odd, 2.0), kFail);
     EXPECT_EQ(wzMatrixAddition(keep, odd, a), kFail);
     EXPECT_EQ(elements(keep), Vec(35, 3.0));
-    EXPECT_EQ(wzMatrixPointwiseProduct(e, e, e) | wzMatrixScalarProduct(e, e, 2.0) | wzMatrixAddition(e, e, e), 0u);
+    EXPECT_EQ(wzMatrixPointwiseProduct(e, e, e) | wzMatrixScalarProduct(e, e, 2.0) |
+                  wzMatrixAddition(e, e, e),
+              0u);
 }
 
 // Rows or columns against the per-line formula, wider than one block of
@@ -170,16 +183,20 @@ TEST(MatrixArith, Normalize) {
     std::mt19937 rng(4);
     for (int32_t by : {0, 1}) {
         Mat s = random(6, 300, rng, 20), out = make(6, 300);
-        for (int32_t k = 0; k < 300; ++k) s->rowPtr[2][k] = s->rowPtr[k % 6][7] = 0.0;  // a zero row and column
+        for (int32_t k = 0; k < 300; ++k)
+            s->rowPtr[2][k] = s->rowPtr[k % 6][7] = 0.0;  // a zero row and column
         Mat in = copyOf(s);
         ASSERT_EQ(wzMatrixNormalize(s, out, by) | wzMatrixNormalize(in, in, by), 0u);
         EXPECT_TRUE(sameBits(in, out));
         const int32_t lines = by ? 300 : 6, len = by ? 6 : 300;
         for (int32_t l = 0; l < lines; ++l) {
-            auto at = [&](const Mat &m, int32_t k) { return by ? m->rowPtr[k][l] : m->rowPtr[l][k]; };
+            auto at = [&](const Mat &m, int32_t k) {
+                return by ? m->rowPtr[k][l] : m->rowPtr[l][k];
+            };
             double sum = 0.0;
             for (int32_t k = 0; k < len; ++k) sum += at(s, k) * at(s, k);
-            for (int32_t k = 0; k < len; ++k) ASSERT_EQ(at(out, k), sum == 0.0 ? 0.0 : at(s, k) / std::sqrt(sum));
+            for (int32_t k = 0; k < len; ++k)
+                ASSERT_EQ(at(out, k), sum == 0.0 ? 0.0 : at(s, k) / std::sqrt(sum));
         }
     }
     EXPECT_EQ(wzMatrixNormalize(make(2, 2), make(2, 3), 1), kFail);
@@ -191,7 +208,8 @@ TEST(MatrixArith, Normalize) {
 // shape is refused unwritten; random matrices give Q^T Q = I and Q R = A, and
 // the documented arithmetic exactly.
 TEST(MatrixDecomposition, LUAndQR) {
-    Mat a = make(2, 2, {0, 1, 1, 0}), l = make(2, 2), u = make(2, 2), b = make(2, 3, {1, 2, 3, 4, 5, 6});
+    Mat a = make(2, 2, {0, 1, 1, 0}), l = make(2, 2), u = make(2, 2),
+        b = make(2, 3, {1, 2, 3, 4, 5, 6});
     ASSERT_EQ(wzMatrixLUDecomposition(a, l, u, b), 0u);
     EXPECT_TRUE(elements(l) == (Vec{1, 0, 0, 1}) && elements(u) == (Vec{1, 0, 0, 1}) &&
                 elements(b) == (Vec{4, 5, 6, 1, 2, 3}));
@@ -200,7 +218,8 @@ TEST(MatrixDecomposition, LUAndQR) {
     EXPECT_TRUE(elements(l) == (Vec{1, 0, 1, 1}) && elements(u) == (Vec{2, 1, 0, 2}));
     ASSERT_EQ(wzMatrixLUDecomposition(a2, u, u, b2), 0u);  // multipliers below the diagonal
     EXPECT_EQ(elements(u), (Vec{2, 1, 1, 2}));
-    Mat z = make(3, 3, {1, 0, 2, 3, 0, 4, 5, 0, 6}), z3 = make(3, 3), b3 = make(3, 1), keep = make(2, 2, {}, 7.0);
+    Mat z = make(3, 3, {1, 0, 2, 3, 0, 4, 5, 0, 6}), z3 = make(3, 3), b3 = make(3, 1),
+        keep = make(2, 2, {}, 7.0);
     EXPECT_EQ(wzMatrixLUDecomposition(z, make(3, 3), z3, b3), 1u);  // a zero column
     EXPECT_EQ(wzMatrixLUDecomposition(a, keep, u, b3), 1u);
     EXPECT_EQ(wzMatrixLUDecomposition(z, keep, z3, b3), 1u);
@@ -211,8 +230,10 @@ TEST(MatrixDecomposition, LUAndQR) {
         Mat x = random(n, n, rng), lo = make(n, n), up = make(n, n), p(wzMatrixCreateIdentity(n));
         ASSERT_EQ(wzMatrixLUDecomposition(x, lo, up, p), 0u);  // p receives the permutation
         for (int32_t i = 0; i < n; ++i)
-            for (int32_t j = 0; j < n; ++j)  // unit lower L with |L| <= 1 (partial pivoting), upper U
-                EXPECT_TRUE((j >= i ? lo : up)->rowPtr[i][j] == (j == i ? 1.0 : 0.0) && std::fabs(lo->rowPtr[i][j]) <= 1.0);
+            for (int32_t j = 0; j < n;
+                 ++j)  // unit lower L with |L| <= 1 (partial pivoting), upper U
+                EXPECT_TRUE((j >= i ? lo : up)->rowPtr[i][j] == (j == i ? 1.0 : 0.0) &&
+                            std::fabs(lo->rowPtr[i][j]) <= 1.0);
         EXPECT_LT(maxAbsDiff(product(p, x), product(lo, up)), 1e-13 * n);
     }
 
@@ -231,7 +252,8 @@ TEST(MatrixDecomposition, LUAndQR) {
             for (int32_t i = 0; i < n; ++i) Q(i, j) = x->rowPtr[i][j];
             for (int32_t k = 0; k < j; ++k) {
                 double num = 0.0, den = 0.0;
-                for (int32_t i = 0; i < n; ++i) num += Q(i, k) * x->rowPtr[i][j], den += Q(i, k) * Q(i, k);
+                for (int32_t i = 0; i < n; ++i)
+                    num += Q(i, k) * x->rowPtr[i][j], den += Q(i, k) * Q(i, k);
                 for (int32_t i = 0; i < n; ++i) Q(i, j) -= Q(i, k) * (num / den);
             }
             double norm = 0.0;
@@ -254,8 +276,10 @@ TEST(MatrixSubstitution, DiagRuleTrianglesAndShapes) {
             for (int32_t i = 0; i < n; ++i)
                 for (int32_t j = 0; j < n; ++j) {
                     const bool inside = forward ? j <= i : j >= i;
-                    if (j == i) tri->rowPtr[i][j] = diag != 0.0 ? diag : 2.0 + i % 3;
-                    else if (inside) tri->rowPtr[i][j] = t->rowPtr[i][j];
+                    if (j == i)
+                        tri->rowPtr[i][j] = diag != 0.0 ? diag : 2.0 + i % 3;
+                    else if (inside)
+                        tri->rowPtr[i][j] = t->rowPtr[i][j];
                     t->rowPtr[i][j] = inside && (j != i || diag == 0.0) ? tri->rowPtr[i][j] : NAN;
                 }
             const auto solve = forward ? wzMatrixForwardSubstitution : wzMatrixBackwardSubstitution;
@@ -264,9 +288,12 @@ TEST(MatrixSubstitution, DiagRuleTrianglesAndShapes) {
         }
 
     // Order 0 reads nothing; no column returns 0; mismatches return 1.
-    Mat u = make(2, 2), e = make(0, 0), e3 = make(0, 3), b0 = make(2, 0), x3 = make(2, 2, {}, 6.0), r = make(3, 2);
-    EXPECT_EQ(wzMatrixForwardSubstitution(e, e3, e3, 0.0) | wzMatrixBackwardSubstitution(e, e3, e3, 0.0) |
-                  wzMatrixForwardSubstitution(u, b0, b0, 0.0), 0u);
+    Mat u = make(2, 2), e = make(0, 0), e3 = make(0, 3), b0 = make(2, 0), x3 = make(2, 2, {}, 6.0),
+        r = make(3, 2);
+    EXPECT_EQ(wzMatrixForwardSubstitution(e, e3, e3, 0.0) |
+                  wzMatrixBackwardSubstitution(e, e3, e3, 0.0) |
+                  wzMatrixForwardSubstitution(u, b0, b0, 0.0),
+              0u);
     EXPECT_EQ(wzMatrixForwardSubstitution(u, make(2, 1), x3, 0.0), 1u);
     EXPECT_EQ(wzMatrixBackwardSubstitution(u, r, r, 0.0), 1u);
     EXPECT_EQ(elements(x3), Vec(4, 6.0));
@@ -284,26 +311,33 @@ TEST(MatrixSolve, SquareAndLeastSquares) {
     std::mt19937 rng(31);
     for (int32_t n : {1, 3, 10, 37}) {
         Mat A = random(n, n, rng), B = random(n, 3, rng), X = make(n, 3);
-        ASSERT_EQ(wzMatrixSolveLinearSystem(A, X, B, n % 2 ? make(n, n) : Mat()), 0u);  // a work matrix or none
+        ASSERT_EQ(wzMatrixSolveLinearSystem(A, X, B, n % 2 ? make(n, n) : Mat()),
+                  0u);  // a work matrix or none
         EXPECT_LT(maxAbsDiff(product(A, X), B), 1e-11);
     }
     for (auto [m, n] : {std::pair{5, 5}, std::pair{20, 4}, std::pair{60, 13}}) {
-        Mat A = random(m, n, rng), B = random(m, 2, rng), X = make(n, 2), X2 = make(n, 2), At = transpose(A);
+        Mat A = random(m, n, rng), B = random(m, 2, rng), X = make(n, 2), X2 = make(n, 2),
+            At = transpose(A);
         Mat w2 = make(n, n), w3 = make(n, 2);
         ASSERT_EQ(wzMatrixLinearSystemLeastSquares(A, X, B, make(m, n), w2, w3), 0u);
         ASSERT_EQ(wzMatrixLinearSystemLeastSquares(A, X2, B, nullptr, nullptr, nullptr), 0u);
         EXPECT_EQ(elements(X), elements(X2));
-        EXPECT_TRUE(elements(w2) == elements(product(At, A)) && elements(w3) == elements(product(At, B)));
-        EXPECT_LT(maxAbsDiff(product(product(At, A), X), product(At, B)), 1e-11);  // A^T (A X - B) = 0
+        EXPECT_TRUE(elements(w2) == elements(product(At, A)) &&
+                    elements(w3) == elements(product(At, B)));
+        EXPECT_LT(maxAbsDiff(product(product(At, A), X), product(At, B)),
+                  1e-11);  // A^T (A X - B) = 0
     }
 
     // Singular, X or work of the wrong shape; for least squares fewer rows
     // than columns (nothing written), a too-small scratch block, a wrong X.
-    Mat a = make(2, 2, {4, 3, 6, 3}), b = make(2, 1, {10, 12}), x = make(2, 1), xw = make(3, 1, {}, 8.0);
+    Mat a = make(2, 2, {4, 3, 6, 3}), b = make(2, 1, {10, 12}), x = make(2, 1),
+        xw = make(3, 1, {}, 8.0);
     EXPECT_EQ(wzMatrixSolveLinearSystem(make(2, 2, {1, 2, 2, 4}), x, b, nullptr), 1u);
     EXPECT_EQ(wzMatrixSolveLinearSystem(a, make(2, 2), b, nullptr), 1u);
     EXPECT_EQ(wzMatrixSolveLinearSystem(a, x, b, make(3, 3)), 1u);
-    EXPECT_EQ(wzMatrixLinearSystemLeastSquares(make(2, 3), xw, make(2, 1), nullptr, nullptr, nullptr), 1u);
+    EXPECT_EQ(
+        wzMatrixLinearSystemLeastSquares(make(2, 3), xw, make(2, 1), nullptr, nullptr, nullptr),
+        1u);
     EXPECT_EQ(elements(xw), Vec(3, 8.0));
     EXPECT_EQ(wzMatrixLinearSystemLeastSquares(la, lx, ly, make(1, 2), nullptr, nullptr), 1u);
     EXPECT_EQ(wzMatrixLinearSystemLeastSquares(la, make(3, 1), ly, nullptr, nullptr, nullptr), 1u);
@@ -321,10 +355,14 @@ TEST(MatrixSvd, OffsetArrays) {
     free_vector(v, -2, 2);
     free_vector(nullptr, 1, 3);
     free_matrix(m, -1, 1, 3, 4);
-    EXPECT_TRUE(vector(5, 4) == nullptr && matrix(2, 1, 0, 0) == nullptr && matrix(0, INT64_MAX, 0, INT64_MAX) == nullptr);
+    EXPECT_TRUE(vector(5, 4) == nullptr && matrix(2, 1, 0, 0) == nullptr &&
+                matrix(0, INT64_MAX, 0, INT64_MAX) == nullptr);
 }
 
-struct Svd { Mat u, w, v; int32_t status; };
+struct Svd {
+    Mat u, w, v;
+    int32_t status;
+};
 
 Svd decompose(const wzMatrix *a) {
     Svd s{make(a->nRows, a->nCols), make(a->nCols, 1), make(a->nCols, a->nCols), 0};
@@ -353,13 +391,15 @@ TEST(MatrixSvd, WorkedAndRandomFactorisations) {
     EXPECT_EQ(decompose(make(2, 2, {1, INFINITY, 2, 3})).status, 1);
 
     std::mt19937 rng(2024);
-    const int32_t shapes[][2] = {{1, 1}, {1, 4}, {4, 1}, {5, 3}, {3, 5}, {8, 8}, {40, 25}, {25, 40}, {64, 64}};
+    const int32_t shapes[][2] = {{1, 1}, {1, 4},   {4, 1},   {5, 3},  {3, 5},
+                                 {8, 8}, {40, 25}, {25, 40}, {64, 64}};
     for (auto &sh : shapes)
         for (bool deficient : {false, true}) {
             const int32_t m = sh[0], n = sh[1];
             Mat a = random(m, n, rng);
             if (deficient && m > 2)  // a repeated row and a zero row
-                for (int32_t j = 0; j < n; ++j) a->rowPtr[1][j] = a->rowPtr[0][j], a->rowPtr[2][j] = 0.0;
+                for (int32_t j = 0; j < n; ++j)
+                    a->rowPtr[1][j] = a->rowPtr[0][j], a->rowPtr[2][j] = 0.0;
             Svd r = decompose(a);
             ASSERT_EQ(r.status, 0) << m << "x" << n;
             const double tol = 1e-13 * std::max(m, n);
@@ -370,9 +410,11 @@ TEST(MatrixSvd, WorkedAndRandomFactorisations) {
             for (morven::Isa isa : availableIsas())
                 for (bool staged : {false, true}) {
                     Svd t{copyOf(a), make(n, 1), make(n, n), 0};
-                    ASSERT_EQ(morven::svdDecompose(morven::kernelsFor(isa), morven::oneBefore(t.u->rowPtr), m, n,
-                                                   morven::oneBefore(t.w->data), morven::oneBefore(t.v->rowPtr),
-                                                   staged), 0);
+                    ASSERT_EQ(morven::svdDecompose(morven::kernelsFor(isa),
+                                                   morven::oneBefore(t.u->rowPtr), m, n,
+                                                   morven::oneBefore(t.w->data),
+                                                   morven::oneBefore(t.v->rowPtr), staged),
+                              0);
                     EXPECT_TRUE(sameBits(t.u, r.u) && sameBits(t.w, r.w) && sameBits(t.v, r.v))
                         << int(isa) << " staged " << staged;
                 }
@@ -393,8 +435,8 @@ TEST(MatrixSvd, SingularValuesMatchLapack) {
         // Row-major A is column-major A^T: the same singular values.
         Vec at = elements(a), sv(std::min(m, n)), work(10 * (m + n));  // more than dgesvd needs
         int rows = n, cols = m, one = 1, lwork = static_cast<int>(work.size()), info = 0;
-        dgesvd_("N", "N", &rows, &cols, at.data(), &rows, sv.data(), nullptr, &one, nullptr, &one, work.data(),
-                &lwork, &info, 1, 1);
+        dgesvd_("N", "N", &rows, &cols, at.data(), &rows, sv.data(), nullptr, &one, nullptr, &one,
+                work.data(), &lwork, &info, 1, 1);
         ASSERT_EQ(info, 0);
         for (size_t k = 0; k < sv.size(); ++k) EXPECT_NEAR(ours[k], sv[k], 1e-13 * sv[0]) << k;
         for (size_t k = sv.size(); k < ours.size(); ++k) EXPECT_LT(ours[k], 1e-13 * sv[0]);
@@ -408,7 +450,8 @@ TEST(MatrixSvd, SingularValuesMatchLapack) {
 // exactly 0; padded rows of a wide matrix can leave tiny non-zero values,
 // which are inverted on purpose).
 TEST(MatrixPseudoInverse, WorkedAndMoorePenrose) {
-    Mat a = make(2, 2, {2, 0, 0, 0}), p = make(2, 2, {}, 9.0), col = make(2, 1), wrong = make(2, 3, {}, 4.0);
+    Mat a = make(2, 2, {2, 0, 0, 0}), p = make(2, 2, {}, 9.0), col = make(2, 1),
+        wrong = make(2, 3, {}, 4.0);
     ASSERT_EQ(wzMatrixPseudoInverse(a, p), 0u);
     EXPECT_EQ(elements(p), (Vec{0.5, 0, 0, 0}));
     ASSERT_EQ(wzMatrixPseudoInverse(make(1, 2, {3, 4}), col), 0u);
@@ -423,7 +466,9 @@ TEST(MatrixPseudoInverse, WorkedAndMoorePenrose) {
         ASSERT_EQ(wzMatrixPseudoInverse(x, px), 0u);
         Mat ap = product(x, px), pa = product(px, x);
         EXPECT_LT(std::max({maxAbsDiff(product(ap, x), x), maxAbsDiff(product(pa, px), px),
-                            maxAbsDiff(transpose(ap), ap), maxAbsDiff(transpose(pa), pa)}), 1e-11) << m << "x" << n;
+                            maxAbsDiff(transpose(ap), ap), maxAbsDiff(transpose(pa), pa)}),
+                  1e-11)
+            << m << "x" << n;
     }
 }
 

@@ -16,7 +16,8 @@ namespace {
 using namespace morven_test;
 
 void expectRowsConsistent(const wzMatrix *m) {
-    for (int32_t i = 0; i < m->nRows; ++i) EXPECT_EQ(m->rowPtr[i], m->data + ptrdiff_t{i} * m->nCols) << i;
+    for (int32_t i = 0; i < m->nRows; ++i)
+        EXPECT_EQ(m->rowPtr[i], m->data + ptrdiff_t{i} * m->nCols) << i;
 }
 
 // Zeroed blocks with consistent row tables (zero sizes too), and refusal of
@@ -62,8 +63,9 @@ TEST(MatrixRecord, HeadersViewsAndLayout32) {
     img->coi = 3;
     wzMatrixSetImageWrap(m, img);
     EXPECT_TRUE(img->type == wzType64F && img->encoding == wzEncodingGray && img->coi == 3);
-    EXPECT_EQ(std::tie(img->height, img->width, img->roi.x, img->roi.y, img->roi.width, img->roi.height),
-              std::make_tuple(2, 3, 0, 0, 3, 2));
+    EXPECT_EQ(
+        std::tie(img->height, img->width, img->roi.x, img->roi.y, img->roi.width, img->roi.height),
+        std::make_tuple(2, 3, 0, 0, 3, 2));
     const wzPoint p{0, 2, 1, 0};
     EXPECT_EQ(wzImageGetVal(img, &p), 4.25);
     wzImageSetMatrixWrap(img, v);
@@ -82,10 +84,13 @@ TEST(MatrixRecord, HeadersViewsAndLayout32) {
     wzMatrixCvtTo32(&full, &r);
     wzMatrixCvtFrom32(&r, &back);
     EXPECT_EQ(std::tie(r.data, r.rowPtr, r.nRows, r.nCols), std::make_tuple(0u, 0u, 6, 5));
-    EXPECT_TRUE(back.data == nullptr && back.rowPtr == nullptr && back.nRows == 6 && back.nCols == 5);
+    EXPECT_TRUE(back.data == nullptr && back.rowPtr == nullptr && back.nRows == 6 &&
+                back.nCols == 5);
 }
 
-Bytes save(const wzMatrix *m, wzStatus *st) { return saveToBytes([m](FILE *f) { return wzMatrixDumpSave(m, f); }, st); }
+Bytes save(const wzMatrix *m, wzStatus *st) {
+    return saveToBytes([m](FILE *f) { return wzMatrixDumpSave(m, f); }, st);
+}
 
 // The dump's 16-byte header: two zero pointer slots, rows, columns.
 Bytes header(int32_t rows, int32_t cols) {
@@ -103,7 +108,8 @@ TEST(MatrixDump, BytesAndSequence) {
     std::memcpy(m->data, v, sizeof v);
     wzStatus st = 1;
     Bytes want = header(2, 3);
-    want.insert(want.end(), reinterpret_cast<const uint8_t *>(v), reinterpret_cast<const uint8_t *>(v + 6));
+    want.insert(want.end(), reinterpret_cast<const uint8_t *>(v),
+                reinterpret_cast<const uint8_t *>(v + 6));
     EXPECT_EQ(save(m, &st), want);
     EXPECT_EQ(st, 0u);
 
@@ -133,10 +139,19 @@ TEST(MatrixDump, EmptyTruncatedAndHostileInput) {
     EXPECT_EQ(st, 0xFFFFFFFFu);
     const Bytes full = save(m, &st);
     ASSERT_EQ(full.size(), 64u);
-    for (size_t n = 0; n < full.size(); ++n) EXPECT_EQ(loadPrefix(wzMatrixDumpLoad, full, n), nullptr) << "cut at " << n;
-    const int32_t sizes[][2] = {{0, 4}, {3, 0}, {-2, 3}, {-2, -3}, {INT32_MAX, 2},
-                                {65536, 65537}, {INT32_MAX, INT32_MAX}, {1000, 1000}};
-    for (auto &s : sizes) EXPECT_EQ(loadPrefix(wzMatrixDumpLoad, header(s[0], s[1]), 16), nullptr) << s[0] << "x" << s[1];
+    for (size_t n = 0; n < full.size(); ++n)
+        EXPECT_EQ(loadPrefix(wzMatrixDumpLoad, full, n), nullptr) << "cut at " << n;
+    const int32_t sizes[][2] = {{0, 4},
+                                {3, 0},
+                                {-2, 3},
+                                {-2, -3},
+                                {INT32_MAX, 2},
+                                {65536, 65537},
+                                {INT32_MAX, INT32_MAX},
+                                {1000, 1000}};
+    for (auto &s : sizes)
+        EXPECT_EQ(loadPrefix(wzMatrixDumpLoad, header(s[0], s[1]), 16), nullptr)
+            << s[0] << "x" << s[1];
     FILE *ro = std::fopen("/dev/null", "r");
     ASSERT_NE(ro, nullptr);
     EXPECT_EQ(wzMatrixDumpSave(m, ro), 0xFFFFFFFFu);

@@ -29,17 +29,20 @@ ImagePtr fromRows(const Rows &rows, uint32_t enc = wzEncodingBGR) {
 // proposes its input shifted by the guide step; the pixel becomes the
 // truncated mean of itself and the proposals. Images of one row or column
 // are copied (a choice of this library).
-void reference(const wzSelectiveSmoothParams &p, const wzImage *guide, const wzImage *input, wzImage *out) {
+void reference(const wzSelectiveSmoothParams &p, const wzImage *guide, const wzImage *input,
+               wzImage *out) {
     const int t = int(p.threshold * 255.0f), w = input->width, h = input->height;
     for (int c = 1; c <= 3; ++c) {
         std::vector<int> x(w * h), g(w * h), next(w * h);
-        for (int i = 0; i < w * h; ++i) x[i] = *at(input, i % w, i / w, c), g[i] = *at(guide, i % w, i / w, c);
+        for (int i = 0; i < w * h; ++i)
+            x[i] = *at(input, i % w, i / w, c), g[i] = *at(guide, i % w, i / w, c);
         for (int it = 0; it < p.iterations && w > 1 && h > 1; ++it, x.swap(next))
             for (int i = 0; i < w * h; ++i) {
                 int sum = x[i], count = 1;
                 for (int k = 0; k < 9; ++k) {
                     const int qx = i % w + k % 3 - 1, qy = i / w + k / 3 - 1, q = qy * w + qx;
-                    if (k != 4 && qx >= 0 && qy >= 0 && qx < w && qy < h && std::abs(g[i] - g[q]) < t &&
+                    if (k != 4 && qx >= 0 && qy >= 0 && qx < w && qy < h &&
+                        std::abs(g[i] - g[q]) < t &&
                         std::abs(x[i] - x[q]) > 2 * std::abs(g[i] - g[q]))
                         sum += x[q] + g[i] - g[q], ++count;
                 }
@@ -60,13 +63,16 @@ protected:
 // handles and tolerate a second call.
 TEST_F(SelectiveSmooth, SupportTablesAndRecords) {
     const wzMatrix *ad = support->absDiff, *ra = support->ratio;
-    ASSERT_TRUE(ad && ra && ad->nRows == 256 && ad->nCols == 256 && ra->nRows == 256 && ra->nCols == 256);
+    ASSERT_TRUE(ad && ra && ad->nRows == 256 && ad->nCols == 256 && ra->nRows == 256 &&
+                ra->nCols == 256);
     for (int i = 0; i < 256; ++i)
         for (int j = 0; j < 256; ++j)
-            ASSERT_TRUE(ad->rowPtr[i][j] == std::abs(i - j) && ra->rowPtr[i][j] == (j ? float(i) / float(j) : 0.0f))
+            ASSERT_TRUE(ad->rowPtr[i][j] == std::abs(i - j) &&
+                        ra->rowPtr[i][j] == (j ? float(i) / float(j) : 0.0f))
                 << i << ", " << j;
     wzSelectiveSmoothParams *p = wzSelectiveSmoothParamsDefault();
-    for (int k = 0; k < 2; ++k) wzSelectiveSmoothSupportRelease(&support), wzSelectiveSmoothParamsRelease(&p);
+    for (int k = 0; k < 2; ++k)
+        wzSelectiveSmoothSupportRelease(&support), wzSelectiveSmoothParamsRelease(&p);
     EXPECT_TRUE(support == nullptr && p == nullptr);
 }
 
@@ -80,22 +86,32 @@ TEST_F(SelectiveSmooth, SupportTablesAndRecords) {
 TEST_F(SelectiveSmooth, WorkedCases) {
     wzSelectiveSmoothParams *dflt = wzSelectiveSmoothParamsDefault();
     const wzSelectiveSmoothParams one{0.1f, 1};
-    struct Case { Rows guide, input; wzSelectiveSmoothParams p; Rows want; };
+    struct Case {
+        Rows guide, input;
+        wzSelectiveSmoothParams p;
+        Rows want;
+    };
     const Case cases[] = {
         {{{100, 100}, {100, 100}}, {{10, 20}, {10, 10}}, one, {{15, 12}, {15, 15}}},
         {{{100, 100}, {100, 100}}, {{10, 20}, {10, 10}}, *dflt, {{13, 14}, {13, 13}}},
         {{{100, 124}, {100, 124}}, {{10, 200}, {10, 200}}, *dflt, {{120, 89}, {120, 89}}},
         {{{100, 125}, {100, 125}}, {{10, 200}, {10, 200}}, *dflt, {{10, 200}, {10, 200}}},
-        {{{106, 106, 106}, {106, 100, 106}, {106, 106, 106}}, {{0, 0, 0}, {0, 13, 0}, {0, 0, 0}}, one,
+        {{{106, 106, 106}, {106, 100, 106}, {106, 106, 106}},
+         {{0, 0, 0}, {0, 13, 0}, {0, 0, 0}},
+         one,
          {{9, 9, 9}, {9, 253, 9}, {9, 9, 9}}},
-        {{{100, 100, 100}, {100, 107, 100}, {100, 100, 100}}, {{255, 255, 255}, {255, 240, 255}, {255, 255, 255}}, one,
+        {{{100, 100, 100}, {100, 107, 100}, {100, 100, 100}},
+         {{255, 255, 255}, {255, 240, 255}, {255, 255, 255}},
+         one,
          {{244, 244, 244}, {244, 3, 244}, {244, 244, 244}}},
     };
     wzSelectiveSmoothParamsRelease(&dflt);
     for (const Case &k : cases) {
-        ImagePtr g = fromRows(k.guide), in = fromRows(k.input), out = fromRows(k.input, wzEncodingRGBA);
+        ImagePtr g = fromRows(k.guide), in = fromRows(k.input),
+                 out = fromRows(k.input, wzEncodingRGBA);
         ASSERT_EQ(wzSelectiveSmooth(&k.p, support, g.get(), in.get(), out.get(), nullptr), 0u);
-        EXPECT_EQ(snapshot(out.get()), snapshot(fromRows(k.want, wzEncodingRGBA).get())) << "case " << (&k - cases);
+        EXPECT_EQ(snapshot(out.get()), snapshot(fromRows(k.want, wzEncodingRGBA).get()))
+            << "case " << (&k - cases);
     }
 }
 
@@ -109,11 +125,14 @@ TEST_F(SelectiveSmooth, RandomizedAgainstReference) {
     for (auto [w, h] : {std::pair{2, 2}, {2, 9}, {9, 2}, {3, 3}, {17, 11}, {40, 7}, {1, 6}, {6, 1}})
         for (float th : {0.1f, 0.03f, 0.5f, 1.5f, 0.0039f, -1.0f}) {
             const int spread = 1 + int(rng() % 60);
-            auto colour = [&](int k) { return makeImage(w, h, kAllEncodings[1 + (round + k) % 4]); };
+            auto colour = [&](int k) {
+                return makeImage(w, h, kAllEncodings[1 + (round + k) % 4]);
+            };
             ImagePtr g = colour(0), x = colour(1), o = colour(2), r = makeImage(w, h, o->encoding);
             // Locally flat guides with small steps; inputs from narrow to the
             // full range, so sums below 0 and above 255 occur.
-            for (size_t k = 0; k < blockBytes(g.get()); ++k) g->data[k] = uint8_t(120 + rng() % spread);
+            for (size_t k = 0; k < blockBytes(g.get()); ++k)
+                g->data[k] = uint8_t(120 + rng() % spread);
             for (size_t k = 0; k < blockBytes(x.get()); ++k) {
                 const uint32_t v = uint32_t(rng()), near = v / 2 % 12;
                 x->data[k] = uint8_t(round % 3 == 0   ? v
@@ -140,16 +159,23 @@ TEST_F(SelectiveSmooth, RandomizedAgainstReference) {
 // size: choices of this library) write nothing.
 TEST_F(SelectiveSmooth, CancelAndRefusalsWriteNothing) {
     std::mt19937 rng(7);
-    ImagePtr g = makeImage(5, 6, wzEncodingBGR), x = makeImage(5, 6, wzEncodingBGR), o = makeImage(5, 6, wzEncodingBGR);
+    ImagePtr g = makeImage(5, 6, wzEncodingBGR), x = makeImage(5, 6, wzEncodingBGR),
+             o = makeImage(5, 6, wzEncodingBGR);
     ImagePtr gray = makeImage(5, 6, wzEncodingGray), wide = makeImage(6, 6, wzEncodingBGR),
              deep = makeImage(5, 6, wzEncodingBGR, wzType16U);
-    for (wzImage *img : {g.get(), x.get(), o.get(), gray.get(), wide.get(), deep.get()}) fillRandom(img, rng);
-    auto outputs = [&] { return std::vector{snapshot(o.get()), snapshot(gray.get()), snapshot(wide.get())}; };
+    for (wzImage *img : {g.get(), x.get(), o.get(), gray.get(), wide.get(), deep.get()})
+        fillRandom(img, rng);
+    auto outputs = [&] {
+        return std::vector{snapshot(o.get()), snapshot(gray.get()), snapshot(wide.get())};
+    };
     const auto before = outputs();
     const wzSelectiveSmoothParams p{0.1f, 2};
     const uint32_t flag = 1;
     EXPECT_EQ(wzSelectiveSmooth(&p, support, g.get(), x.get(), o.get(), &flag), 2u);
-    struct Bad { const wzImage *g, *x; wzImage *o; };
+    struct Bad {
+        const wzImage *g, *x;
+        wzImage *o;
+    };
     for (const Bad &b : {Bad{gray.get(), x.get(), o.get()}, Bad{g.get(), x.get(), gray.get()},
                          Bad{g.get(), deep.get(), o.get()}, Bad{g.get(), x.get(), wide.get()}})
         EXPECT_EQ(wzSelectiveSmooth(&p, support, b.g, b.x, b.o, nullptr), 1u);

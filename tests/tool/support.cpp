@@ -28,7 +28,8 @@ std::string slurp(const std::string &path) {
 namespace {
 
 void spill(const std::string &path, const void *data, size_t size) {
-    std::ofstream(path, std::ios::binary).write(static_cast<const char *>(data), std::streamsize(size));
+    std::ofstream(path, std::ios::binary)
+        .write(static_cast<const char *>(data), std::streamsize(size));
 }
 
 std::vector<uint8_t> bytes8(const Pic &p) { return std::vector<uint8_t>(p.px.begin(), p.px.end()); }
@@ -61,7 +62,8 @@ Pic pattern(int w, int h, int c, int depth, unsigned seed) {
     const int colours = c <= 2 ? 1 : 3;
     for (int ch = 0; ch < colours; ++ch) p.at(0, 0, ch) = 0, p.at(1, 0, ch) = uint16_t(top);
     if (c % 2 == 0)
-        for (size_t i = size_t(c) - 1; i < p.px.size(); i += size_t(c)) p.px[i] = std::max<uint16_t>(p.px[i], 1);
+        for (size_t i = size_t(c) - 1; i < p.px.size(); i += size_t(c))
+            p.px[i] = std::max<uint16_t>(p.px[i], 1);
     return p;
 }
 
@@ -70,27 +72,30 @@ Pic relayout(const Pic &p, int channels) {
     const uint16_t opaque = p.depth == 8 ? 255 : 65535;
     for (int y = 0; y < p.h; ++y)
         for (int x = 0; x < p.w; ++x) {
-            for (int k = 0; k < (channels <= 2 ? 1 : 3); ++k) out.at(x, y, k) = p.at(x, y, p.c <= 2 ? 0 : k);
-            if (channels % 2 == 0) out.at(x, y, channels - 1) = p.c % 2 == 0 ? p.at(x, y, p.c - 1) : opaque;
+            for (int k = 0; k < (channels <= 2 ? 1 : 3); ++k)
+                out.at(x, y, k) = p.at(x, y, p.c <= 2 ? 0 : k);
+            if (channels % 2 == 0)
+                out.at(x, y, channels - 1) = p.c % 2 == 0 ? p.at(x, y, p.c - 1) : opaque;
         }
     return out;
 }
 
 Pic oriented(const Pic &p, int o) {
     const bool turned = o >= 5;
-    Pic out{turned ? p.h : p.w, turned ? p.w : p.h, p.c, p.depth, std::vector<uint16_t>(p.px.size())};
+    Pic out{turned ? p.h : p.w, turned ? p.w : p.h, p.c, p.depth,
+            std::vector<uint16_t>(p.px.size())};
     // Upright pixel (X, Y) shows stored pixel (x, y).
     for (int Y = 0; Y < out.h; ++Y)
         for (int X = 0; X < out.w; ++X) {
             int x = X, y = Y;
             switch (o) {
-            case 2: x = p.w - 1 - X; break;
-            case 3: x = p.w - 1 - X, y = p.h - 1 - Y; break;
-            case 4: y = p.h - 1 - Y; break;
-            case 5: x = Y, y = X; break;
-            case 6: x = Y, y = p.h - 1 - X; break;
-            case 7: x = p.w - 1 - Y, y = p.h - 1 - X; break;
-            case 8: x = p.w - 1 - Y, y = X; break;
+                case 2: x = p.w - 1 - X; break;
+                case 3: x = p.w - 1 - X, y = p.h - 1 - Y; break;
+                case 4: y = p.h - 1 - Y; break;
+                case 5: x = Y, y = X; break;
+                case 6: x = Y, y = p.h - 1 - X; break;
+                case 7: x = p.w - 1 - Y, y = p.h - 1 - X; break;
+                case 8: x = p.w - 1 - Y, y = X; break;
             }
             for (int ch = 0; ch < p.c; ++ch) out.at(X, Y, ch) = p.at(x, y, ch);
         }
@@ -113,23 +118,25 @@ Pic crop(const Pic &p, int x0, int y0, int w, int h) {
 // Writers
 
 void writePng(const std::string &path, const Pic &p, const std::vector<uint8_t> &icc) {
-    static const int types[] = {0, PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA, PNG_COLOR_TYPE_RGB,
-                                PNG_COLOR_TYPE_RGB_ALPHA};
+    static const int types[] = {0, PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA,
+                                PNG_COLOR_TYPE_RGB, PNG_COLOR_TYPE_RGB_ALPHA};
     FILE *f = std::fopen(path.c_str(), "wb");
     ASSERT_TRUE(f);
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(png);
     png_init_io(png, f);
-    png_set_IHDR(png, info, p.w, p.h, p.depth, types[p.c], PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
+    png_set_IHDR(png, info, p.w, p.h, p.depth, types[p.c], PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     if (!icc.empty()) png_set_iCCP(png, info, "icc", 0, icc.data(), png_uint_32(icc.size()));
     png_write_info(png, info);
     std::vector<uint8_t> row(size_t(p.w) * p.c * (p.depth / 8));
     for (int y = 0; y < p.h; ++y) {
         for (size_t i = 0; i < size_t(p.w) * p.c; ++i) {
             const uint16_t v = p.px[size_t(y) * p.w * p.c + i];
-            if (p.depth == 8) row[i] = uint8_t(v);
-            else row[2 * i] = uint8_t(v >> 8), row[2 * i + 1] = uint8_t(v);
+            if (p.depth == 8)
+                row[i] = uint8_t(v);
+            else
+                row[2 * i] = uint8_t(v >> 8), row[2 * i + 1] = uint8_t(v);
         }
         png_write_row(png, row.data());
     }
@@ -187,12 +194,16 @@ void writeTiff(const std::string &path, const Pic &p, uint16_t compression, bool
     const int perBlock = planes ? 1 : p.c;
     const auto sampleAt = [&](int x, int y, int s, uint8_t *out) {
         const uint16_t v = x < p.w && y < p.h ? p.at(x, y, s) : 0;
-        if (bytes == 1) *out = uint8_t(v);
-        else std::memcpy(out, &v, 2);  // libtiff takes host order
+        if (bytes == 1)
+            *out = uint8_t(v);
+        else
+            std::memcpy(out, &v, 2);  // libtiff takes host order
     };
     const uint32_t bw = tiled ? 16 : uint32_t(p.w), bh = tiled ? 16 : 3;
-    if (tiled) TIFFSetField(t, TIFFTAG_TILEWIDTH, bw), TIFFSetField(t, TIFFTAG_TILELENGTH, bh);
-    else TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, bh);
+    if (tiled)
+        TIFFSetField(t, TIFFTAG_TILEWIDTH, bw), TIFFSetField(t, TIFFTAG_TILELENGTH, bh);
+    else
+        TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, bh);
     std::vector<uint8_t> block(size_t(bw) * bh * perBlock * bytes);
     for (int plane = 0; plane < (planes ? p.c : 1); ++plane)
         for (uint32_t by = 0; by < uint32_t(p.h); by += bh)
@@ -204,8 +215,12 @@ void writeTiff(const std::string &path, const Pic &p, uint16_t compression, bool
                             sampleAt(int(bx + x), int(by + y), planes ? plane : s,
                                      &block[((y * bw + x) * perBlock + s) * bytes]);
                 const tmsize_t size = tmsize_t(rows) * bw * perBlock * bytes;
-                if (tiled) TIFFWriteEncodedTile(t, TIFFComputeTile(t, bx, by, 0, uint16_t(plane)), block.data(), size);
-                else TIFFWriteEncodedStrip(t, TIFFComputeStrip(t, by, uint16_t(plane)), block.data(), size);
+                if (tiled)
+                    TIFFWriteEncodedTile(t, TIFFComputeTile(t, bx, by, 0, uint16_t(plane)),
+                                         block.data(), size);
+                else
+                    TIFFWriteEncodedStrip(t, TIFFComputeStrip(t, by, uint16_t(plane)), block.data(),
+                                          size);
             }
     TIFFClose(t);
 }
@@ -215,8 +230,10 @@ void writeWebP(const std::string &path, const Pic &p, bool lossless) {
     uint8_t *out = nullptr;
     const int stride = p.w * p.c;
     const auto rgba = p.c == 4;
-    const size_t size = lossless ? (rgba ? WebPEncodeLosslessRGBA : WebPEncodeLosslessRGB)(px.data(), p.w, p.h, stride, &out)
-                                 : (rgba ? WebPEncodeRGBA : WebPEncodeRGB)(px.data(), p.w, p.h, stride, 90, &out);
+    const size_t size =
+        lossless ? (rgba ? WebPEncodeLosslessRGBA : WebPEncodeLosslessRGB)(px.data(), p.w, p.h,
+                                                                           stride, &out)
+                 : (rgba ? WebPEncodeRGBA : WebPEncodeRGB)(px.data(), p.w, p.h, stride, 90, &out);
     spill(path, out, size);
     WebPFree(out);
 }
@@ -232,16 +249,21 @@ Pic readPng(const std::string &path, std::vector<uint8_t> *icc) {
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(png);
     png_init_io(png, f);
-    png_read_png(png, info, PNG_TRANSFORM_EXPAND | (kLittle ? PNG_TRANSFORM_SWAP_ENDIAN : 0), nullptr);
-    Pic p{int(png_get_image_width(png, info)), int(png_get_image_height(png, info)), png_get_channels(png, info),
-          png_get_bit_depth(png, info), {}};
+    png_read_png(png, info, PNG_TRANSFORM_EXPAND | (kLittle ? PNG_TRANSFORM_SWAP_ENDIAN : 0),
+                 nullptr);
+    Pic p{int(png_get_image_width(png, info)),
+          int(png_get_image_height(png, info)),
+          png_get_channels(png, info),
+          png_get_bit_depth(png, info),
+          {}};
     png_bytepp rows = png_get_rows(png, info);
     for (int y = 0; y < p.h; ++y) append(p, rows[y], size_t(p.w) * p.c);
     png_charp name;
     png_bytep profile;
     png_uint_32 size;
     int compression;
-    if (icc && png_get_iCCP(png, info, &name, &compression, &profile, &size)) icc->assign(profile, profile + size);
+    if (icc && png_get_iCCP(png, info, &name, &compression, &profile, &size))
+        icc->assign(profile, profile + size);
     png_destroy_read_struct(&png, &info, nullptr);
     std::fclose(f);
     return p;
@@ -284,7 +306,8 @@ Pic readTiff(const std::string &path, std::vector<uint8_t> *icc) {
     TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &spp);
     Pic p{int(w), int(h), spp, bits, {}};
     std::vector<uint8_t> row(size_t(TIFFScanlineSize(t)));
-    for (uint32_t y = 0; y < h; ++y) TIFFReadScanline(t, row.data(), y, 0), append(p, row.data(), size_t(w) * spp);
+    for (uint32_t y = 0; y < h; ++y)
+        TIFFReadScanline(t, row.data(), y, 0), append(p, row.data(), size_t(w) * spp);
     uint32_t size = 0;
     void *profile = nullptr;
     if (icc && TIFFGetField(t, TIFFTAG_ICCPROFILE, &size, &profile))
@@ -300,7 +323,8 @@ Pic readWebP(const std::string &path, std::vector<uint8_t> *icc) {
     if (WebPGetFeatures(data, bytes.size(), &features) != VP8_STATUS_OK) return {};
     Pic p{features.width, features.height, features.has_alpha ? 4 : 3, 8, {}};
     int w, h;
-    uint8_t *px = features.has_alpha ? WebPDecodeRGBA(data, bytes.size(), &w, &h) : WebPDecodeRGB(data, bytes.size(), &w, &h);
+    uint8_t *px = features.has_alpha ? WebPDecodeRGBA(data, bytes.size(), &w, &h)
+                                     : WebPDecodeRGB(data, bytes.size(), &w, &h);
     p.px.assign(px, px + size_t(w) * h * p.c);
     WebPFree(px);
     if (icc) {
@@ -348,9 +372,12 @@ void addMetadata(const std::string &path, const std::map<std::string, std::strin
     auto image = Exiv2::ImageFactory::open(path);
     image->readMetadata();
     for (const auto &[key, value] : values) {
-        if (key.starts_with("Exif.")) image->exifData()[key] = value;
-        else if (key.starts_with("Xmp.")) image->xmpData()[key] = value;
-        else image->iptcData()[key] = value;
+        if (key.starts_with("Exif."))
+            image->exifData()[key] = value;
+        else if (key.starts_with("Xmp."))
+            image->xmpData()[key] = value;
+        else
+            image->iptcData()[key] = value;
     }
     image->writeMetadata();
 }
@@ -378,7 +405,8 @@ std::vector<uint8_t> saved(cmsHPROFILE profile) {
     // (Asked for its size first, Little CMS answers 0 for a profile with a
     // table; a buffer large enough is given instead.)
     std::vector<uint8_t> bytes(1 << 20);
-    cmsIOHANDLER *io = cmsOpenIOhandlerFromMem(nullptr, bytes.data(), cmsUInt32Number(bytes.size()), "w");
+    cmsIOHANDLER *io =
+        cmsOpenIOhandlerFromMem(nullptr, bytes.data(), cmsUInt32Number(bytes.size()), "w");
     bytes.resize(cmsSaveProfileToIOhandler(profile, io));
     cmsCloseIOhandler(io);
     cmsCloseProfile(profile);
@@ -413,21 +441,27 @@ cmsHPROFILE open(const std::vector<uint8_t> &icc, bool gray) {
 cmsUInt32Number format(int c, int depth, bool cmyk = false) {
     const cmsUInt32Number bytes = BYTES_SH(depth / 8);
     if (cmyk) return COLORSPACE_SH(PT_CMYK) | CHANNELS_SH(4) | bytes;
-    return (c <= 2 ? COLORSPACE_SH(PT_GRAY) | CHANNELS_SH(1) : COLORSPACE_SH(PT_RGB) | CHANNELS_SH(3)) |
+    return (c <= 2 ? COLORSPACE_SH(PT_GRAY) | CHANNELS_SH(1)
+                   : COLORSPACE_SH(PT_RGB) | CHANNELS_SH(3)) |
            EXTRA_SH(c % 2 == 0 ? 1 : 0) | bytes;
 }
 
 Pic run(cmsHTRANSFORM transform, const Pic &p, int outChannels, int outDepth) {
     std::vector<uint8_t> in(p.px.size() * (p.depth / 8));
     for (size_t i = 0; i < p.px.size(); ++i)
-        if (p.depth == 8) in[i] = uint8_t(p.px[i]);
-        else std::memcpy(&in[2 * i], &p.px[i], 2);
-    Pic out{p.w, p.h, outChannels, outDepth, std::vector<uint16_t>(size_t(p.w) * p.h * outChannels)};
+        if (p.depth == 8)
+            in[i] = uint8_t(p.px[i]);
+        else
+            std::memcpy(&in[2 * i], &p.px[i], 2);
+    Pic out{p.w, p.h, outChannels, outDepth,
+            std::vector<uint16_t>(size_t(p.w) * p.h * outChannels)};
     std::vector<uint8_t> raw(out.px.size() * (outDepth / 8));
     cmsDoTransform(transform, in.data(), raw.data(), cmsUInt32Number(p.w * p.h));
     for (size_t i = 0; i < out.px.size(); ++i)
-        if (outDepth == 8) out.px[i] = raw[i];
-        else std::memcpy(&out.px[i], &raw[2 * i], 2);
+        if (outDepth == 8)
+            out.px[i] = raw[i];
+        else
+            std::memcpy(&out.px[i], &raw[2 * i], 2);
     cmsDeleteTransform(transform);
     return out;
 }
@@ -439,7 +473,8 @@ cmsInt32Number inkModel(const cmsUInt16Number in[], cmsUInt16Number out[], void 
     double rgb[3];
     for (int i = 0; i < 3; ++i) rgb[i] = (1 - in[i] / 65535.0) * (1 - k);
     cmsHPROFILE srgb = cmsCreate_sRGBProfile(), lab = cmsCreateLab4Profile(nullptr);
-    cmsHTRANSFORM t = cmsCreateTransform(srgb, TYPE_RGB_DBL, lab, TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0);
+    cmsHTRANSFORM t =
+        cmsCreateTransform(srgb, TYPE_RGB_DBL, lab, TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0);
     cmsCIELab value;
     cmsDoTransform(t, rgb, &value, 1);
     cmsDeleteTransform(t);
@@ -451,8 +486,14 @@ cmsInt32Number inkModel(const cmsUInt16Number in[], cmsUInt16Number out[], void 
 
 }  // namespace
 
-std::vector<uint8_t> p3Profile() { return rgbProfile({{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}}, "Display P3 (test)"); }
-std::vector<uint8_t> adobeProfile() { return rgbProfile({{0.640, 0.330, 1}, {0.210, 0.710, 1}, {0.150, 0.060, 1}}, "Adobe RGB (test)"); }
+std::vector<uint8_t> p3Profile() {
+    return rgbProfile({{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}},
+                      "Display P3 (test)");
+}
+std::vector<uint8_t> adobeProfile() {
+    return rgbProfile({{0.640, 0.330, 1}, {0.210, 0.710, 1}, {0.150, 0.060, 1}},
+                      "Adobe RGB (test)");
+}
 
 std::vector<uint8_t> cmykProfile() {
     cmsHPROFILE profile = cmsCreateProfilePlaceholder(nullptr);
@@ -474,8 +515,9 @@ Pic convert(const Pic &p, const std::vector<uint8_t> &from, const std::vector<ui
     cmsHPROFILE a = open(from, p.c <= 2), b = open(to, p.c <= 2);
     const int colours = cmsGetColorSpace(b) == cmsSigGrayData ? 1 : 3;
     const int channels = colours + (p.c % 2 == 0 ? 1 : 0);
-    cmsHTRANSFORM t = cmsCreateTransform(a, format(p.c, p.depth), b, format(channels, 16),
-                                         INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE);
+    cmsHTRANSFORM t =
+        cmsCreateTransform(a, format(p.c, p.depth), b, format(channels, 16),
+                           INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE);
     cmsCloseProfile(a);
     cmsCloseProfile(b);
     return run(t, p, channels, 16);
@@ -483,8 +525,9 @@ Pic convert(const Pic &p, const std::vector<uint8_t> &from, const std::vector<ui
 
 Pic cmykToSrgb(const Pic &ink, const std::vector<uint8_t> &profile) {
     cmsHPROFILE a = open(profile, false), b = cmsCreate_sRGBProfile();
-    cmsHTRANSFORM t = cmsCreateTransform(a, format(4, 8, true), b, format(3, 8), INTENT_RELATIVE_COLORIMETRIC,
-                                         cmsFLAGS_BLACKPOINTCOMPENSATION | cmsFLAGS_NOCACHE);
+    cmsHTRANSFORM t =
+        cmsCreateTransform(a, format(4, 8, true), b, format(3, 8), INTENT_RELATIVE_COLORIMETRIC,
+                           cmsFLAGS_BLACKPOINTCOMPENSATION | cmsFLAGS_NOCACHE);
     cmsCloseProfile(a);
     cmsCloseProfile(b);
     return run(t, ink, 3, 8);
@@ -504,16 +547,20 @@ Image image(const Pic &p) {
     static const uint32_t encodings[] = {0, wzEncodingGray, 0, wzEncodingRGB, wzEncodingRGBA};
     Image img(wzImageCreateWithType(p.w, p.h, encodings[p.c], p.depth == 8 ? wzType8U : wzType16U));
     for (size_t i = 0; i < p.px.size(); ++i)
-        if (p.depth == 8) img->data[i] = uint8_t(p.px[i]);
-        else std::memcpy(img->data + 2 * i, &p.px[i], 2);
+        if (p.depth == 8)
+            img->data[i] = uint8_t(p.px[i]);
+        else
+            std::memcpy(img->data + 2 * i, &p.px[i], 2);
     return img;
 }
 
 Pic pic(const wzImage *img, const Pic &like) {
     Pic out = like;
     for (size_t i = 0; i < out.px.size(); ++i)
-        if (out.depth == 8) out.px[i] = img->data[i];
-        else std::memcpy(&out.px[i], img->data + 2 * i, 2);
+        if (out.depth == 8)
+            out.px[i] = img->data[i];
+        else
+            std::memcpy(&out.px[i], img->data + 2 * i, 2);
     return out;
 }
 
@@ -547,23 +594,29 @@ Pic libraryTransfer(const Pic &source, const Pic &reference, const Transfer &t) 
     const Image blend = mask(t.blendMask, source.w, source.h);
     wzImageColorProfile profile8{};
     std::unique_ptr<wzImageColorProfile16, void (*)(wzImageColorProfile16 *)> profile16(
-        wzImageColorProfile16Create(), [](wzImageColorProfile16 *p) { wzImageColorProfile16Release(&p); });
+        wzImageColorProfile16Create(),
+        [](wzImageColorProfile16 *p) { wzImageColorProfile16Release(&p); });
     const bool eightBit = t.space == wzSpaceChannels && reference.depth == 8;
-    if (eightBit) wzImageFillColorProfileMasked(ref.get(), refMask.get(), &profile8);
-    else wzImageFillColorProfile16(ref.get(), refMask.get(), t.space, profile16.get());
+    if (eightBit)
+        wzImageFillColorProfileMasked(ref.get(), refMask.get(), &profile8);
+    else
+        wzImageFillColorProfile16(ref.get(), refMask.get(), t.space, profile16.get());
     wzHistogramTransferParams *params = wzHistogramTransferParamsDefault();
     params->targetProfile = &profile8;
-    params->matchStrength = t.strength, params->matchFidelity = t.fidelity, params->matchMaxStep = t.maxStep;
-    params->contrastEnabled = t.contrast, params->contrastHighTail = t.highTail, params->contrastLowTail = t.lowTail;
-    params->smoothEnabled = t.smooth, params->smoothThreshold = t.threshold, params->smoothIterations = t.iterations;
+    params->matchStrength = t.strength, params->matchFidelity = t.fidelity,
+    params->matchMaxStep = t.maxStep;
+    params->contrastEnabled = t.contrast, params->contrastHighTail = t.highTail,
+    params->contrastLowTail = t.lowTail;
+    params->smoothEnabled = t.smooth, params->smoothThreshold = t.threshold,
+    params->smoothIterations = t.iterations;
     wzHistogramMatchOptions options{};
     options.space = t.space;
     options.statsMask = stats.get();
     options.targetProfile16 = eightBit ? nullptr : profile16.get();
     wzHistogramTransferSupport *support = wzHistogramTransferSupportCreate();
     const Image src = image(source), dst = image(source);
-    const wzStatus status =
-        wzHistogramTransferFilterWithOptions(params, &options, support, src.get(), blend.get(), dst.get(), nullptr);
+    const wzStatus status = wzHistogramTransferFilterWithOptions(
+        params, &options, support, src.get(), blend.get(), dst.get(), nullptr);
     EXPECT_TRUE(status == WZ_STATUS_OK || status == WZ_STATUS_NO_PIXELS) << status;
     wzHistogramTransferSupportRelease(&support);
     wzHistogramTransferParamsRelease(&params);
@@ -586,7 +639,9 @@ Pic libraryContrast(const Pic &p, float highTail, float lowTail) {
     const Image img = image(p), m = mask(opaque(p), p.w, p.h);
     wzContrastEnhanceParams *params = wzContrastEnhanceParamsDefault();
     params->highTail = highTail, params->lowTail = lowTail;
-    EXPECT_EQ(wzContrastEnhanceFilterMasked(params, img.get(), m.get(), nullptr, img.get(), nullptr), WZ_STATUS_OK);
+    EXPECT_EQ(
+        wzContrastEnhanceFilterMasked(params, img.get(), m.get(), nullptr, img.get(), nullptr),
+        WZ_STATUS_OK);
     wzContrastEnhanceParamsRelease(&params);
     return pic(img.get(), p);
 }
@@ -596,8 +651,9 @@ Pic librarySmooth(const Pic &guide, const Pic &input, float threshold, int itera
     wzSelectiveSmoothParams *params = wzSelectiveSmoothParamsDefault();
     params->threshold = threshold, params->iterations = iterations;
     wzSelectiveSmoothSupport *support = wzSelectiveSmoothSupportCreate();
-    EXPECT_EQ(input.depth == 8 ? wzSelectiveSmooth(params, support, g.get(), img.get(), img.get(), nullptr)
-                               : wzSelectiveSmooth16(params, g.get(), img.get(), img.get(), nullptr),
+    EXPECT_EQ(input.depth == 8
+                  ? wzSelectiveSmooth(params, support, g.get(), img.get(), img.get(), nullptr)
+                  : wzSelectiveSmooth16(params, g.get(), img.get(), img.get(), nullptr),
               WZ_STATUS_OK);
     wzSelectiveSmoothSupportRelease(&support);
     wzSelectiveSmoothParamsRelease(&params);

@@ -41,7 +41,8 @@ Pic crop(const Pic &p, int x, int y, int w, int h);
 // Writers. icc is embedded when not empty.
 void writePng(const std::string &path, const Pic &p, const std::vector<uint8_t> &icc = {});
 // cmyk: p has 4 channels of ink (written Adobe-style inverted).
-void writeJpeg(const std::string &path, const Pic &p, const std::vector<uint8_t> &icc = {}, bool cmyk = false);
+void writeJpeg(const std::string &path, const Pic &p, const std::vector<uint8_t> &icc = {},
+               bool cmyk = false);
 void writeTiff(const std::string &path, const Pic &p, uint16_t compression, bool tiled, bool planes,
                const std::vector<uint8_t> &icc = {});
 void writeWebP(const std::string &path, const Pic &p, bool lossless);

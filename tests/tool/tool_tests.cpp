@@ -29,7 +29,9 @@ using namespace tooltest;
 namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
 
-bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+bool has(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
 
 int lines(const std::string &s) { return int(std::count(s.begin(), s.end(), '\n')); }
 
@@ -60,28 +62,32 @@ protected:
         argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, at(".stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, at(".stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 1, at(".stdout").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, at(".stderr").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
         pid_t pid = -1;
         EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         if (interruptMs) ::usleep(interruptMs * 1000), ::kill(pid, SIGINT);
         int status = 0;
         ::waitpid(pid, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(at(".stdout")),
-                slurp(at(".stderr"))};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                slurp(at(".stdout")), slurp(at(".stderr"))};
     }
 
     // Runs the tool and expects success.
     Outcome ok(const Args &args) {
         Outcome r = run(args);
-        EXPECT_EQ(r.status, 0) << args[0] << " " << (args.size() > 1 ? args[1] : "") << ": " << r.err;
+        EXPECT_EQ(r.status, 0) << args[0] << " " << (args.size() > 1 ? args[1] : "") << ": "
+                               << r.err;
         return r;
     }
 
     std::vector<std::string> listing(const std::string &folder) const {
         std::vector<std::string> names;
-        for (const auto &e : fs::directory_iterator(folder)) names.push_back(e.path().filename().string());
+        for (const auto &e : fs::directory_iterator(folder))
+            names.push_back(e.path().filename().string());
         std::sort(names.begin(), names.end());
         return names;
     }
@@ -90,7 +96,8 @@ protected:
 };
 
 // A pattern written as PNG; returned as written.
-Pic png(const std::string &path, int w, int h, int c, int depth, unsigned seed, const std::vector<uint8_t> &icc = {}) {
+Pic png(const std::string &path, int w, int h, int c, int depth, unsigned seed,
+        const std::vector<uint8_t> &icc = {}) {
     const Pic p = pattern(w, h, c, depth, seed);
     writePng(path, p, icc);
     return p;
@@ -107,14 +114,16 @@ TEST_F(Tool, TurnsEveryOrientationUpright) {
         SCOPED_TRACE("orientation " + std::to_string(o));
         const std::string in = at("o.jpg"), out = at(std::to_string(o) + ".png");
         writeJpeg(in, stored);
-        addMetadata(in, {{"Exif.Image.Orientation", std::to_string(o)}, {"Exif.Image.Make", "Phone"}});
+        addMetadata(in,
+                    {{"Exif.Image.Orientation", std::to_string(o)}, {"Exif.Image.Make", "Phone"}});
         ok({"stretch", in, "-o", out});
         const Pic upright = oriented(readPic(in), o);
         EXPECT_EQ(readPic(out), libraryStretch(upright));
         EXPECT_EQ(metadataOf(out)["Exif.Image.Orientation"], "1");
         const Outcome info = ok({"info", in});
         EXPECT_EQ(has(info.out, "orientation: EXIF " + std::to_string(o)), o != 1) << info.out;
-        EXPECT_TRUE(has(info.out, std::to_string(upright.w) + " x " + std::to_string(upright.h))) << info.out;
+        EXPECT_TRUE(has(info.out, std::to_string(upright.w) + " x " + std::to_string(upright.h)))
+            << info.out;
     }
 }
 
@@ -139,8 +148,10 @@ TEST_F(Tool, KeepsTheSourcesMetadataWhereTheFormatHoldsIt) {
     addMetadata(at("ref.png"), {{"Exif.Image.Make", "ReferenceCam"}});
     // Output, then whether it keeps XMP, IPTC and the resolution (WebP has
     // no IPTC and no resolution field outside EXIF).
-    for (const auto &[name, xmp, iptc] : {std::tuple{"out.jpg", true, true}, {"out.png", true, true},
-                                          {"out.tif", true, true}, {"out.webp", true, false}}) {
+    for (const auto &[name, xmp, iptc] : {std::tuple{"out.jpg", true, true},
+                                          {"out.png", true, true},
+                                          {"out.tif", true, true},
+                                          {"out.webp", true, false}}) {
         SCOPED_TRACE(name);
         const Outcome r = ok({"transfer", at("src.jpg"), at("ref.png"), "-o", at(name)});
         auto m = metadataOf(at(name));
@@ -148,7 +159,8 @@ TEST_F(Tool, KeepsTheSourcesMetadataWhereTheFormatHoldsIt) {
         EXPECT_EQ(m["Exif.Image.Artist"], "Ann Author");
         EXPECT_EQ(m["Exif.Photo.DateTimeOriginal"], "2024:05:01 10:12:00");
         const std::string x = m["Exif.Image.XResolution"];
-        EXPECT_EQ(std::stod(x.substr(0, x.find('/'))) / std::stod(x.substr(x.find('/') + 1)), 300) << x;
+        EXPECT_EQ(std::stod(x.substr(0, x.find('/'))) / std::stod(x.substr(x.find('/') + 1)), 300)
+            << x;
         EXPECT_EQ(has(m["Xmp.dc.rights"], "(c) Ann"), xmp);
         EXPECT_EQ(m["Iptc.Application2.Byline"] == "Ann", iptc);
         EXPECT_EQ(has(r.err, "IPTC not kept"), !iptc) << r.err;
@@ -190,11 +202,15 @@ TEST_F(Tool, ConvertsTheReferenceIntoTheSourcesColourSpace) {
     // In one batch, in either order, a source without a profile and one with
     // the reference's own each match the reference as their space shows it.
     png(at("adobe-source.png"), 30, 20, 3, 8, 9, adobe);
-    for (const Args &order : {Args{at("plain.png"), at("adobe-source.png")}, Args{at("adobe-source.png"), at("plain.png")}}) {
+    for (const Args &order : {Args{at("plain.png"), at("adobe-source.png")},
+                              Args{at("adobe-source.png"), at("plain.png")}}) {
         fs::remove_all(at("batch"));
-        ok({"transfer", "--reference", at("adobe.png"), "-o", at("batch"), order[0], order[1], "-j", "1"});
-        EXPECT_EQ(readPic(at("batch/plain.png")), libraryTransfer(readPic(at("plain.png")), convert(adobeRef, adobe, {}), t));
-        EXPECT_EQ(readPic(at("batch/adobe-source.png")), libraryTransfer(readPic(at("adobe-source.png")), adobeRef, t));
+        ok({"transfer", "--reference", at("adobe.png"), "-o", at("batch"), order[0], order[1], "-j",
+            "1"});
+        EXPECT_EQ(readPic(at("batch/plain.png")),
+                  libraryTransfer(readPic(at("plain.png")), convert(adobeRef, adobe, {}), t));
+        EXPECT_EQ(readPic(at("batch/adobe-source.png")),
+                  libraryTransfer(readPic(at("adobe-source.png")), adobeRef, t));
     }
 
     // CMYK JPEG: through its profile into sRGB, or refused without one.
@@ -221,8 +237,11 @@ TEST_F(Tool, TransparentAndMaskedPixelsCountNowhere) {
     std::vector<uint8_t> rightHalf(40 * 20, 0);
     for (int y = 0; y < 20; ++y)
         for (int x = 0; x < 40; ++x) {
-            if (x >= 20) rightHalf[y * 40 + x] = 255, reference.at(x, y, 3) = 255;
-            else reference.at(x, y, 0) = 0, reference.at(x, y, 1) = 255, reference.at(x, y, 2) = 0, reference.at(x, y, 3) = 0;
+            if (x >= 20)
+                rightHalf[y * 40 + x] = 255, reference.at(x, y, 3) = 255;
+            else
+                reference.at(x, y, 0) = 0, reference.at(x, y, 1) = 255, reference.at(x, y, 2) = 0,
+                                   reference.at(x, y, 3) = 0;
         }
     writePng(at("ref.png"), reference);
     writePng(at("opaque.png"), relayout(reference, 3));
@@ -240,15 +259,18 @@ TEST_F(Tool, TransparentAndMaskedPixelsCountNowhere) {
     withSourceMask.statsMask = sourceMask;
     for (const auto &[reference, extra, expected] :
          {std::tuple{"ref.png", Args{}, libraryTransfer(source, right, {})},
-          {"opaque.png", Args{"--reference-mask", at("half.png")}, libraryTransfer(source, right, {})},
-          {"right.png", Args{"--source-mask", at("smask.png")}, libraryTransfer(source, right, withSourceMask)}}) {
+          {"opaque.png", Args{"--reference-mask", at("half.png")},
+           libraryTransfer(source, right, {})},
+          {"right.png", Args{"--source-mask", at("smask.png")},
+           libraryTransfer(source, right, withSourceMask)}}) {
         SCOPED_TRACE(std::string(reference) + (extra.empty() ? "" : " " + extra[0]));
         Args args{"transfer", at("src.png"), at(reference), "-o", at("out.png"), "--force"};
         args.insert(args.end(), extra.begin(), extra.end());
         ok(args);
         const Pic out = readPic(at("out.png"));
         EXPECT_EQ(out, expected);
-        for (size_t i = 3; i < out.px.size(); i += 4) ASSERT_EQ(out.px[i], source.px[i]);  // alpha untouched
+        for (size_t i = 3; i < out.px.size(); i += 4)
+            ASSERT_EQ(out.px[i], source.px[i]);  // alpha untouched
     }
 }
 
@@ -277,8 +299,10 @@ TEST_F(Tool, KeepsSixteenBitsEndToEnd) {
     for (const auto &[args, expected] :
          {std::pair{Args{"equalize", at("deep.png")}, libraryEqualize(deep)},
           {Args{"stretch", at("deep.png")}, libraryStretch(deep)},
-          {Args{"contrast", at("deep.png"), "--high-tail", "30", "--low-tail", "3"}, libraryContrast(deep, 30, 3)},
-          {Args{"smooth", at("deep.png"), at("deep2.png"), "--threshold", "0.3"}, librarySmooth(deep, other, 0.3f, 2)}}) {
+          {Args{"contrast", at("deep.png"), "--high-tail", "30", "--low-tail", "3"},
+           libraryContrast(deep, 30, 3)},
+          {Args{"smooth", at("deep.png"), at("deep2.png"), "--threshold", "0.3"},
+           librarySmooth(deep, other, 0.3f, 2)}}) {
         SCOPED_TRACE(args[0]);
         Args full = args;
         full.insert(full.end(), {"-o", at("cmd.png"), "--force"});
@@ -297,18 +321,23 @@ TEST_F(Tool, KeepsSixteenBitsEndToEnd) {
 TEST_F(Tool, ReadsAndWritesTiffAndWebP) {
     // Bits, channels, compression, tiled, separate planes.
     for (const auto &[bits, channels, compression, tiled, planes] :
-         {std::tuple{8, 1, COMPRESSION_NONE, false, false}, {8, 2, COMPRESSION_LZW, true, false},
-          {8, 3, COMPRESSION_ADOBE_DEFLATE, false, true}, {8, 4, COMPRESSION_LZW, false, false},
-          {16, 1, COMPRESSION_ADOBE_DEFLATE, true, false}, {16, 3, COMPRESSION_NONE, true, true},
+         {std::tuple{8, 1, COMPRESSION_NONE, false, false},
+          {8, 2, COMPRESSION_LZW, true, false},
+          {8, 3, COMPRESSION_ADOBE_DEFLATE, false, true},
+          {8, 4, COMPRESSION_LZW, false, false},
+          {16, 1, COMPRESSION_ADOBE_DEFLATE, true, false},
+          {16, 3, COMPRESSION_NONE, true, true},
           {16, 4, COMPRESSION_ADOBE_DEFLATE, false, false}}) {
-        SCOPED_TRACE(std::to_string(bits) + " bits, " + std::to_string(channels) + " channels, compression " +
-                     std::to_string(compression) + (tiled ? ", tiled" : "") + (planes ? ", planes" : ""));
+        SCOPED_TRACE(std::to_string(bits) + " bits, " + std::to_string(channels) +
+                     " channels, compression " + std::to_string(compression) +
+                     (tiled ? ", tiled" : "") + (planes ? ", planes" : ""));
         const Pic p = pattern(37, 21, channels, bits, unsigned(channels * 10 + bits));
         writeTiff(at("in.tif"), p, uint16_t(compression), tiled, planes);
         ok({"stretch", at("in.tif"), "-o", at("tiff.png"), "--force"});
         EXPECT_EQ(readPic(at("tiff.png")), p);
     }
-    for (const auto &[channels, lossless] : {std::pair{3, true}, {4, true}, {3, false}, {4, false}}) {
+    for (const auto &[channels, lossless] :
+         {std::pair{3, true}, {4, true}, {3, false}, {4, false}}) {
         SCOPED_TRACE(std::to_string(channels) + (lossless ? " lossless" : " lossy"));
         writeWebP(at("in.webp"), pattern(33, 17, channels, 8, 13), lossless);
         ok({"stretch", at("in.webp"), "-o", at("webp.png"), "--force"});
@@ -316,7 +345,8 @@ TEST_F(Tool, ReadsAndWritesTiffAndWebP) {
     }
     // Written: lossless WebP and TIFF hold the result exactly; lossy WebP is
     // lossy, and smaller at a lower quality.
-    const Pic source = png(at("src.png"), 40, 30, 4, 8, 14), ref = png(at("ref.png"), 20, 20, 3, 8, 15);
+    const Pic source = png(at("src.png"), 40, 30, 4, 8, 14),
+              ref = png(at("ref.png"), 20, 20, 3, 8, 15);
     const Pic expected = libraryTransfer(source, ref, {});
     for (const auto &[out, extra] : {std::pair{"out.webp", "--lossless"}, {"out.tif", "-q"}}) {
         ok({"transfer", at("src.png"), at("ref.png"), "-o", at(out), extra});
@@ -337,22 +367,34 @@ TEST_F(Tool, ReadsAndWritesTiffAndWebP) {
 // source with a gray reference matches luminance only, and says so.
 
 TEST_F(Tool, MatchesInTheChosenWorkingSpace) {
-    const Pic source = png(at("src.png"), 30, 24, 3, 8, 16), ref = png(at("ref.png"), 26, 20, 3, 8, 17);
-    const Pic grayRef = png(at("gray.png"), 26, 20, 1, 8, 18), graySource = png(at("gsrc.png"), 30, 24, 1, 8, 19);
+    const Pic source = png(at("src.png"), 30, 24, 3, 8, 16),
+              ref = png(at("ref.png"), 26, 20, 3, 8, 17);
+    const Pic grayRef = png(at("gray.png"), 26, 20, 1, 8, 18),
+              graySource = png(at("gsrc.png"), 30, 24, 1, 8, 19);
     // Source, reference, --space (empty: none), the space the library is asked for.
     for (const auto &[src, reference, space, expected] :
-         {std::tuple{&source, "ref.png", "rgb", wzSpaceChannels}, {&source, "ref.png", "luma", wzSpaceLuma},
-          {&source, "ref.png", "ycbcr", wzSpaceYCbCr}, {&source, "ref.png", "lab", wzSpaceLab},
-          {&source, "ref.png", "", wzSpaceLab}, {&source, "gray.png", "lab", wzSpaceLuma},
-          {&graySource, "ref.png", "rgb", wzSpaceLuma}, {&graySource, "ref.png", "lab", wzSpaceLab}}) {
-        SCOPED_TRACE(std::string(reference) + " --space " + space + (src->c == 1 ? " (gray source)" : ""));
-        Args args{"transfer", at(src->c == 1 ? "gsrc.png" : "src.png"), at(reference), "-o", at("out.png"), "--force"};
+         {std::tuple{&source, "ref.png", "rgb", wzSpaceChannels},
+          {&source, "ref.png", "luma", wzSpaceLuma},
+          {&source, "ref.png", "ycbcr", wzSpaceYCbCr},
+          {&source, "ref.png", "lab", wzSpaceLab},
+          {&source, "ref.png", "", wzSpaceLab},
+          {&source, "gray.png", "lab", wzSpaceLuma},
+          {&graySource, "ref.png", "rgb", wzSpaceLuma},
+          {&graySource, "ref.png", "lab", wzSpaceLab}}) {
+        SCOPED_TRACE(std::string(reference) + " --space " + space +
+                     (src->c == 1 ? " (gray source)" : ""));
+        Args args{"transfer",    at(src->c == 1 ? "gsrc.png" : "src.png"),
+                  at(reference), "-o",
+                  at("out.png"), "--force"};
         if (*space) args.insert(args.end(), {"--space", space});
         const Outcome r = ok(args);
         Transfer t;
         t.space = expected;
-        EXPECT_EQ(readPic(at("out.png")), libraryTransfer(*src, reference == std::string("gray.png") ? grayRef : ref, t));
-        EXPECT_EQ(has(r.err, "only luminance is matched"), src->c == 3 && reference == std::string("gray.png")) << r.err;
+        EXPECT_EQ(readPic(at("out.png")),
+                  libraryTransfer(*src, reference == std::string("gray.png") ? grayRef : ref, t));
+        EXPECT_EQ(has(r.err, "only luminance is matched"),
+                  src->c == 3 && reference == std::string("gray.png"))
+            << r.err;
     }
 }
 
@@ -361,7 +403,8 @@ TEST_F(Tool, MatchesInTheChosenWorkingSpace) {
 // compared with the library called with that parameter changed.
 
 TEST_F(Tool, OptionsReachTheLibraryAsNamed) {
-    const Pic source = png(at("src.png"), 36, 28, 3, 8, 20), ref = png(at("ref.png"), 30, 22, 3, 8, 21);
+    const Pic source = png(at("src.png"), 36, 28, 3, 8, 20),
+              ref = png(at("ref.png"), 30, 22, 3, 8, 21);
     std::vector<uint8_t> blend(36 * 28);
     for (size_t i = 0; i < blend.size(); ++i) blend[i] = uint8_t(i * 37 % 256);
     writePng(at("blend.png"), grayPic(36, 28, blend));
@@ -386,13 +429,15 @@ TEST_F(Tool, OptionsReachTheLibraryAsNamed) {
     // clang-format on
     for (const auto &[extra, t] : cases) {
         SCOPED_TRACE(extra.empty() ? "defaults" : extra.back());
-        Args args{"transfer", at("src.png"), at("ref.png"), "-o", at("out.png"), "--force", "--space", "rgb"};
+        Args args{"transfer",    at("src.png"), at("ref.png"), "-o",
+                  at("out.png"), "--force",     "--space",     "rgb"};
         for (const std::string &a : extra) args.push_back(a == "BLEND" ? at("blend.png") : a);
         ok(args);
         EXPECT_EQ(readPic(at("out.png")), libraryTransfer(source, ref, t));
     }
     for (const auto &[args, expected] :
-         {std::pair{Args{"contrast", at("src.png"), "--high-tail", "120"}, libraryContrast(source, 120, 4)},
+         {std::pair{Args{"contrast", at("src.png"), "--high-tail", "120"},
+                    libraryContrast(source, 120, 4)},
           {Args{"contrast", at("src.png"), "--low-tail", "40"}, libraryContrast(source, 9, 40)},
           {Args{"smooth", at("ref.png"), at("src.png")}, Pic{}},
           {Args{"smooth", at("src.png"), at("src.png"), "--threshold", "0.5", "--iterations", "4"},
@@ -422,26 +467,32 @@ TEST_F(Tool, BatchRunsSkipAndCount) {
     std::ofstream(at("in/notes.txt")) << "not a picture";
     std::ofstream(at("in/anim.gif")) << "GIF89a";
     png(at("ref.png"), 20, 20, 3, 8, 25);
-    const Args batch{"transfer", "--reference", at("ref.png"), "-o", at("out/new"), at("in"), "--jobs", "2"};
+    const Args batch{"transfer",    "--reference", at("ref.png"), "-o",
+                     at("out/new"), at("in"),      "--jobs",      "2"};
     const Outcome first = run(batch);
     EXPECT_EQ(first.status, 1);
     EXPECT_EQ(listing(at("out/new")), (Args{"a.png", "b.tif", "c.webp"}));
     EXPECT_TRUE(has(first.err, "broken.png: corrupt PNG file")) << first.err;
-    EXPECT_TRUE(has(first.err, "2 files of other kinds left out (anim.gif, notes.txt)")) << first.err;
+    EXPECT_TRUE(has(first.err, "2 files of other kinds left out (anim.gif, notes.txt)"))
+        << first.err;
     EXPECT_TRUE(has(first.err, "3 of 4 images transferred")) << first.err;
     EXPECT_EQ(readPic(at("out/new/b.tif")).depth, 16);
 
     fs::remove(at("in/broken.png"));
-    const Outcome again = run({"transfer", "--reference", at("ref.png"), "-o", at("out/new"), at("in"), "--skip-existing"});
+    const Outcome again = run({"transfer", "--reference", at("ref.png"), "-o", at("out/new"),
+                               at("in"), "--skip-existing"});
     EXPECT_EQ(again.status, 0) << again.err;
-    EXPECT_TRUE(has(again.err, "0 of 3 images transferred") && has(again.err, "3 skipped")) << again.err;
-    const Outcome refused = run({"transfer", "--reference", at("ref.png"), "-o", at("out/new"), at("in/a.png"), "-q"});
+    EXPECT_TRUE(has(again.err, "0 of 3 images transferred") && has(again.err, "3 skipped"))
+        << again.err;
+    const Outcome refused =
+        run({"transfer", "--reference", at("ref.png"), "-o", at("out/new"), at("in/a.png"), "-q"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_TRUE(has(refused.err, "already exists") && lines(refused.err) == 1) << refused.err;
 
     ok({"transfer", at("in/a.png"), at("ref.png"), "-o", at("made/here/a.png")});
     EXPECT_TRUE(fs::exists(at("made/here/a.png")));
-    const Outcome skipped = ok({"transfer", at("in/a.png"), at("ref.png"), "-o", at("made/here/a.png"), "--skip-existing"});
+    const Outcome skipped = ok({"transfer", at("in/a.png"), at("ref.png"), "-o",
+                                at("made/here/a.png"), "--skip-existing"});
     EXPECT_TRUE(has(skipped.err, "skipped")) << skipped.err;
 }
 
@@ -452,7 +503,8 @@ TEST_F(Tool, BatchRunsSkipAndCount) {
 TEST_F(Tool, ComparisonPictureIsLabelled) {
     png(at("gray.png"), 60, 40, 1, 8, 26);
     png(at("ref.png"), 60, 40, 3, 8, 27);
-    ok({"transfer", at("gray.png"), at("ref.png"), "-o", at("out.png"), "--compare", at("cmp.png")});
+    ok({"transfer", at("gray.png"), at("ref.png"), "-o", at("out.png"), "--compare",
+        at("cmp.png")});
     const Pic cmp = readPic(at("cmp.png"));
     ASSERT_EQ(cmp.c, 3);
     // Per third of the picture: dark title pixels in the top rows, and
@@ -483,7 +535,8 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
     const std::string source = at("source.png"), other = at("other.png"), x = at("x.png");
     writeTiff(at("tiff.tif"), pattern(30, 20, 3, 8, 30), COMPRESSION_LZW, false, false);
     writeWebP(at("webp.webp"), pattern(30, 20, 3, 8, 31), false);
-    const std::string tiff = slurp(at("tiff.tif")), webp = slurp(at("webp.webp")), pngBytes = slurp(source);
+    const std::string tiff = slurp(at("tiff.tif")), webp = slurp(at("webp.webp")),
+                      pngBytes = slurp(source);
     std::string huge = tiff;  // the width in the first directory made 70000 (a LONG)
     const auto le = [&](size_t at, int n) {
         uint32_t v = 0;
@@ -492,7 +545,8 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
     };
     for (size_t ifd = le(4, 4), e = 0; e < le(ifd, 2); ++e)
         if (const size_t entry = ifd + 2 + 12 * e; le(entry, 2) == TIFFTAG_IMAGEWIDTH)
-            for (size_t i = 0; i < 6; ++i) huge[entry + 2 + (i < 2 ? i : i + 4)] = "\4\0\x70\x11\x01\0"[i];
+            for (size_t i = 0; i < 6; ++i)
+                huge[entry + 2 + (i < 2 ? i : i + 4)] = "\4\0\x70\x11\x01\0"[i];
     std::ofstream(at("taken.png")) << "keep me";
     std::vector<std::tuple<Args, int, std::string>> cases = {
         {{"transfer", source, other, "-o", x, "--mask", other}, 1, "mask is 20 x 20"},
@@ -505,19 +559,23 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
         {{"transfer", source, other, "-o", x, "--space", "hsv"}, 2, "--space"},
         {{"transfer", source, other, "-o", x, "--smooth-threshold", "0.2"}, 2, "--smooth"},
         {{"transfer", source, other, "-o", x, "--force", "--skip-existing"}, 2, "--skip-existing"},
-        {{"transfer", source, other, "-o", x, "--compare", x}, 2, "--compare and -o name the same file"},
+        {{"transfer", source, other, "-o", x, "--compare", x},
+         2,
+         "--compare and -o name the same file"},
         {{"transfer", source, other, "--frobnicate"}, 2, "--frobnicate"},
         {{"transfer", source, "-o", x}, 2, "SOURCE and REFERENCE"}};
-    for (const auto &[name, bytes, reason] : {std::tuple<std::string, std::string, std::string>{"empty.png", "", "empty file"},
-                                              {"noise.png", std::string(300, '\x17'), "not a PNG, JPEG, TIFF or WebP"},
-                                              {"cut.png", pngBytes.substr(0, pngBytes.size() / 2), "truncated PNG"},
-                                              {"cut.tif", tiff.substr(0, tiff.size() / 3), "corrupt TIFF"},
-                                              {"cut.webp", webp.substr(0, webp.size() / 2), "corrupt or truncated WebP"},
-                                              {"huge.tif", huge, "image size 70000 x 20 is over the limit"},
-                                              {"anim.gif", "GIF89a\x01\0\x01\0", "unsupported format: GIF"}}) {
+    for (const auto &[name, bytes, reason] :
+         {std::tuple<std::string, std::string, std::string>{"empty.png", "", "empty file"},
+          {"noise.png", std::string(300, '\x17'), "not a PNG, JPEG, TIFF or WebP"},
+          {"cut.png", pngBytes.substr(0, pngBytes.size() / 2), "truncated PNG"},
+          {"cut.tif", tiff.substr(0, tiff.size() / 3), "corrupt TIFF"},
+          {"cut.webp", webp.substr(0, webp.size() / 2), "corrupt or truncated WebP"},
+          {"huge.tif", huge, "image size 70000 x 20 is over the limit"},
+          {"anim.gif", "GIF89a\x01\0\x01\0", "unsupported format: GIF"}}) {
         std::ofstream(at(name), std::ios::binary) << bytes;
         cases.push_back({{"transfer", at(name), other, "-o", x}, 1, name + ": " + reason});
-        cases.push_back({{"info", at(name)}, 1, name + ": " + reason});  // info reads through the same path
+        cases.push_back(
+            {{"info", at(name)}, 1, name + ": " + reason});  // info reads through the same path
     }
     for (const auto &[args, status, reason] : cases) {
         const Outcome r = run(args);
@@ -528,8 +586,10 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
     EXPECT_EQ(slurp(at("taken.png")), "keep me");
     ok({"transfer", source, other, "-o", at("taken.png"), "--force"});
     EXPECT_EQ(readPic(at("taken.png")).w, 30);
-    for (const std::string &name : listing(dir_.string())) EXPECT_TRUE(name[0] != '.' || name.starts_with(".std")) << name;
-    for (const std::string command : {"transfer", "equalize", "stretch", "contrast", "smooth", "info"})
+    for (const std::string &name : listing(dir_.string()))
+        EXPECT_TRUE(name[0] != '.' || name.starts_with(".std")) << name;
+    for (const std::string command :
+         {"transfer", "equalize", "stretch", "contrast", "smooth", "info"})
         EXPECT_TRUE(ok({command, "--help"}).out.starts_with("usage: morven " + command)) << command;
 }
 
@@ -537,8 +597,8 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
 TEST_F(Tool, CtrlCStopsWithoutOutput) {
     png(at("big.png"), 600, 400, 3, 8, 32);
     png(at("ref.png"), 20, 20, 3, 8, 33);
-    const Outcome r = run({"transfer", at("big.png"), at("ref.png"), "-o", at("slow.png"), "--smooth",
-                           "--smooth-iterations", "100000"},
+    const Outcome r = run({"transfer", at("big.png"), at("ref.png"), "-o", at("slow.png"),
+                           "--smooth", "--smooth-iterations", "100000"},
                           400);
     EXPECT_EQ(r.status, 130) << r.err;
     EXPECT_TRUE(has(r.err, "interrupted")) << r.err;

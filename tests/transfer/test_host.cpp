@@ -32,10 +32,13 @@ protected:
 // Before wzMorvenInit and after wzMorvenDispose (twice) both calls refuse.
 TEST_F(Host, WithoutSupportNothingIsTouched) {
     std::mt19937 rng(1);
-    Buffer src = randomBGR(8, 8, rng, 0, 256), ref = randomBGR(4, 4, rng, 0, 256), dst(src.size(), 9);
+    Buffer src = randomBGR(8, 8, rng, 0, 256), ref = randomBGR(4, 4, rng, 0, 256),
+           dst(src.size(), 9);
     const Buffer before = dst;
     for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(wzMorvenTransfer(8, 8, src.data(), dst.data(), 4, 4, ref.data(), round, 255, 1.0f, 9.0f, 50.0f, 0.9f), 1u);
+        EXPECT_EQ(wzMorvenTransfer(8, 8, src.data(), dst.data(), 4, 4, ref.data(), round, 255, 1.0f,
+                                   9.0f, 50.0f, 0.9f),
+                  1u);
         EXPECT_EQ(wzMorvenSmooth(8, 8, ref.data(), src.data(), dst.data(), 2, 0.1f), 1u);
         EXPECT_EQ(dst, before);
         ASSERT_EQ(wzMorvenInit(), 0u);
@@ -53,9 +56,14 @@ TEST_F(Host, TransferIsTheMatchingFilterWithTheReferenceProfile) {
     for (int contrast : {0, 1})
         for (float fidelity : {0.9f, 1.0f}) {
             Buffer dst(src.size()), expected(src.size()), inPlace = src;
-            ASSERT_EQ(wzMorvenTransfer(40, 30, src.data(), dst.data(), 25, 35, ref.data(), contrast, 40, 0.8f, 9.0f, 50.0f, fidelity), 0u);
-            ASSERT_EQ(wzMorvenTransfer(40, 30, inPlace.data(), inPlace.data(), 25, 35, ref.data(), contrast, 40, 0.8f, 9.0f, 50.0f, fidelity), 0u);
-            HeaderPtr r = header(25, 35, ref), s = header(40, 30, src), e = header(40, 30, expected);
+            ASSERT_EQ(wzMorvenTransfer(40, 30, src.data(), dst.data(), 25, 35, ref.data(), contrast,
+                                       40, 0.8f, 9.0f, 50.0f, fidelity),
+                      0u);
+            ASSERT_EQ(wzMorvenTransfer(40, 30, inPlace.data(), inPlace.data(), 25, 35, ref.data(),
+                                       contrast, 40, 0.8f, 9.0f, 50.0f, fidelity),
+                      0u);
+            HeaderPtr r = header(25, 35, ref), s = header(40, 30, src),
+                      e = header(40, 30, expected);
             wzImageColorProfile profile;
             wzImageFillColorProfile(r.get(), &profile);
             const wzHistogramMatchParams mp{0.8f, fidelity, 0, 40, &profile};
@@ -74,14 +82,16 @@ TEST_F(Host, TransferIsTheMatchingFilterWithTheReferenceProfile) {
 TEST_F(Host, SmoothIsTheSmoothingFilterAndMayRunInPlace) {
     ASSERT_EQ(wzMorvenInit(), 0u);
     std::mt19937 rng(3);
-    Buffer guide = randomBGR(21, 13, rng, 100, 20), input = randomBGR(21, 13, rng, 0, 256), out(input.size()), inPlace = input;
+    Buffer guide = randomBGR(21, 13, rng, 100, 20), input = randomBGR(21, 13, rng, 0, 256),
+           out(input.size()), inPlace = input;
     ASSERT_EQ(wzMorvenSmooth(21, 13, guide.data(), input.data(), out.data(), 3, 0.1f), 0u);
     ASSERT_EQ(wzMorvenSmooth(21, 13, guide.data(), inPlace.data(), inPlace.data(), 3, 0.1f), 0u);
     EXPECT_EQ(inPlace, out);
     EXPECT_NE(out, input);
     for (auto [passes, threshold] : {std::pair{3, 0.003f}, {0, 0.1f}}) {
         Buffer copy(input.size());
-        ASSERT_EQ(wzMorvenSmooth(21, 13, guide.data(), input.data(), copy.data(), passes, threshold), 0u);
+        ASSERT_EQ(
+            wzMorvenSmooth(21, 13, guide.data(), input.data(), copy.data(), passes, threshold), 0u);
         EXPECT_EQ(copy, input) << passes;
     }
 }
@@ -99,7 +109,8 @@ TEST_F(Host, ConcurrentCallsOnDistinctBuffersMatchSequentialOnes) {
     auto job = [&](int i, Buffer &out) {
         out.assign(src[i].size(), 0);
         if (i % 2 == 0)
-            return wzMorvenTransfer(64, 48, src[i].data(), out.data(), 50, 40, ref[i].data(), i % 4 == 0, 255, 1.0f, 9.0f, 50.0f, 0.9f);
+            return wzMorvenTransfer(64, 48, src[i].data(), out.data(), 50, 40, ref[i].data(),
+                                    i % 4 == 0, 255, 1.0f, 9.0f, 50.0f, 0.9f);
         return wzMorvenSmooth(64, 48, guide[i].data(), src[i].data(), out.data(), 2, 0.2f);
     };
     for (int i = 0; i < kJobs; ++i) ASSERT_EQ(job(i, seq[i]), 0u);

@@ -42,13 +42,16 @@ void fillRandom(const wzVolume *v, std::mt19937 &rng) {
     const bool isFloat = v->type == wzType32F || v->type == wzType64F;
     for (int z = 0; z < v->depth; ++z)
         for (int y = 0; y < v->height; ++y)
-            for (int x = 0; x < v->width; ++x) put(v, x, y, z, isFloat ? float(unit(rng)) : double(rng() % 256));
+            for (int x = 0; x < v->width; ++x)
+                put(v, x, y, z, isFloat ? float(unit(rng)) : double(rng() % 256));
 }
 
 // 8-bit contiguous volumes.
 size_t sizeOf(const wzVolume *v) { return size_t(v->width) * v->height * v->depth; }
 Bytes voxels(const wzVolume *v) { return bytes(v->voxels, sizeOf(v)); }
-uint8_t &at(const wzVolume *v, int x, int y, int z) { return v->voxels[(size_t(z) * v->height + y) * v->width + x]; }
+uint8_t &at(const wzVolume *v, int x, int y, int z) {
+    return v->voxels[(size_t(z) * v->height + y) * v->width + x];
+}
 
 VolumePtr randomVolume(int w, int h, int d, std::mt19937 &rng, int lo = 0, int hi = 255) {
     VolumePtr v(wzVolumeCreate(w, h, d));
@@ -72,13 +75,15 @@ VolumePtr copyOf(const wzVolume *v) {
 // and region of interest (plane regions untouched); refused encodings and
 // negative sizes; null releases.
 TEST(VolumeRecord, KindsLayoutsAndRefusals) {
-    VolumePtr v(wzVolumeCreateWithType(4, 3, 2, wzType16U)), bgr(wzVolumeCreateWithEncoding(4, 3, 2, wzEncodingBGR));
+    VolumePtr v(wzVolumeCreateWithType(4, 3, 2, wzType16U)),
+        bgr(wzVolumeCreateWithEncoding(4, 3, 2, wzEncodingBGR));
     VolumePtr as(wzVolumeCreateAs(bgr.get())), empty(wzVolumeCreate(3, 3, 0));
     ASSERT_TRUE(v && bgr && as && empty && empty->depth == 0);
     EXPECT_EQ(bytes(v->voxels, 48), Bytes(48, 0));
     const wzImage *p = v->planes[1];
-    EXPECT_TRUE(p->data == v->voxels + 24 && p->type == wzType16U && p->encoding == wzEncodingGray &&
-                p->height == 3 && p->width == 4 && p->roi.width == 4 && p->roi.height == 3);
+    EXPECT_TRUE(p->data == v->voxels + 24 && p->type == wzType16U &&
+                p->encoding == wzEncodingGray && p->height == 3 && p->width == 4 &&
+                p->roi.width == 4 && p->roi.height == 3);
     EXPECT_TRUE(bgr->planes[1]->data == bgr->voxels + 36 && as->planes[1]->data == as->voxels + 12);
     EXPECT_EQ(as->planes[0]->encoding, wzEncodingGray);
     const wzSize3D size = wzVolumeSize(bgr.get());
@@ -100,8 +105,10 @@ TEST(VolumeRecord, KindsLayoutsAndRefusals) {
     EXPECT_TRUE(s->voxels == nullptr && s->planes[0]->data != s->planes[1]->data);
     for (int k = 0; k < 3; ++k) std::memset(s->planes[k]->data, k, 80);  // 80 bytes each
 
-    EXPECT_TRUE(wzVolumeCreateWithEncoding(2, 2, 2, 5) == nullptr && wzVolumeCreateHeaderWithEncoding(2, 2, 2, 5) == nullptr);
-    EXPECT_TRUE(wzVolumeCreate(-1, 2, 2) == nullptr && wzVolumeCreateWithSeparatePlanes(2, 2, INT32_MIN) == nullptr);
+    EXPECT_TRUE(wzVolumeCreateWithEncoding(2, 2, 2, 5) == nullptr &&
+                wzVolumeCreateHeaderWithEncoding(2, 2, 2, 5) == nullptr);
+    EXPECT_TRUE(wzVolumeCreate(-1, 2, 2) == nullptr &&
+                wzVolumeCreateWithSeparatePlanes(2, 2, INT32_MIN) == nullptr);
     EXPECT_EQ(wzVolumeCreateHeader(2, -3, 2), nullptr);
     wzVolume *none = nullptr;
     wzVolumeReleaseWithSeparatePlanes(&none);
@@ -126,16 +133,22 @@ TEST(VolumeRecord, Layout32AndTypeConversion) {
     wzVolumeCvtFrom32(&r, &back);
     const wzVolume32 want32{wzType8U, 2, 4, 3, 0, 0, box};
     EXPECT_EQ(std::memcmp(&r, &want32, sizeof r), 0);
-    EXPECT_TRUE(back.voxels == nullptr && back.planes == nullptr && back.width == 4 && back.height == 3);
+    EXPECT_TRUE(back.voxels == nullptr && back.planes == nullptr && back.width == 4 &&
+                back.height == 3);
     EXPECT_TRUE(back.type == wzType8U && back.depth == 2 && sameBox(back.roi, box));
 
     std::mt19937 rng(11);
     fillRandom(v.get(), rng);
-    VolumePtr f(wzVolumeCreateWithType(4, 3, 2, wzType32F)), g(wzVolumeCreateWithType(4, 3, 2, wzType16U));
-    ASSERT_EQ(wzVolumeCvtType(v.get(), f.get()) | wzVolumeCvtTypeGivenRange(v.get(), g.get(), 0.0, 255.0), 0u);
+    VolumePtr f(wzVolumeCreateWithType(4, 3, 2, wzType32F)),
+        g(wzVolumeCreateWithType(4, 3, 2, wzType16U));
+    ASSERT_EQ(
+        wzVolumeCvtType(v.get(), f.get()) | wzVolumeCvtTypeGivenRange(v.get(), g.get(), 0.0, 255.0),
+        0u);
     for (int i = 0; i < 24; ++i)
         EXPECT_TRUE(loadValue(wzType32F, f->voxels + 4 * i) == float(v->voxels[i]) / 255.0f &&
-                    loadValue(wzType16U, g->voxels + 2 * i) == std::trunc(v->voxels[i] / 255.0 * 65535.0)) << i;
+                    loadValue(wzType16U, g->voxels + 2 * i) ==
+                        std::trunc(v->voxels[i] / 255.0 * 65535.0))
+            << i;
     VolumePtr three(wzVolumeCreate(2, 2, 3)), four(wzVolumeCreate(2, 2, 4));
     std::memset(four->voxels, 9, 16);
     EXPECT_EQ(wzVolumeCvtTypeGivenRange(three.get(), four.get(), 0.0, 1.0), 1u);
@@ -153,7 +166,8 @@ TEST(VolumeRecord, Layout32AndTypeConversion) {
 // the extremes); an empty box gives the initial values; a box outside or an
 // unknown type gives 1.
 TEST(VolumeAccess, WorkedReadsFillsInversionAndExtremes) {
-    VolumePtr s(wzVolumeCreateWithType(2, 2, 2, wzType32S)), u(wzVolumeCreateWithType(3, 1, 1, wzType16U));
+    VolumePtr s(wzVolumeCreateWithType(2, 2, 2, wzType32S)),
+        u(wzVolumeCreateWithType(3, 1, 1, wzType16U));
     put(s.get(), 1, 0, 1, -5);
     put(u.get(), 2, 0, 0, 65535);
     EXPECT_TRUE(val(s.get(), 1, 0, 1) == -5.0 && val(u.get(), 2, 0, 0) == 65535.0);
@@ -182,10 +196,12 @@ TEST(VolumeAccess, WorkedReadsFillsInversionAndExtremes) {
     at(v.get(), 2, 1, 1) = 200;
     VolumePtr out(wzVolumeCreate(3, 2, 2)), shallow(wzVolumeCreate(3, 2, 1));
     ASSERT_EQ(wzVolumeInvert(v.get(), out.get()), 0u);
-    EXPECT_TRUE(at(out.get(), 0, 0, 0) == 255 && at(out.get(), 2, 1, 1) == 55 && at(out.get(), 1, 1, 0) == 0);
+    EXPECT_TRUE(at(out.get(), 0, 0, 0) == 255 && at(out.get(), 2, 1, 1) == 55 &&
+                at(out.get(), 1, 1, 0) == 0);
     ASSERT_EQ(wzVolumeInvert(out.get(), out.get()), 0u);  // in place, back again
     EXPECT_EQ(voxels(out.get()), voxels(v.get()));
-    EXPECT_TRUE(wzVolumeInvert(v.get(), shallow.get()) == 1 && wzVolumeInvert(u.get(), u.get()) == 1);
+    EXPECT_TRUE(wzVolumeInvert(v.get(), shallow.get()) == 1 &&
+                wzVolumeInvert(u.get(), u.get()) == 1);
 
     VolumePtr d(wzVolumeCreateWithType(4, 5, 3, wzType64F));
     put(d.get(), 0, 0, 0, -0.0);
@@ -194,16 +210,19 @@ TEST(VolumeAccess, WorkedReadsFillsInversionAndExtremes) {
     wzBox nz;
     int32_t empty = 1;
     double mn = 0, mx = 0;
-    ASSERT_TRUE(wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 0 && empty == 0 && sameBox(nz, {2, 3, 1, 2, 2, 2}));
+    ASSERT_TRUE(wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 0 && empty == 0 &&
+                sameBox(nz, {2, 3, 1, 2, 2, 2}));
     ASSERT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 0 && mn == -2.5 && mx == 0.0);
     put(d.get(), 3, 4, 2, 0.0);
-    ASSERT_TRUE(wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 0 && sameBox(nz, {2, 3, 1, 1, 1, 1}));
+    ASSERT_TRUE(wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 0 &&
+                sameBox(nz, {2, 3, 1, 1, 1, 1}));
     d->roi = wzBox{0, 0, 0, 4, 0, 3};
     EXPECT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 0 && mn == DBL_MAX && mx == -DBL_MAX);
     d->roi = wzBox{2, 0, 0, 3, 1, 1};
     EXPECT_EQ(wzVolumeGetMinMaxValues(d.get(), &mn, &mx), 1u);
     d->type = 31;
-    EXPECT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 1 && wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 1);
+    EXPECT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 1 &&
+                wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 1);
     EXPECT_EQ(empty, 1);
 }
 
@@ -233,18 +252,26 @@ TEST(VolumeAccess, RandomCrossChecks) {
                 for (int k = 0; k < 3; ++k) w *= c[k] ? p[k] - q[k] : 1.0 - (p[k] - q[k]);
                 if (w != 0.0) ref += w * val(v.get(), q[0] + c[0], q[1] + c[1], q[2] + c[2]);
             }
-            EXPECT_NEAR(wzVolumeGetInterpolatedVal(v.get(), p), ref, 1e-9 * (1 + std::fabs(ref))) << type;
-            EXPECT_EQ(wzVolumeGetInterpolatedValPerPlane(v.get(), p), wzVolumeGetInterpolatedVal(v.get(), p));
+            EXPECT_NEAR(wzVolumeGetInterpolatedVal(v.get(), p), ref, 1e-9 * (1 + std::fabs(ref)))
+                << type;
+            EXPECT_EQ(wzVolumeGetInterpolatedValPerPlane(v.get(), p),
+                      wzVolumeGetInterpolatedVal(v.get(), p));
         }
         for (int trial = 0; trial < 20; ++trial) {
             const int x = rng() % W, y = rng() % H, z = rng() % D;
-            const wzBox b{x, y, z, 1 + int(rng() % (W - x)), 1 + int(rng() % (H - y)), 1 + int(rng() % (D - z))};
+            const wzBox b{x,
+                          y,
+                          z,
+                          1 + int(rng() % (W - x)),
+                          1 + int(rng() % (H - y)),
+                          1 + int(rng() % (D - z))};
             wzVolumeSetROI(v.get(), &b);
             double lo = DBL_MAX, hi = -DBL_MAX, mn, mx;
             for (int k = z; k < z + b.depth; ++k)
                 for (int j = y; j < y + b.height; ++j)
                     for (int i = x; i < x + b.width; ++i)
-                        lo = std::fmin(lo, val(v.get(), i, j, k)), hi = std::fmax(hi, val(v.get(), i, j, k));
+                        lo = std::fmin(lo, val(v.get(), i, j, k)),
+                        hi = std::fmax(hi, val(v.get(), i, j, k));
             ASSERT_EQ(wzVolumeGetMinMaxValues(v.get(), &mn, &mx), 0u);
             EXPECT_TRUE(mn == lo && mx == hi) << type;
         }
@@ -256,9 +283,11 @@ TEST(VolumeAccess, RandomCrossChecks) {
                 for (int r = 0; r < out->height; ++r)
                     for (int c = 0; c < out->width; ++c) {
                         const wzPoint p{0, c, r, 0};
-                        const int xyz[3][3] = {{index, c, r}, {r, index, c}, {c, r, index}};  // per axis
+                        const int xyz[3][3] = {
+                            {index, c, r}, {r, index, c}, {c, r, index}};  // per axis
                         const int *q = xyz[axis];
-                        ASSERT_EQ(wzImageGetVal(out.get(), &p), val(v.get(), q[0], q[1], q[2])) << type << " " << axis;
+                        ASSERT_EQ(wzImageGetVal(out.get(), &p), val(v.get(), q[0], q[1], q[2]))
+                            << type << " " << axis;
                     }
             }
             EXPECT_EQ(wzVolumeGetSlice(v.get(), axis, slices[axis][2], out.get()), 1u);
@@ -271,17 +300,22 @@ TEST(VolumeAccess, RandomCrossChecks) {
         for (int n = 0; n < 3; ++n) {
             const int p[3] = {int(rng() % W), int(rng() % H), int(rng() % D)};
             put(v.get(), p[0], p[1], p[2], 7);
-            for (int k = 0; k < 3; ++k) lo[k] = std::min(lo[k], p[k]), hi[k] = std::max(hi[k], p[k]);
+            for (int k = 0; k < 3; ++k)
+                lo[k] = std::min(lo[k], p[k]), hi[k] = std::max(hi[k], p[k]);
         }
         ASSERT_TRUE(wzVolumeGetNonZeroROI(v.get(), &nz, &empty) == 0 && empty == 0);
-        EXPECT_TRUE(sameBox(nz, {lo[0], lo[1], lo[2], hi[0] - lo[0] + 1, hi[1] - lo[1] + 1, hi[2] - lo[2] + 1}));
+        EXPECT_TRUE(sameBox(
+            nz, {lo[0], lo[1], lo[2], hi[0] - lo[0] + 1, hi[1] - lo[1] + 1, hi[2] - lo[2] + 1}));
     }
     // Slices refuse an image of another size, encoding or type, and an axis
     // out of range.
     VolumePtr v(wzVolumeCreate(4, 3, 2));
-    ImagePtr wrong = makeImage(4, 2, wzEncodingGray), rgb = makeImage(2, 4, wzEncodingRGB), wide = makeImage(4, 3, wzEncodingGray, wzType16U);
-    EXPECT_TRUE(wzVolumeGetSlice(v.get(), 1, 2, wrong.get()) == 1 && wzVolumeGetSlice(v.get(), 1, 0, rgb.get()) == 1);
-    EXPECT_TRUE(wzVolumeGetSlice(v.get(), 3, 0, wrong.get()) == 1 && wzVolumeGetSlice(v.get(), 2, 0, wide.get()) == 1);
+    ImagePtr wrong = makeImage(4, 2, wzEncodingGray), rgb = makeImage(2, 4, wzEncodingRGB),
+             wide = makeImage(4, 3, wzEncodingGray, wzType16U);
+    EXPECT_TRUE(wzVolumeGetSlice(v.get(), 1, 2, wrong.get()) == 1 &&
+                wzVolumeGetSlice(v.get(), 1, 0, rgb.get()) == 1);
+    EXPECT_TRUE(wzVolumeGetSlice(v.get(), 3, 0, wrong.get()) == 1 &&
+                wzVolumeGetSlice(v.get(), 2, 0, wide.get()) == 1);
 }
 
 // A box into a deeper or off-edge destination box is refused unwritten; the
@@ -289,7 +323,8 @@ TEST(VolumeAccess, RandomCrossChecks) {
 // leaves every plane's own region as it was.
 TEST(VolumeAccess, Copy3D) {
     std::mt19937 rng(21);
-    VolumePtr src = randomVolume(5, 4, 3, rng), dst(wzVolumeCreateWithEncoding(6, 6, 4, wzEncodingBGR));
+    VolumePtr src = randomVolume(5, 4, 3, rng),
+              dst(wzVolumeCreateWithEncoding(6, 6, 4, wzEncodingBGR));
     const wzRect own{1, 1, 2, 2};
     for (int k = 0; k < 4; ++k) wzImageSetROI(dst->planes[k], &own);
     src->roi = wzBox{1, 1, 1, 3, 2, 2};
@@ -300,14 +335,16 @@ TEST(VolumeAccess, Copy3D) {
     EXPECT_EQ(bytes(dst->voxels, 432), Bytes(432, 0));
     dst->roi = wzBox{2, 3, 0, 3, 2, 2};
     ASSERT_EQ(wzCopy3D(src.get(), dst.get()), 0u);
-    for (int k = 0; k < 4; ++k) EXPECT_TRUE(std::memcmp(&dst->planes[k]->roi, &own, sizeof own) == 0);
+    for (int k = 0; k < 4; ++k)
+        EXPECT_TRUE(std::memcmp(&dst->planes[k]->roi, &own, sizeof own) == 0);
     for (int k = 0; k < 3; ++k) EXPECT_EQ(src->planes[k]->roi.width, 5);
     for (int z = 0; z < 4; ++z)
         for (int y = 0; y < 6; ++y)
             for (int x = 0; x < 6; ++x) {
                 const bool in = z < 2 && y >= 3 && y < 5 && x >= 2 && x < 5;
                 const uint8_t want = in ? at(src.get(), x - 1, y - 2, z + 1) : 0;
-                for (int c = 0; c < 3; ++c) ASSERT_EQ(dst->planes[z]->data[(y * 6 + x) * 3 + c], want);
+                for (int c = 0; c < 3; ++c)
+                    ASSERT_EQ(dst->planes[z]->data[(y * 6 + x) * 3 + c], want);
             }
 }
 
@@ -329,14 +366,16 @@ bool bothRefuse(const Bytes &b, size_t n) {
 
 Bytes planesOf(const wzVolume *v, size_t planeBytes) {
     Bytes out;
-    for (int k = 0; k < v->depth; ++k) out.insert(out.end(), v->planes[k]->data, v->planes[k]->data + planeBytes);
+    for (int k = 0; k < v->depth; ++k)
+        out.insert(out.end(), v->planes[k]->data, v->planes[k]->data + planeBytes);
     return out;
 }
 
 // The 48-byte header, little-endian: type, depth, width, height, two zero
 // pointer slots, the region of interest.
 Bytes header(uint32_t type, int32_t depth, int32_t width, int32_t height, const wzBox &r) {
-    const int32_t f[12] = {int32_t(type), depth, width, height, 0, 0, r.x, r.y, r.z, r.width, r.height, r.depth};
+    const int32_t f[12] = {int32_t(type), depth, width, height,  0,        0,
+                           r.x,           r.y,   r.z,   r.width, r.height, r.depth};
     Bytes b;
     for (int32_t v : f)
         for (int k = 0; k < 4; ++k) b.push_back(static_cast<uint8_t>(uint32_t(v) >> (8 * k)));
@@ -370,12 +409,14 @@ TEST(VolumeDump, ExactBytesRoundTripsAndPrefixes) {
         ASSERT_TRUE(c && s);
         for (const wzVolume *l : {c.get(), s.get()}) {
             EXPECT_TRUE(l->width == w && l->height == h && l->depth == d && l->type == type);
-            EXPECT_TRUE(std::memcmp(&l->roi, &box, sizeof box) == 0 && planesOf(l, plane) == payload);
+            EXPECT_TRUE(std::memcmp(&l->roi, &box, sizeof box) == 0 &&
+                        planesOf(l, plane) == payload);
             EXPECT_TRUE(l->planes[d - 1]->roi.width == w && l->planes[d - 1]->type == type);
         }
         EXPECT_TRUE(c->planes[d - 1]->data == c->voxels + (d - 1) * plane && s->voxels == nullptr);
         EXPECT_EQ(save(wzVolumeDumpSave, c.get(), &s1), want);  // from the voxels block
-        for (size_t n = 0; n < want.size(); ++n) EXPECT_TRUE(bothRefuse(want, n)) << type << " cut at " << n;
+        for (size_t n = 0; n < want.size(); ++n)
+            EXPECT_TRUE(bothRefuse(want, n)) << type << " cut at " << n;
     }
 }
 
@@ -386,7 +427,8 @@ TEST(VolumeDump, ExactBytesRoundTripsAndPrefixes) {
 // count (some wrapping to small positive values in 32 bits), one plane beyond
 // it even at depth 0, unknown types, planes that never arrive.
 TEST(VolumeDump, EmptyMultiChannelAndHostileHeaders) {
-    VolumePtr flat(wzVolumeCreate(3, 2, 0)), bgr(wzVolumeCreateWithEncoding(2, 2, 2, wzEncodingBGR));
+    VolumePtr flat(wzVolumeCreate(3, 2, 0)),
+        bgr(wzVolumeCreateWithEncoding(2, 2, 2, wzEncodingBGR));
     wzStatus st;
     Bytes b = save(wzVolumeDumpSaveWithSeparatePlanes, flat.get(), &st);
     EXPECT_TRUE(st == 0 && b.size() == 48);
@@ -404,16 +446,25 @@ TEST(VolumeDump, EmptyMultiChannelAndHostileHeaders) {
         uint32_t type;
         int32_t depth, width, height;
     } cases[] = {
-        {wzType8U, -1, 2, 2},         {wzType8U, 2, -2, 2},         {wzType8U, 2, 2, INT32_MIN},
-        {wzType8U, 1, 0, 5},          {7, 1, 2, 2},                 {wzType8U, 65536, 65536, 2},
-        {wzType64F, 4, 65536, 65537}, {wzType8U, 3, 1 << 30, 1 << 30}, {wzType16U, INT32_MAX, 2, 1},
-        {wzType32F, 2, INT32_MAX, INT32_MAX}, {wzType8U, 0, 65536, 65536}, {wzType8U, INT32_MAX, 1, 1},
+        {wzType8U, -1, 2, 2},
+        {wzType8U, 2, -2, 2},
+        {wzType8U, 2, 2, INT32_MIN},
+        {wzType8U, 1, 0, 5},
+        {7, 1, 2, 2},
+        {wzType8U, 65536, 65536, 2},
+        {wzType64F, 4, 65536, 65537},
+        {wzType8U, 3, 1 << 30, 1 << 30},
+        {wzType16U, INT32_MAX, 2, 1},
+        {wzType32F, 2, INT32_MAX, INT32_MAX},
+        {wzType8U, 0, 65536, 65536},
+        {wzType8U, INT32_MAX, 1, 1},
         {wzType32F, 1000000, 1000, 2},
     };
     for (const auto &c : cases) {
         Bytes h = header(c.type, c.depth, c.width, c.height, wzBox{});
         h.resize(h.size() + 16, 0x5A);  // a little payload, never enough
-        EXPECT_TRUE(bothRefuse(h, h.size())) << c.type << " " << c.depth << " " << c.width << " " << c.height;
+        EXPECT_TRUE(bothRefuse(h, h.size()))
+            << c.type << " " << c.depth << " " << c.width << " " << c.height;
     }
 }
 
@@ -428,7 +479,8 @@ TEST(VolumeDump, LargePayloadsReadInPieces) {
     VolumePtr c(loadPrefix(wzVolumeDumpLoad, b, b.size()));
     SeparatePtr s(loadPrefix(wzVolumeDumpLoadWithSeparatePlanes, b, b.size()));
     ASSERT_TRUE(b.size() == 48 + n && c && s);
-    EXPECT_TRUE(std::memcmp(c->voxels, v->voxels, n) == 0 && std::memcmp(s->planes[0]->data, v->voxels, n) == 0);
+    EXPECT_TRUE(std::memcmp(c->voxels, v->voxels, n) == 0 &&
+                std::memcmp(s->planes[0]->data, v->voxels, n) == 0);
     for (size_t cut : {size_t(48 + (16 << 20)), size_t(48 + (16 << 20) + 1), b.size() - 1})
         EXPECT_TRUE(bothRefuse(b, cut)) << cut;
 }
@@ -436,7 +488,9 @@ TEST(VolumeDump, LargePayloadsReadInPieces) {
 // ---------------------------------------------------------------------------
 // Histogram operations
 
-struct StatsDeleter { void operator()(wzHistogramMatchStats *s) const { wzHistogramMatchStatsRelease(&s); } };
+struct StatsDeleter {
+    void operator()(wzHistogramMatchStats *s) const { wzHistogramMatchStatsRelease(&s); }
+};
 using StatsPtr = std::unique_ptr<wzHistogramMatchStats, StatsDeleter>;
 
 // Voxels counted over each plane's own region, the same counts in all three
@@ -456,15 +510,19 @@ StatsPtr counted(const wzVolume *v) {
 // dst with table[src voxel] over src's box written into dst's box, blended
 // (with a mask, from the mask's own box origin) as (1 - w) * original +
 // w * matched, w = level / 255, in single precision and truncated.
-VolumePtr lookedUp(const uint8_t *table, const wzVolume *src, const wzVolume *dst, const wzVolume *mask) {
+VolumePtr lookedUp(const uint8_t *table, const wzVolume *src, const wzVolume *dst,
+                   const wzVolume *mask) {
     VolumePtr want = copyOf(dst);
     const wzBox &b = src->roi, &d = dst->roi;
     for (int z = 0; z < b.depth; ++z)
         for (int y = 0; y < b.height; ++y)
             for (int x = 0; x < b.width; ++x) {
                 const uint8_t orig = at(src, b.x + x, b.y + y, b.z + z), matched = table[orig];
-                const float w = mask ? at(mask, mask->roi.x + x, mask->roi.y + y, mask->roi.z + z) / 255.0f : 1.0f;
-                at(want.get(), d.x + x, d.y + y, d.z + z) = uint8_t((1.0f - w) * orig + w * matched);
+                const float w =
+                    mask ? at(mask, mask->roi.x + x, mask->roi.y + y, mask->roi.z + z) / 255.0f
+                         : 1.0f;
+                at(want.get(), d.x + x, d.y + y, d.z + z) =
+                    uint8_t((1.0f - w) * orig + w * matched);
             }
     return want;
 }
@@ -480,12 +538,15 @@ TEST(VolumeHistogram, ProfileCountsEveryPlane) {
     at(v.get(), 0, 1, 2) = 255;
     StatsPtr a(wzHistogramMatchStatsCreate());
     ASSERT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), v.get()), 0u);
-    EXPECT_EQ(std::memcmp(a->profile->bins, counted(v.get())->profile->bins, sizeof a->profile->bins), 0);
+    EXPECT_EQ(
+        std::memcmp(a->profile->bins, counted(v.get())->profile->bins, sizeof a->profile->bins), 0);
     VolumePtr none(wzVolumeCreate(5, 4, 0)), wide(wzVolumeCreateWithType(5, 4, 2, wzType16U));
     EXPECT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), none.get()), 1u);
     ASSERT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), v.get()), 0u);
     EXPECT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), wide.get()), 1u);
-    EXPECT_EQ(std::memcmp(a->profile->bins, counted(none.get())->profile->bins, sizeof a->profile->bins), 0);
+    EXPECT_EQ(
+        std::memcmp(a->profile->bins, counted(none.get())->profile->bins, sizeof a->profile->bins),
+        0);
 }
 
 // The filter over random boxes, with and without a random mask, into another
@@ -500,17 +561,24 @@ TEST(VolumeHistogram, FilterMatchesReference) {
         wzHistogramMatchParams params{1.0f, 0.9f, 0, 255, &target};
         if (trial % 3 == 1) params = {0.7f, 0.8f, 1, 20, &target};
         const int x = rng() % 7, y = rng() % 5, z = rng() % 4;
-        src->roi = trial < 2 ? wzBox{0, 0, 0, 7, 5, 4}
-                             : wzBox{x, y, z, 1 + int(rng() % (7 - x)), 1 + int(rng() % (5 - y)), 1 + int(rng() % (4 - z))};
+        src->roi = trial < 2 ? wzBox{0, 0, 0, 7, 5, 4} : wzBox{x,
+                                                               y,
+                                                               z,
+                                                               1 + int(rng() % (7 - x)),
+                                                               1 + int(rng() % (5 - y)),
+                                                               1 + int(rng() % (4 - z))};
         const wzBox &b = src->roi;
-        VolumePtr mask = randomVolume(9, 6, 5, rng), dst = randomVolume(7, 5, 4, rng), srcCopy = copyOf(src.get());
-        mask->roi = wzBox{int(rng() % 3), int(rng() % 2), int(rng() % 2), b.width, b.height, b.depth};
+        VolumePtr mask = randomVolume(9, 6, 5, rng), dst = randomVolume(7, 5, 4, rng),
+                  srcCopy = copyOf(src.get());
+        mask->roi =
+            wzBox{int(rng() % 3), int(rng() % 2), int(rng() % 2), b.width, b.height, b.depth};
         dst->roi = wzBox{0, 0, 4 - b.depth, b.width, b.height, b.depth};
         const wzVolume *m = trial % 2 ? mask.get() : nullptr;
         uint8_t table[768];
         wzHistogramMatchAddParamsCompute(counted(src.get()).get(), &params, table);
 
-        const VolumePtr want = lookedUp(table, src.get(), dst.get(), m), wantIn = lookedUp(table, src.get(), src.get(), m);
+        const VolumePtr want = lookedUp(table, src.get(), dst.get(), m),
+                        wantIn = lookedUp(table, src.get(), src.get(), m);
         ASSERT_EQ(wzHistogramMatchFilter3D(&params, src.get(), m, dst.get(), nullptr), 0u);
         EXPECT_EQ(voxels(dst.get()), voxels(want.get())) << trial;
         EXPECT_EQ(voxels(src.get()), voxels(srcCopy.get()));
@@ -549,7 +617,8 @@ TEST(VolumeHistogram, CancellationAndRefusals) {
     VolumePtr bgr(wzVolumeCreateWithEncoding(6, 5, 3, wzEncodingBGR));
     EXPECT_EQ(wzHistogramMatchApplyGray3D(nullptr, table, src.get(), wide.get(), nullptr), 1u);
     for (wzVolume *bad : {wide.get(), bgr.get(), none.get()})
-        EXPECT_TRUE(wzHistogramEqualization3D(bad, bad) == 1 && wzHistogramStretch3D(bad, bad) == 1 &&
+        EXPECT_TRUE(wzHistogramEqualization3D(bad, bad) == 1 &&
+                    wzHistogramStretch3D(bad, bad) == 1 &&
                     wzHistogramMatchFilter3D(&params, bad, nullptr, bad, nullptr) == 1);
     EXPECT_EQ(voxels(dst.get()), Bytes(90, 0));
     EXPECT_EQ(voxels(v.get()), voxels(src.get()));

@@ -29,9 +29,9 @@ int main(void) {
     for (y = 0; y < H; ++y) {
         for (x = 0; x < W; ++x) {
             uint8_t *p = bgr->data + (y * W + x) * 3;
-            p[0] = (uint8_t)(x * 37 + y * 11);  /* blue */
-            p[1] = (uint8_t)(x * 53 + y * 97);  /* green */
-            p[2] = (uint8_t)(255 - x * y * 9);  /* red */
+            p[0] = (uint8_t)(x * 37 + y * 11); /* blue */
+            p[1] = (uint8_t)(x * 53 + y * 97); /* green */
+            p[2] = (uint8_t)(255 - x * y * 9); /* red */
         }
     }
     /* Two corners with known answers: white stays 255, (10, 20, 30) gives 22. */
@@ -59,8 +59,8 @@ int main(void) {
         }
     }
     if (levels[0] != 255 || levels[W * H - 1] != 22) {
-        fprintf(stderr, "corner levels %u and %u, expected 255 and 22\n",
-                (unsigned)levels[0], (unsigned)levels[W * H - 1]);
+        fprintf(stderr, "corner levels %u and %u, expected 255 and 22\n", (unsigned)levels[0],
+                (unsigned)levels[W * H - 1]);
         ++failures;
     }
     if (levels[W * H] != 0xA5) {
@@ -81,7 +81,6 @@ int main(void) {
         fprintf(stderr, "release did not clear the caller's pointer\n");
         ++failures;
     }
-    if (failures == 0)
-        printf("host: gray conversion through the installed library is correct\n");
+    if (failures == 0) printf("host: gray conversion through the installed library is correct\n");
     return failures == 0 ? 0 : 1;
 }
