@@ -102,6 +102,26 @@ TEST(ExtDeep, RampFollowsThePiecewiseLinearTarget) {
     EXPECT_GE(std::set<uint16_t>(o, o + 65536).size(), 4096u);
 }
 
+// An 8-bit picture matched to a deep target takes, per channel, the 8-bit
+// level nearest to the target's 16-bit level: 1000, 30000 and 50000 give
+// 3.89, 116.73 and 194.55 on the 8-bit scale, so 4, 117 and 195.
+TEST(ExtDeep, EightBitPictureTakesTheNearestLevelOfADeepTarget) {
+    ImagePtr target = makeImage(8, 8, wzEncodingBGR, wzType16U),
+             src = makeImage(8, 8, wzEncodingBGR, wzType8U),
+             out = makeImage(8, 8, wzEncodingBGR, wzType8U);
+    const int levels[3] = {1000, 30000, 50000}, want[3] = {4, 117, 195};
+    for (int i = 0; i < 64 * 3; ++i) {
+        put(target.get(), i / 3 % 8, i / 24, i % 3 + 1, levels[i % 3]);
+        put(src.get(), i / 3 % 8, i / 24, i % 3 + 1, 100);
+    }
+    Profile16Ptr deep = profile16(target.get(), wzSpaceChannels);
+    const wzHistogramMatchOptions options{wzSpaceChannels, 0, nullptr, deep.get()};
+    wzImageColorProfile unused{};
+    ASSERT_EQ(match({1.0f, 1.0f, 0, 255, &unused}, &options, src.get(), out.get()), 0u);
+    for (int i = 0; i < 64 * 3; ++i)
+        ASSERT_EQ(get(out.get(), i / 3 % 8, i / 24, i % 3 + 1), want[i % 3]) << i;
+}
+
 // coffee.png at 16 bits (samples * 257 plus noise of up to 128 levels, so
 // every sample still rounds to its 8-bit level), colour and gray, matched at
 // full strength and fidelity: to its own 8-bit profile no sample leaves its
