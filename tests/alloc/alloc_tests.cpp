@@ -33,16 +33,6 @@ using morven_test::Bytes;
 // ---------------------------------------------------------------------------
 // The sweep
 
-int totalOperations = 0;
-long totalPoints = 0;
-struct ReportTotals : ::testing::Environment {
-    void TearDown() override {
-        std::printf("[  alloc   ] %d operations, %ld failure points\n", totalOperations,
-                    totalPoints);
-    }
-};
-const auto *const kReport = ::testing::AddGlobalTestEnvironment(new ReportTotals);
-
 // Allowed number of failure points (the allocations of an unfailed run).
 struct Points {
     long lo = 0, hi = LONG_MAX;
@@ -83,23 +73,78 @@ void sweep(const Op &op) {
         ASSERT_LT(n, 100000) << "still allocating";
     }
     op.setup();
-    std::printf("[  alloc   ] %-58s %4ld failure points\n", op.name.c_str(), --n);
+    --n;
     EXPECT_TRUE(n >= op.points.lo && n <= op.points.hi)
         << op.name << ": " << n << " failure points";
     op.finish(n);
-    ++totalOperations;
-    totalPoints += n;
 }
 
 void sweepAll(const std::vector<Op> &ops) {
     for (const Op &op : ops) sweep(op);
 }
 
-// A create or load operation: null on every failure, else a record that
-// passes check().
+// A record as bytes, with what its pointers lead to in place of the
+// pointers: equal for records that hold the same things.
+void describe(Bytes &b, const void *p, size_t n) {
+    b.insert(b.end(), static_cast<const uint8_t *>(p), static_cast<const uint8_t *>(p) + n);
+}
+template <class T>  // records without pointers (or with null ones only)
+void describe(Bytes &b, const T &t) {
+    describe(b, &t, sizeof t);
+}
+void describe(Bytes &b, const wzImage &img, bool blocks) {  // blocks: their contents too
+    describe(b, std::make_tuple(img.type, img.encoding, img.height, img.width, img.roi, img.coi));
+    b.push_back(img.data != nullptr);
+    if (img.data && blocks) describe(b, img.data, blockBytes(&img));
+}
+void describe(Bytes &b, const wzMatrix &m) {  // the layout of the rows too
+    describe(b, std::make_pair(m.nRows, m.nCols));
+    for (int32_t i = 0; i < m.nRows; ++i) {
+        describe(b, m.data ? m.rowPtr[i] - m.data : m.rowPtr[i] != nullptr);
+        if (m.data) describe(b, m.rowPtr[i], sizeof(double) * size_t(m.nCols));
+    }
+}
+void describe(Bytes &b, const wzVolume &v, bool blocks) {  // and the planes' places in the block
+    describe(b, std::make_tuple(v.type, v.depth, v.width, v.height, v.roi,
+                                int32_t{v.voxels != nullptr}));
+    for (int32_t k = 0; k < v.depth; ++k) {
+        describe(b, *v.planes[k], blocks);
+        if (v.voxels) describe(b, v.planes[k]->data - v.voxels);
+    }
+}
+void describe(Bytes &b, const wzHistogramMatchStats &s) { describe(b, *s.profile); }
+void describe(Bytes &b, const wzSelectiveSmoothSupport &s) {
+    describe(b, *s.absDiff);
+    describe(b, *s.ratio);
+}
+void describe(Bytes &b, const wzHistogramTransferSupport &s) { describe(b, *s.smoothSupport); }
+void describe(Bytes &b, const wzHistogramTransferParamsInner &p) {
+    describe(b, *p.matchParams);
+    describe(b, *p.contrastParams);
+    describe(b, *p.smoothParams);
+    describe(b, std::make_pair(p.contrastEnabled, p.smoothEnabled));
+}
 template <class T>
-Op made(std::string name, std::type_identity_t<std::function<T *()>> make, void (*release)(T **),
-        std::type_identity_t<std::function<void(T *)>> check, Points points = {}) {
+Bytes deep(const T *t, bool blocks) {
+    Bytes b;
+    if constexpr (std::is_same_v<T, wzImage> || std::is_same_v<T, wzVolume>)
+        describe(b, *t, blocks);
+    else
+        describe(b, *t);
+    return b;
+}
+
+// A create or load operation: null on every failure, else what make() gives
+// outside the probe's window (image blocks compared only with `blocks`: new
+// ones are not initialised), or with a use, something use() accepts.
+template <class T>
+Op made(std::string name, void (*release)(T **), Points points,
+        std::type_identity_t<std::function<T *()>> make,
+        std::type_identity_t<std::function<void(T *)>> use = nullptr, bool blocks = false) {
+    T *model = use ? nullptr : make();
+    const Bytes want = model ? deep(model, blocks) : Bytes{};
+    EXPECT_TRUE(use || model) << name;
+    release(&model);
     auto result = std::make_shared<T *>();
     return {std::move(name), [] {}, [=] { *result = make(); },
             [=](bool injected) {
@@ -108,8 +153,10 @@ Op made(std::string name, std::type_identity_t<std::function<T *()>> make, void 
                     EXPECT_EQ(t, nullptr);
                 else if (!t)
                     ADD_FAILURE() << "null without a failure";
+                else if (use)
+                    use(t);
                 else
-                    check(t);
+                    EXPECT_TRUE(deep(t, blocks) == want) << "not the result of an unfailed run";
                 release(&t);
             },
             points};
@@ -129,8 +176,7 @@ Span span(const wzMatrix *m) {
 Span span(Bytes &b) { return {b.data(), b.size()}; }
 Bytes bytesOf(const Spans &spans) {
     Bytes b;
-    for (const auto &[p, n] : spans)
-        b.insert(b.end(), static_cast<uint8_t *>(p), static_cast<uint8_t *>(p) + n);
+    for (const auto &[p, n] : spans) describe(b, p, n);
     return b;
 }
 void restore(const Spans &spans, const Bytes &b) {
@@ -145,15 +191,16 @@ void restore(const Spans &spans, const Bytes &b) {
 // speed-up) is survived, with status 0 and the unfailed result.
 enum class OnFailure { Untouched, Unspecified, MayRecover };
 
+using Call = std::function<long()>;
+
 // A status operation writing the blocks `out`, which hold its input in place
 // (kept as found) and else start every run as a fill. Status 1 on failure,
 // else 0 and the result of an unfailed run (taken here); stages give the
 // results of the stages a failure may leave behind.
-Op statusOp(std::string name, Spans out, bool inPlace, std::function<long()> call, Points points,
-            OnFailure onFailure = OnFailure::Untouched,
-            const std::vector<std::function<long()>> &stages = {}) {
+Op statusOp(std::string name, Spans out, bool inPlace, Points points, Call call,
+            OnFailure onFailure = OnFailure::Untouched, const std::vector<Call> &stages = {}) {
     const Bytes before = inPlace ? bytesOf(out) : Bytes(bytesOf(out).size(), 0x3C);
-    const auto resultOf = [&](const std::function<long()> &f) {
+    const auto resultOf = [&](const Call &f) {
         restore(out, before);
         EXPECT_EQ(f(), 0) << name;
         return bytesOf(out);
@@ -206,10 +253,10 @@ uint32_t nextRandom(uint32_t &state) {
 void fillLevels(uint8_t *p, size_t n, uint32_t seed, int lo = 0, int span = 256) {
     for (size_t i = 0; i < n; ++i) p[i] = uint8_t(lo + int(nextRandom(seed) % uint32_t(span)));
 }
-// New 8-bit image or volume with pseudo-random levels lo .. lo + span - 1.
+// New image or volume with pseudo-random bytes lo .. lo + span - 1.
 wzImage *randomImage(int32_t w, int32_t h, uint32_t encoding, uint32_t seed, int lo = 0,
-                     int span = 256) {
-    wzImage *img = wzImageCreate(w, h, encoding);
+                     int span = 256, uint32_t type = wzType8U) {
+    wzImage *img = wzImageCreateWithType(w, h, encoding, type);
     fillLevels(img->data, blockBytes(img), seed, lo, span);
     return img;
 }
@@ -251,15 +298,13 @@ std::shared_ptr<std::FILE> streamOver(Bytes bytes) {
 }
 template <class T>
 Op loadOp(std::string name, Bytes dump, T *(*load)(std::FILE *), void (*release)(T **),
-          std::type_identity_t<std::function<void(T *)>> check, Points points) {
+          Points points) {
     const auto f = streamOver(std::move(dump));
-    return made(
-        std::move(name),
-        [=] {
-            std::rewind(f.get());
-            return load(f.get());
-        },
-        release, check, points);
+    const auto loaded = [=] {
+        std::rewind(f.get());
+        return load(f.get());
+    };
+    return made<T>(std::move(name), release, points, loaded, nullptr, true);
 }
 
 // ---------------------------------------------------------------------------
@@ -291,407 +336,255 @@ TEST(AllocProbe, CountsRequestsFailsTheChosenOneAndSeesLeftoverBlocks) {
     EXPECT_EQ(allocProbe.live, 2);
     for (void *p : {first, third}) probeFree(p);
     EXPECT_EQ(allocProbe.live, 0);
-
-    // The library's own requests go through the probe as well.
-    allocProbeBegin(1);
-    wzImageColorProfile *profile = wzImageColorProfileCreate();
-    allocProbeEnd();
-    EXPECT_TRUE(profile == nullptr && allocProbe.injected);
 }
 
 // ---------------------------------------------------------------------------
 // Create operations: null on failure
 
 TEST(AllocFailure, CreateOperations) {
-    // 7 x 5 images: the record, then the block unless a header.
-    const auto image = [](uint32_t encoding, uint32_t type, bool header) {
-        return [=](wzImage *img) {
-            EXPECT_EQ(std::make_tuple(img->width, img->height, img->roi.width, img->roi.height),
-                      std::make_tuple(7, 5, 7, 5));
-            EXPECT_EQ(std::make_pair(img->encoding, img->type), std::make_pair(encoding, type));
-            EXPECT_EQ(img->data == nullptr, header);
-            if (img->data) std::memset(img->data, 0xA5, blockBytes(img));
-        };
-    };
-    const auto support = [](const wzSelectiveSmoothSupport *s) {
-        ASSERT_TRUE(s && s->absDiff && s->ratio);
-        EXPECT_EQ(std::make_pair(s->absDiff->rowPtr[3][10], s->ratio->rowPtr[6][4]),
-                  std::make_pair(7.0, 1.5));
-    };
-    // Matrices: record, row table, block laid out row after row.
-    const auto matrix4 = [](bool identity) {
-        return [=](wzMatrix *m) {
-            for (int32_t i = 0; i < 16; ++i)
-                EXPECT_EQ(m->rowPtr[i / 4][i % 4], identity && i % 5 == 0 ? 1.0 : 0.0);
-            for (int32_t i = 0; i < 4; ++i) EXPECT_EQ(m->rowPtr[i], m->data + i * 4);
-        };
-    };
-    wzImage *model = wzImageCreateWithType(7, 5, wzEncodingARGB, wzType16U);
+    wzImage *image = wzImageCreateWithType(7, 5, wzEncodingARGB, wzType16U);
+    constexpr int32_t W = 5, H = 4, D = 3;
+    wzVolume *volume = wzVolumeCreateWithType(W, H, D, wzType64F);
     sweepAll({
-        made(
-            "wzImageCreateHeader", [] { return wzImageCreateHeader(7, 5, wzEncodingBGR); },
-            wzImageReleaseHeader, image(wzEncodingBGR, wzType8U, true), exactly(1)),
-        made(
-            "wzImageCreateHeaderWithType",
-            [] { return wzImageCreateHeaderWithType(7, 5, wzEncodingGray, wzType32F); },
-            wzImageReleaseHeader, image(wzEncodingGray, wzType32F, true), exactly(1)),
-        made(
-            "wzImageCreate", [] { return wzImageCreate(7, 5, wzEncodingRGBA); }, wzImageRelease,
-            image(wzEncodingRGBA, wzType8U, false), exactly(2)),
-        made(
-            "wzImageCreateWithType",
-            [] { return wzImageCreateWithType(7, 5, wzEncodingBGR, wzType64F); }, wzImageRelease,
-            image(wzEncodingBGR, wzType64F, false), exactly(2)),
-        made(
-            "wzImageCreateAs", [=] { return wzImageCreateAs(model); }, wzImageRelease,
-            image(wzEncodingARGB, wzType16U, false), exactly(2)),
-        made("wzImageColorProfileCreate", wzImageColorProfileCreate, wzImageColorProfileRelease,
-             [](auto *p) {
-                 EXPECT_EQ(std::count(&p->bins[0][0], &p->bins[0][0] + 768, 0.0f), 768);
-             }),
-        made("wzHistogramMatchParamsDefault", wzHistogramMatchParamsDefault,
-             wzHistogramMatchParamsRelease,
-             [](auto *p) {
-                 EXPECT_TRUE(p->strength == 1.0f && p->maxStep == 255 && !p->targetProfile);
-             }),
-        made(
-            "wzHistogramMatchStatsCreate", wzHistogramMatchStatsCreate,
-            wzHistogramMatchStatsRelease,
-            [](auto *s) { EXPECT_TRUE(s->profile && s->profile->bins[1][17] == 0.0f); },
-            exactly(2)),
-        made("wzContrastEnhanceParamsDefault", wzContrastEnhanceParamsDefault,
-             wzContrastEnhanceParamsRelease,
-             [](auto *p) { EXPECT_TRUE(p->highTail == 9.0f && p->manualHigh == 255); }),
-        made("wzContrastEnhanceStatsCreate", wzContrastEnhanceStatsCreate,
-             wzContrastEnhanceStatsRelease, [](auto *) {}),
+        // Images: the record, then the block unless a header.
+        made("wzImageCreateHeader", wzImageReleaseHeader, exactly(1),
+             [] { return wzImageCreateHeader(7, 5, wzEncodingBGR); }),
+        made("wzImageCreateHeaderWithType", wzImageReleaseHeader, exactly(1),
+             [] { return wzImageCreateHeaderWithType(7, 5, wzEncodingGray, wzType32F); }),
+        made("wzImageCreate", wzImageRelease, exactly(2),
+             [] { return wzImageCreate(7, 5, wzEncodingRGBA); }),
+        made("wzImageCreateWithType", wzImageRelease, exactly(2),
+             [] { return wzImageCreateWithType(7, 5, wzEncodingBGR, wzType64F); }),
+        made("wzImageCreateAs", wzImageRelease, exactly(2), [=] { return wzImageCreateAs(image); }),
+        made("wzImageColorProfileCreate", wzImageColorProfileRelease, {},
+             wzImageColorProfileCreate),
+        made("wzHistogramMatchParamsDefault", wzHistogramMatchParamsRelease, {},
+             wzHistogramMatchParamsDefault),
+        made("wzHistogramMatchStatsCreate", wzHistogramMatchStatsRelease, exactly(2),
+             wzHistogramMatchStatsCreate),
+        made("wzContrastEnhanceParamsDefault", wzContrastEnhanceParamsRelease, {},
+             wzContrastEnhanceParamsDefault),
+        made("wzContrastEnhanceStatsCreate", wzContrastEnhanceStatsRelease, {},
+             wzContrastEnhanceStatsCreate),
         // The record, then two 256 x 256 matrices.
-        made("wzSelectiveSmoothSupportCreate", wzSelectiveSmoothSupportCreate,
-             wzSelectiveSmoothSupportRelease, support, exactly(7)),
-        made("wzSelectiveSmoothParamsDefault", wzSelectiveSmoothParamsDefault,
-             wzSelectiveSmoothParamsRelease, [](auto *p) { EXPECT_EQ(p->iterations, 2); }),
-        made(
-            "wzHistogramTransferSupportCreate", wzHistogramTransferSupportCreate,
-            wzHistogramTransferSupportRelease, [=](auto *s) { support(s->smoothSupport); },
-            exactly(8)),
-        made("wzHistogramTransferParamsDefault", wzHistogramTransferParamsDefault,
-             wzHistogramTransferParamsRelease,
-             [](auto *p) { EXPECT_EQ(p->contrastLowTail, 50.0f); }),
-        made(
-            "wzHistogramTransferParamsInnerCreate", wzHistogramTransferParamsInnerCreate,
-            wzHistogramTransferParamsInnerRelease,
-            [](auto *in) {
-                EXPECT_TRUE(in->matchParams && in->contrastParams &&
-                            in->smoothParams->iterations == 2);
-            },
-            exactly(4)),
-        made(
-            "wzMatrixCreateHeader", [] { return wzMatrixCreateHeader(4, 3); },
-            wzMatrixReleaseHeader,
-            [](auto *m) { EXPECT_TRUE(!m->data && m->rowPtr && m->nRows == 4); }, exactly(2)),
-        made(
-            "wzMatrixCreate", [] { return wzMatrixCreate(4, 4); }, wzMatrixRelease, matrix4(false),
-            exactly(3)),
-        made(
-            "wzMatrixCreateIdentity", [] { return wzMatrixCreateIdentity(4); }, wzMatrixRelease,
-            matrix4(true), exactly(3)),
-        made(
-            "vector", [] { return vector(-2, 5); }, +[](double **v) { free_vector(*v, -2, 5); },
-            [](double *v) { std::fill(v - 2, v + 6, 1.0); }),
-        made(
-            "matrix", [] { return matrix(1, 3, 0, 4); },
-            +[](double ***m) { free_matrix(*m, 1, 3, 0, 4); },
+        made("wzSelectiveSmoothSupportCreate", wzSelectiveSmoothSupportRelease, exactly(7),
+             wzSelectiveSmoothSupportCreate),
+        made("wzSelectiveSmoothParamsDefault", wzSelectiveSmoothParamsRelease, {},
+             wzSelectiveSmoothParamsDefault),
+        made("wzHistogramTransferSupportCreate", wzHistogramTransferSupportRelease, exactly(8),
+             wzHistogramTransferSupportCreate),
+        made("wzHistogramTransferParamsDefault", wzHistogramTransferParamsRelease, {},
+             wzHistogramTransferParamsDefault),
+        made("wzHistogramTransferParamsInnerCreate", wzHistogramTransferParamsInnerRelease,
+             exactly(4), wzHistogramTransferParamsInnerCreate),
+        made("wzImageColorProfile16Create", wzImageColorProfile16Release, exactly(1),
+             wzImageColorProfile16Create),
+        made("wzHistogramMatchCurvesCreate", wzHistogramMatchCurvesRelease, exactly(1),
+             wzHistogramMatchCurvesCreate),
+        // Matrices: record, row table, block.
+        made("wzMatrixCreateHeader", wzMatrixReleaseHeader, exactly(2),
+             [] { return wzMatrixCreateHeader(4, 3); }),
+        made("wzMatrixCreate", wzMatrixRelease, exactly(3), [] { return wzMatrixCreate(4, 3); }),
+        made("wzMatrixCreateIdentity", wzMatrixRelease, exactly(3),
+             [] { return wzMatrixCreateIdentity(4); }),
+        made<double>(
+            "vector", +[](double **v) { free_vector(*v, -2, 5); }, exactly(1),
+            [] { return vector(-2, 5); }, [](double *v) { std::fill(v - 2, v + 6, 1.0); }),
+        made<double *>(
+            "matrix", +[](double ***m) { free_matrix(*m, 1, 3, 0, 4); }, exactly(2),
+            [] { return matrix(1, 3, 0, 4); },
             [](double **m) {
                 for (int i = 1; i <= 3; ++i) std::fill(m[i], m[i] + 5, double(i));
                 EXPECT_EQ(std::make_pair(m[2][0], m[3][4]), std::make_pair(2.0, 3.0));
-            },
-            exactly(2)),
+            }),
+        // Volumes: the record, the plane table and a header per plane; then
+        // one block under the planes, or one per plane (made as an image).
+        made("wzVolumeCreateHeader", wzVolumeReleaseHeader, exactly(2 + D),
+             [] { return wzVolumeCreateHeader(W, H, D); }),
+        made("wzVolumeCreateHeaderWithType", wzVolumeReleaseHeader, exactly(2 + D),
+             [] { return wzVolumeCreateHeaderWithType(W, H, D, wzType16U); }),
+        made("wzVolumeCreateHeaderWithEncoding", wzVolumeReleaseHeader, exactly(2 + D),
+             [] { return wzVolumeCreateHeaderWithEncoding(W, H, D, wzEncodingBGR); }),
+        made("wzVolumeCreateWithType", wzVolumeRelease, exactly(3 + D),
+             [] { return wzVolumeCreateWithType(W, H, D, wzType32F); }),
+        made("wzVolumeCreate", wzVolumeRelease, exactly(3 + D),
+             [] { return wzVolumeCreate(W, H, D); }),
+        made("wzVolumeCreateWithEncoding", wzVolumeRelease, exactly(3 + D),
+             [] { return wzVolumeCreateWithEncoding(W, H, D, wzEncodingRGBA); }),
+        made("wzVolumeCreateAs", wzVolumeRelease, exactly(3 + D),
+             [=] { return wzVolumeCreateAs(volume); }),
+        made("wzVolumeCreateWithTypeWithSeparatePlanes", wzVolumeReleaseWithSeparatePlanes,
+             atLeast(2 + 2 * D),
+             [] { return wzVolumeCreateWithTypeWithSeparatePlanes(W, H, D, wzType16U); }),
+        made("wzVolumeCreateWithSeparatePlanes", wzVolumeReleaseWithSeparatePlanes,
+             atLeast(2 + 2 * D), [] { return wzVolumeCreateWithSeparatePlanes(W, H, D); }),
     });
-    wzImageRelease(&model);
-
-    // Volumes of 5 x 4 x 3. Kind 0: record, plane table and a header per
-    // plane; 1: also one block under the planes; 2: also a block per plane
-    // (each made as an image).
-    static constexpr int32_t W = 5, H = 4, D = 3;
-    void (*const release[])(wzVolume **) = {wzVolumeReleaseHeader, wzVolumeRelease,
-                                            wzVolumeReleaseWithSeparatePlanes};
-    const Points points[] = {exactly(2 + D), exactly(3 + D), atLeast(2 + 2 * D)};
-    wzVolume *volume = wzVolumeCreateWithType(W, H, D, wzType64F);
-    constexpr uint32_t gray = wzEncodingGray;
-    const std::tuple<const char *, std::function<wzVolume *()>, uint32_t, uint32_t, int> volumes[] =
-        {
-            {"wzVolumeCreateHeader", [] { return wzVolumeCreateHeader(W, H, D); }, wzType8U, gray,
-             0},
-            {"wzVolumeCreateHeaderWithType",
-             [] { return wzVolumeCreateHeaderWithType(W, H, D, wzType16U); }, wzType16U, gray, 0},
-            {"wzVolumeCreateHeaderWithEncoding",
-             [] { return wzVolumeCreateHeaderWithEncoding(W, H, D, wzEncodingBGR); }, wzType8U,
-             wzEncodingBGR, 0},
-            {"wzVolumeCreateWithType", [] { return wzVolumeCreateWithType(W, H, D, wzType32F); },
-             wzType32F, gray, 1},
-            {"wzVolumeCreate", [] { return wzVolumeCreate(W, H, D); }, wzType8U, gray, 1},
-            {"wzVolumeCreateWithEncoding",
-             [] { return wzVolumeCreateWithEncoding(W, H, D, wzEncodingRGBA); }, wzType8U,
-             wzEncodingRGBA, 1},
-            {"wzVolumeCreateAs", [=] { return wzVolumeCreateAs(volume); }, wzType64F, gray, 1},
-            {"wzVolumeCreateWithTypeWithSeparatePlanes",
-             [] { return wzVolumeCreateWithTypeWithSeparatePlanes(W, H, D, wzType16U); }, wzType16U,
-             gray, 2},
-            {"wzVolumeCreateWithSeparatePlanes",
-             [] { return wzVolumeCreateWithSeparatePlanes(W, H, D); }, wzType8U, gray, 2},
-        };
-    for (const auto &[name, make, type, encoding, kind] : volumes) {
-        sweep(made(
-            name, make, release[kind],
-            [type = type, encoding = encoding, kind = kind](wzVolume *v) {
-                EXPECT_EQ(std::make_tuple(v->width, v->height, v->depth, v->type),
-                          std::make_tuple(W, H, D, type));
-                for (int32_t k = 0; k < D; ++k) {
-                    ASSERT_TRUE(v->planes && v->planes[k]);
-                    const wzImage *plane = v->planes[k];
-                    EXPECT_EQ(std::make_tuple(plane->width, plane->height, plane->encoding,
-                                              plane->data == nullptr),
-                              std::make_tuple(W, H, encoding, kind == 0));
-                }
-                EXPECT_EQ(v->voxels, kind == 1 ? v->planes[0]->data : nullptr);
-                if (kind == 1) {
-                    EXPECT_EQ(v->planes[2]->data - v->planes[1]->data,
-                              v->planes[1]->data - v->voxels);
-                }
-            },
-            points[kind]));
-    }
+    wzImageRelease(&image);
     wzVolumeRelease(&volume);
 }
 
 // ---------------------------------------------------------------------------
 // Filters: status 1 on failure
 
+// Every allocation precedes the first write of its stage, so a failure
+// leaves the input, or the stages already finished (a transfer rolls nothing
+// back). Counts of points are lower bounds where working memory depends on
+// the space and depth.
 TEST(AllocFailure, ImageFilters) {
     wzImage *reference = randomImage(30, 26, wzEncodingBGR, 1, 70, 120),
             *mask = randomImage(34, 26, wzEncodingGray, 2);
     wzImage *source = randomImage(34, 26, wzEncodingBGR, 3, 20, 120),
-            *out = wzImageCreateAs(source);
-    // The guide plus small pseudo-random steps: something for smoothing to do.
-    wzImage *guide = randomImage(34, 26, wzEncodingBGR, 4, 60, 30), *noisy = wzImageCreateAs(guide);
-    uint32_t seed = 5;
+            *out = wzImageCreateAs(source), *statsMask = randomImage(34, 26, wzEncodingGray, 4);
+    wzImage *source16 = randomImage(34, 26, wzEncodingBGR, 5, 0, 256, wzType16U),
+            *out16 = wzImageCreateAs(source16);
+    // Guides plus small pseudo-random steps: something for smoothing to do.
+    wzImage *guide = randomImage(34, 26, wzEncodingBGR, 6, 60, 30), *noisy = wzImageCreateAs(guide);
+    wzImage *guide16 = randomImage(34, 26, wzEncodingBGR, 7, 0, 256, wzType16U),
+            *noisy16 = wzImageCreateAs(guide16);
+    uint32_t seed = 8;
     for (size_t i = 0; i < blockBytes(noisy); ++i)
         noisy->data[i] = uint8_t(guide->data[i] + nextRandom(seed) % 40);
-    wzImageColorProfile *target = profileOf(reference);
-    wzHistogramMatchParams *match = wzHistogramMatchParamsDefault();
-    match->targetProfile = target;
-    wzContrastEnhanceParams *contrast = wzContrastEnhanceParamsDefault();
-    wzSelectiveSmoothParams *smooth = wzSelectiveSmoothParamsDefault();
-    smooth->threshold = 0.2f;
-    wzHistogramTransferSupport *support = wzHistogramTransferSupportCreate();
-    wzHistogramTransferParams *defaults = wzHistogramTransferParamsDefault();
-    wzHistogramTransferParams full = *defaults, matchOnly, matchContrast;
-    wzHistogramTransferParamsRelease(&defaults);
-    full.targetProfile = target;
-    full.contrastEnabled = full.smoothEnabled = 1;
-    full.smoothThreshold = 0.2f;
-    // The stages a transfer failure may leave: matching, then contrast too
-    // (nothing is rolled back, and each stage allocates before it writes).
-    matchOnly = matchContrast = full;
-    matchOnly.contrastEnabled = matchOnly.smoothEnabled = matchContrast.smoothEnabled = 0;
-    const auto transfer = [&](const wzHistogramTransferParams *p, const wzImage *m, wzImage *to) {
-        return [=] { return long(wzHistogramTransferFilter(p, support, source, m, to, nullptr)); };
-    };
-    const auto transferOp = [&](std::string how, wzImage *to) {
-        return statusOp("wzHistogramTransferFilter (" + how + ", mask, contrast, smoothing)",
-                        {span(to)}, to == source, transfer(&full, mask, to), atLeast(3),
-                        OnFailure::Untouched,
-                        {transfer(&matchOnly, nullptr, to), transfer(&matchContrast, nullptr, to)});
-    };
-    const Spans in{span(source)}, into{span(out)};
-    const wzSelectiveSmoothSupport *smoothing = support->smoothSupport;
-    sweepAll({
-        // In place with a mask: the copy is the one allocation; into another image: none.
-        statusOp(
-            "wzHistogramMatchFilter (in place, mask)", in, true,
-            [=] { return long(wzHistogramMatchFilter(match, source, mask, source, nullptr)); },
-            atLeast(1)),
-        statusOp(
-            "wzHistogramMatchFilter (into another image, mask)", into, false,
-            [=] { return long(wzHistogramMatchFilter(match, source, mask, out, nullptr)); },
-            exactly(0)),
-        // Statistics and curve, then (in place, mask) the copy's record and block.
-        statusOp(
-            "wzContrastEnhanceFilter (into another image)", into, false,
-            [=] { return long(wzContrastEnhanceFilter(contrast, source, nullptr, out, nullptr)); },
-            exactly(2)),
-        statusOp(
-            "wzContrastEnhanceFilter (in place, mask)", in, true,
-            [=] { return long(wzContrastEnhanceFilter(contrast, source, mask, source, nullptr)); },
-            exactly(4)),
-        // Working storage is made before any output is written.
-        statusOp(
-            "wzSelectiveSmooth (into another image)", into, false,
-            [=] { return long(wzSelectiveSmooth(smooth, smoothing, guide, noisy, out, nullptr)); },
-            atLeast(1)),
-        statusOp(
-            "wzSelectiveSmooth (in place)", {span(noisy)}, true,
-            [=] {
-                return long(wzSelectiveSmooth(smooth, smoothing, guide, noisy, noisy, nullptr));
-            },
-            atLeast(1)),
-        transferOp("into another image", out),
-        transferOp("in place", source),
-        // Equalisation and stretch keep everything in automatic storage.
-        statusOp(
-            "wzHistogramEqualization", into, false,
-            [=] { return long(wzHistogramEqualization(source, out)); }, exactly(0)),
-        statusOp(
-            "wzHistogramStretch", into, false,
-            [=] { return long(wzHistogramStretch(source, out)); }, exactly(0)),
-    });
-    for (wzImage **img : {&reference, &mask, &source, &out, &guide, &noisy}) wzImageRelease(img);
-    wzImageColorProfileRelease(&target);
-    wzHistogramMatchParamsRelease(&match);
-    wzContrastEnhanceParamsRelease(&contrast);
-    wzSelectiveSmoothParamsRelease(&smooth);
-    wzHistogramTransferSupportRelease(&support);
-}
-
-// The extensions: every allocation precedes the first write of its stage,
-// so a failure leaves the input, or the stages already finished. Counts of
-// points are lower bounds: working memory depends on the space and depth.
-TEST(AllocFailure, Extensions) {
-    const auto image16 = [](int32_t w, int32_t h, uint32_t encoding, uint32_t seed) {
-        wzImage *img = wzImageCreateWithType(w, h, encoding, wzType16U);
-        fillLevels(img->data, blockBytes(img), seed);
-        return img;
-    };
-    wzImage *reference = randomImage(30, 26, wzEncodingBGR, 41, 70, 120),
-            *source = randomImage(34, 26, wzEncodingBGR, 42, 20, 120);
-    wzImage *statsMask = randomImage(34, 26, wzEncodingGray, 43),
-            *mask = randomImage(34, 26, wzEncodingGray, 44);
-    wzImage *source16 = image16(34, 26, wzEncodingBGR, 45), *out16 = wzImageCreateAs(source16);
-    wzImage *guide16 = image16(34, 26, wzEncodingBGR, 46), *noisy16 = wzImageCreateAs(guide16);
-    for (size_t i = 0; i < blockBytes(noisy16) / 2;
-         ++i)  // the guide plus steps of up to 4096 levels
+    for (size_t i = 0; i < blockBytes(noisy16) / 2; ++i)  // steps of up to 4096 levels
         reinterpret_cast<uint16_t *>(noisy16->data)[i] =
             uint16_t(reinterpret_cast<uint16_t *>(guide16->data)[i] + i * 2654435761u % 4096);
     wzImageColorProfile *target = profileOf(reference);
     wzImageColorProfile16 *lab = wzImageColorProfile16Create(),
                           *profile = wzImageColorProfile16Create();
     wzImageFillColorProfile16(reference, nullptr, wzSpaceLab, lab);
-    const wzHistogramMatchParams match{0.9f, 0.8f, 0, 60, target};
+    const wzHistogramMatchParams match{1.0f, 0.9f, 0, 255, target},
+        match16{0.9f, 0.8f, 0, 60, target};
     const wzHistogramMatchOptions inLab{wzSpaceLab, 0, statsMask, lab},
         counted{0, 0, statsMask, nullptr};
-    const wzContrastEnhanceParams contrast{9.0f, 30.0f, 0, 255, 0};
-    const wzSelectiveSmoothParams smooth{0.05f, 2};
+    const wzContrastEnhanceParams contrast{9.0f, 4.0f, 0, 255, 0},
+        contrast16{9.0f, 30.0f, 0, 255, 0};
+    const wzSelectiveSmoothParams smooth{0.2f, 2}, smooth16{0.05f, 2};
     wzHistogramTransferSupport *support = wzHistogramTransferSupportCreate();
-    const wzHistogramTransferParams full{target, 0.9f, 0.8f, 1, 9.0f, 50.0f, 1, 0.2f, 2, 255};
-    wzHistogramTransferParams matchOnly = full, matchContrast = full, smooth16 = full;
+    const wzSelectiveSmoothSupport *smoothing = support->smoothSupport;
+    // A full transfer, and the stages a failure may leave: matching, then
+    // contrast too.
+    const wzHistogramTransferParams full{target, 1.0f, 0.9f, 1, 9.0f, 50.0f, 1, 0.2f, 2, 255};
+    wzHistogramTransferParams matchOnly = full, matchContrast = full, smoothOnly16 = full;
+    matchOnly.contrastEnabled = matchOnly.smoothEnabled = matchContrast.smoothEnabled =
+        smoothOnly16.contrastEnabled = 0;
+    smoothOnly16.smoothThreshold = 0.05f;
     wzHistogramMatchCurves *curves = wzHistogramMatchCurvesCreate(),
                            *labCurves = wzHistogramMatchCurvesCreate();
-    wzHistogramMatchCurvesCompute(lab, &match, lab, 3, labCurves);
-    wzImage *out = wzImageCreateAs(source);
-    matchOnly.contrastEnabled = matchOnly.smoothEnabled = matchContrast.smoothEnabled =
-        smooth16.contrastEnabled = 0;
-    smooth16.smoothThreshold = 0.05f;
-    const auto transfer = [&](const wzHistogramTransferParams *p, const wzImage *m, wzImage *from,
-                              wzImage *to) {
+    wzHistogramMatchCurvesCompute(lab, &match16, lab, 3, labCurves);
+    const auto transfer = [&](const wzHistogramTransferParams *p, const wzImage *m, wzImage *to) {
+        return [=] { return long(wzHistogramTransferFilter(p, support, source, m, to, nullptr)); };
+    };
+    const auto transferOp = [&](std::string how, wzImage *to) {
+        return statusOp("wzHistogramTransferFilter (" + how + ", mask, contrast, smoothing)",
+                        {span(to)}, to == source, atLeast(3), transfer(&full, mask, to),
+                        OnFailure::Untouched,
+                        {transfer(&matchOnly, nullptr, to), transfer(&matchContrast, nullptr, to)});
+    };
+    const auto withOptions = [&](const wzHistogramTransferParams *p, const wzImage *m,
+                                 wzImage *from, wzImage *to) {
         return [=] {
             return long(
                 wzHistogramTransferFilterWithOptions(p, &counted, support, from, m, to, nullptr));
         };
     };
+    const Spans in{span(source)}, into{span(out)}, in16{span(source16)}, into16{span(out16)};
     sweepAll({
-        made(
-            "wzImageColorProfile16Create", wzImageColorProfile16Create,
-            wzImageColorProfile16Release,
-            [](auto *p) {
-                EXPECT_EQ(std::count(&p->bins[0][0], &p->bins[0][0] + 3 * 65536, 0.0) + !p->space,
-                          3 * 65536 + 1);
-            },
-            exactly(1)),
+        // In place with a mask: the copy is the one allocation; into another image: none.
+        statusOp(
+            "wzHistogramMatchFilter (in place, mask)", in, true, atLeast(1),
+            [&] { return long(wzHistogramMatchFilter(&match, source, mask, source, nullptr)); }),
+        statusOp("wzHistogramMatchFilter (into another image, mask)", into, false, exactly(0),
+                 [&] { return long(wzHistogramMatchFilter(&match, source, mask, out, nullptr)); }),
+        // Statistics and curve, then (in place, mask) the copy's record and block.
+        statusOp("wzContrastEnhanceFilter (into another image)", into, false, exactly(2),
+                 [&] {
+                     return long(wzContrastEnhanceFilter(&contrast, source, nullptr, out, nullptr));
+                 }),
+        statusOp("wzContrastEnhanceFilter (in place, mask)", in, true, exactly(4),
+                 [&] {
+                     return long(wzContrastEnhanceFilter(&contrast, source, mask, source, nullptr));
+                 }),
+        // Working storage is made before any output is written.
+        statusOp("wzSelectiveSmooth (into another image)", into, false, atLeast(1),
+                 [&] {
+                     return long(wzSelectiveSmooth(&smooth, smoothing, guide, noisy, out, nullptr));
+                 }),
+        statusOp("wzSelectiveSmooth (in place)", {span(noisy)}, true, atLeast(1),
+                 [&] {
+                     return long(
+                         wzSelectiveSmooth(&smooth, smoothing, guide, noisy, noisy, nullptr));
+                 }),
+        transferOp("into another image", out),
+        transferOp("in place", source),
+        // Equalisation and stretch keep everything in automatic storage.
+        statusOp("wzHistogramEqualization", into, false, exactly(0),
+                 [=] { return long(wzHistogramEqualization(source, out)); }),
+        statusOp("wzHistogramStretch", into, false, exactly(0),
+                 [=] { return long(wzHistogramStretch(source, out)); }),
         // The profile is replaced whatever the outcome: only the status is checked.
         statusOp(
-            "wzImageFillColorProfile16 (Lab)", {Span{profile, sizeof *profile}}, false,
+            "wzImageFillColorProfile16 (Lab)", {Span{profile, sizeof *profile}}, false, atLeast(1),
             [=] { return long(wzImageFillColorProfile16(source, statsMask, wzSpaceLab, profile)); },
-            atLeast(1), OnFailure::Unspecified),
+            OnFailure::Unspecified),
+        statusOp("wzHistogramMatchFilterWithOptions (16-bit, Lab, in place, masks)", in16, true,
+                 atLeast(2),
+                 [&] {
+                     return long(wzHistogramMatchFilterWithOptions(&match16, &inLab, source16, mask,
+                                                                   source16, nullptr));
+                 }),
+        statusOp("wzHistogramEqualizationMasked (16-bit)", into16, false, atLeast(1),
+                 [=] { return long(wzHistogramEqualizationMasked(source16, statsMask, out16)); }),
+        statusOp("wzHistogramStretchMasked (16-bit)", into16, false, exactly(0),
+                 [=] { return long(wzHistogramStretchMasked(source16, statsMask, out16)); }),
+        statusOp("wzContrastEnhanceFilterMasked (16-bit, in place, masks)", in16, true, atLeast(2),
+                 [&] {
+                     return long(wzContrastEnhanceFilterMasked(&contrast16, source16, statsMask,
+                                                               mask, source16, nullptr));
+                 }),
+        // Masked contrast allocates nothing.
+        statusOp("wzHistogramTransferFilterWithOptions (in place, masks, contrast, smoothing)", in,
+                 true, atLeast(3), withOptions(&full, mask, source, source), OnFailure::Untouched,
+                 {withOptions(&matchContrast, nullptr, source, source)}),
+        statusOp("wzHistogramTransferFilterWithOptions (16-bit, mask, smoothing)", into16, false,
+                 atLeast(2), withOptions(&smoothOnly16, mask, noisy16, out16), OnFailure::Untouched,
+                 {withOptions(&matchOnly, nullptr, noisy16, out16)}),
         statusOp(
-            "wzHistogramMatchFilterWithOptions (16-bit, Lab, in place, masks)", {span(source16)},
-            true,
-            [=] {
-                return long(wzHistogramMatchFilterWithOptions(&match, &inLab, source16, mask,
-                                                              source16, nullptr));
-            },
-            atLeast(2)),
-        statusOp(
-            "wzHistogramEqualizationMasked (16-bit)", {span(out16)}, false,
-            [=] { return long(wzHistogramEqualizationMasked(source16, statsMask, out16)); },
-            atLeast(1)),
-        statusOp(
-            "wzHistogramStretchMasked (16-bit)", {span(out16)}, false,
-            [=] { return long(wzHistogramStretchMasked(source16, statsMask, out16)); }, exactly(0)),
-        statusOp(
-            "wzContrastEnhanceFilterMasked (16-bit, in place, masks)", {span(source16)}, true,
-            [=] {
-                return long(wzContrastEnhanceFilterMasked(&contrast, source16, statsMask, mask,
-                                                          source16, nullptr));
-            },
-            atLeast(2)),
-        statusOp("wzHistogramTransferFilterWithOptions (in place, masks, contrast, smoothing)",
-                 {span(source)}, true, transfer(&full, mask, source, source), atLeast(3),
-                 OnFailure::Untouched,
-                 {transfer(&matchContrast, nullptr, source,
-                           source)}),  // masked contrast allocates nothing
-        statusOp("wzHistogramTransferFilterWithOptions (16-bit, mask, smoothing)", {span(out16)},
-                 false, transfer(&smooth16, mask, noisy16, out16), atLeast(2), OnFailure::Untouched,
-                 {transfer(&matchOnly, nullptr, noisy16, out16)}),
-        statusOp(
-            "wzSelectiveSmooth16", {span(out16)}, false,
-            [=] { return long(wzSelectiveSmooth16(&smooth, guide16, noisy16, out16, nullptr)); },
-            atLeast(1)),
-        made(
-            "wzHistogramMatchCurvesCreate", wzHistogramMatchCurvesCreate,
-            wzHistogramMatchCurvesRelease, [](auto *c) { EXPECT_EQ(c->mapped, 0); }, exactly(1)),
+            "wzSelectiveSmooth16", into16, false, atLeast(1),
+            [&] { return long(wzSelectiveSmooth16(&smooth16, guide16, noisy16, out16, nullptr)); }),
         statusOp(
             "wzHistogramMatchCurvesCompute (Lab)", {Span{curves, sizeof *curves}}, false,
-            [=] { return long(wzHistogramMatchCurvesCompute(lab, &match, lab, 3, curves)); },
-            exactly(1)),
+            exactly(1),
+            [&] { return long(wzHistogramMatchCurvesCompute(lab, &match16, lab, 3, curves)); }),
         statusOp(
-            "wzHistogramMatchCurvesApply (Lab)", {span(out)}, false,
-            [=] { return long(wzHistogramMatchCurvesApply(labCurves, source, out, nullptr)); },
-            atLeast(2)),
+            "wzHistogramMatchCurvesApply (Lab)", into, false, atLeast(2),
+            [=] { return long(wzHistogramMatchCurvesApply(labCurves, source, out, nullptr)); }),
     });
-    wzHistogramMatchCurvesRelease(&curves);
-    wzHistogramMatchCurvesRelease(&labCurves);
-    wzImageRelease(&out);
-    for (wzImage **img :
-         {&reference, &source, &statsMask, &mask, &source16, &out16, &guide16, &noisy16})
+    for (wzHistogramMatchCurves **c : {&curves, &labCurves}) wzHistogramMatchCurvesRelease(c);
+    for (wzImage **img : {&reference, &mask, &source, &out, &statsMask, &source16, &out16, &guide,
+                          &noisy, &guide16, &noisy16})
         wzImageRelease(img);
     wzImageColorProfileRelease(&target);
-    wzImageColorProfile16Release(&lab);
-    wzImageColorProfile16Release(&profile);
+    for (wzImageColorProfile16 **p : {&lab, &profile}) wzImageColorProfile16Release(p);
     wzHistogramTransferSupportRelease(&support);
 }
 
 TEST(AllocFailure, VolumeHistogramFilters) {
     wzImage *reference = randomImage(16, 16, wzEncodingGray, 11, 100, 80);
     wzImageColorProfile *target = profileOf(reference);
-    wzHistogramMatchParams *params = wzHistogramMatchParamsDefault();
-    params->targetProfile = target;
+    const wzHistogramMatchParams params{1.0f, 0.9f, 0, 255, target};
     wzVolume *source = randomVolume(12, 10, 4, 12, 0, 120), *mask = randomVolume(12, 10, 4, 13);
     wzVolume *out = wzVolumeCreateAs(source);
     sweepAll({
         // The temporary volume: record, plane table, plane headers and block.
         statusOp(
-            "wzHistogramMatchFilter3D (in place, mask)", {span(source)}, true,
-            [=] { return long(wzHistogramMatchFilter3D(params, source, mask, source, nullptr)); },
-            exactly(3 + 4)),
+            "wzHistogramMatchFilter3D (in place, mask)", {span(source)}, true, exactly(3 + 4),
+            [&] { return long(wzHistogramMatchFilter3D(&params, source, mask, source, nullptr)); }),
         // Equalisation and stretch keep everything in automatic storage.
-        statusOp(
-            "wzHistogramEqualization3D", {span(out)}, false,
-            [=] { return long(wzHistogramEqualization3D(source, out)); }, exactly(0)),
-        statusOp(
-            "wzHistogramStretch3D", {span(out)}, false,
-            [=] { return long(wzHistogramStretch3D(source, out)); }, exactly(0)),
+        statusOp("wzHistogramEqualization3D", {span(out)}, false, exactly(0),
+                 [=] { return long(wzHistogramEqualization3D(source, out)); }),
+        statusOp("wzHistogramStretch3D", {span(out)}, false, exactly(0),
+                 [=] { return long(wzHistogramStretch3D(source, out)); }),
     });
     for (wzVolume **v : {&source, &mask, &out}) wzVolumeRelease(v);
-    wzHistogramMatchParamsRelease(&params);
     wzImageColorProfileRelease(&target);
     wzImageRelease(&reference);
 }
@@ -713,29 +606,29 @@ TEST(AllocFailure, SolversDecompositionAndPseudoInverse) {
     std::vector<Op> ops{
         // The work matrix: record, row table, block.
         statusOp(
-            "wzMatrixSolveLinearSystem (own work matrix)", {span(X)}, false,
-            [=] { return long(wzMatrixSolveLinearSystem(A, X, B, nullptr)); }, exactly(3),
-            unspecified),
+            "wzMatrixSolveLinearSystem (own work matrix)", {span(X)}, false, exactly(3),
+            [=] { return long(wzMatrixSolveLinearSystem(A, X, B, nullptr)); }, unspecified),
         // Three work matrices and two headers over the first one's block.
         statusOp(
             "wzMatrixLinearSystemLeastSquares (own work matrices)", {span(fit)}, false,
+            exactly(3 * 3 + 2 * 2),
             [=] {
                 return long(
                     wzMatrixLinearSystemLeastSquares(tall, fit, rhs, nullptr, nullptr, nullptr));
             },
-            exactly(3 * 3 + 2 * 2), unspecified),
+            unspecified),
         statusOp(
             "wzMatrixLinearSystemLeastSquares (caller's work matrices)", {span(fit)}, false,
+            exactly(2 * 2),
             [=] {
                 return long(wzMatrixLinearSystemLeastSquares(tall, fit, rhs, work1, work2, work3));
             },
-            exactly(2 * 2), unspecified),
+            unspecified),
         // The decomposition needs its work vector; its transposed working
         // copies only speed it up: without them, the very same results.
         statusOp(
-            "wzMatrixSVDDecomposition", {span(U), span(W), span(V)}, false,
-            [=] { return long(wzMatrixSVDDecomposition(S, U, W, V)); }, atLeast(1),
-            OnFailure::MayRecover),
+            "wzMatrixSVDDecomposition", {span(U), span(W), span(V)}, false, atLeast(1),
+            [=] { return long(wzMatrixSVDDecomposition(S, U, W, V)); }, OnFailure::MayRecover),
     };
     // Square, tall and wide (both zero-padded to square): every temporary
     // matrix is needed, only the decomposition's copies may be missing.
@@ -745,7 +638,7 @@ TEST(AllocFailure, SolversDecompositionAndPseudoInverse) {
         matrices.insert(matrices.end(), {M, P});
         ops.push_back(statusOp(
             "wzMatrixPseudoInverse (" + std::to_string(rows) + " x " + std::to_string(cols) + ")",
-            {span(P)}, false, [=] { return long(wzMatrixPseudoInverse(M, P)); }, {},
+            {span(P)}, false, {}, [=] { return long(wzMatrixPseudoInverse(M, P)); },
             OnFailure::MayRecover));
     }
     sweepAll(ops);
@@ -755,83 +648,45 @@ TEST(AllocFailure, SolversDecompositionAndPseudoInverse) {
 // ---------------------------------------------------------------------------
 // Dump loads: null on failure
 
-TEST(AllocFailure, ImageAndMatrixDumpLoads) {
-    wzImage *image = wzImageCreateWithType(9, 7, wzEncodingBGR, wzType16U);
-    wzImage *big = randomImage(4100, 4100, wzEncodingGray, 27);
-    fillLevels(image->data, blockBytes(image), 21);
+// Image, matrix and volume dumps (both volume loads), small and large:
+// payloads above 16 MiB are read in pieces into a block that grows, and
+// every piece's allocation may fail too; a separate-plane load grows its
+// plane table past its first size (256 planes).
+TEST(AllocFailure, DumpLoads) {
+    wzImage *image = randomImage(9, 7, wzEncodingBGR, 21, 0, 256, wzType16U),
+            *big = randomImage(4100, 4100, wzEncodingGray, 27);
     const wzRect roi{1, 2, 5, 4};
     wzImageSetROI(image, &roi);
     wzImageSetCOI(image, 2);
-    wzMatrix *m = randomMatrix(6, 5, 22), *bigM = randomMatrix(1500, 1500, 28);  // 18 MB of doubles
-    const auto imageOp = [](std::string name, const wzImage *saved, Points points) {
-        return loadOp(
-            name, dumpOf(saved, wzImageDumpSave), wzImageDumpLoad, wzImageRelease,
-            [=](wzImage *img) {
-                EXPECT_EQ(std::make_tuple(img->width, img->height, img->encoding, img->type,
-                                          img->roi.y, img->coi),
-                          std::make_tuple(saved->width, saved->height, saved->encoding, saved->type,
-                                          saved->roi.y, saved->coi));
-                EXPECT_EQ(std::memcmp(img->data, saved->data, blockBytes(saved)), 0);
-            },
-            points);
-    };
-    const auto matrixOp = [](std::string name, const wzMatrix *saved, Points points) {
-        return loadOp(
-            name, dumpOf(saved, wzMatrixDumpSave), wzMatrixDumpLoad, wzMatrixRelease,
-            [=](wzMatrix *m) {
-                ASSERT_EQ(std::make_pair(m->nRows, m->nCols),
-                          std::make_pair(saved->nRows, saved->nCols));
-                EXPECT_EQ(bytesOf({span(m)}), bytesOf({span(saved)}));
-                EXPECT_EQ(m->rowPtr[m->nRows - 1], m->data + (m->nRows - 1) * m->nCols);
-            },
-            points);
-    };
-    sweepAll({
-        imageOp("wzImageDumpLoad", image, exactly(2)),  // record and block
-        matrixOp("wzMatrixDumpLoad", m, exactly(3)),    // record, block, row table
-        // Payloads above 16 MiB are read in pieces into a block that grows:
-        // every piece's allocation may fail too.
-        imageOp("wzImageDumpLoad (4100 x 4100)", big, atLeast(3)),
-        matrixOp("wzMatrixDumpLoad (1500 x 1500)", bigM, atLeast(4)),
-    });
-    for (wzImage **img : {&image, &big}) wzImageRelease(img);
-    for (wzMatrix **mx : {&m, &bigM}) wzMatrixRelease(mx);
-}
-
-TEST(AllocFailure, VolumeDumpLoads) {
+    wzMatrix *m = randomMatrix(6, 5, 22), *bigM = randomMatrix(1500, 1500, 28);  // 18 MB
     wzVolume *small = wzVolumeCreateWithType(7, 5, 4, wzType32F);
     fillLevels(small->voxels, 7 * 5 * 4 * 4, 23);
     const wzBox box{1, 1, 1, 3, 2, 2};
     wzVolumeSetROI(small, &box);
-    // A small volume; more planes than the first plane table of a
-    // separate-plane load holds; a plane larger than one direct read.
     wzVolume *deep = randomVolume(2, 1, 300, 24), *large = randomVolume(4100, 4100, 1, 25);
+    std::vector<Op> ops{
+        loadOp("wzImageDumpLoad", dumpOf(image, wzImageDumpSave), wzImageDumpLoad, wzImageRelease,
+               exactly(2)),  // record and block
+        loadOp("wzImageDumpLoad (4100 x 4100)", dumpOf(big, wzImageDumpSave), wzImageDumpLoad,
+               wzImageRelease, atLeast(3)),
+        loadOp("wzMatrixDumpLoad", dumpOf(m, wzMatrixDumpSave), wzMatrixDumpLoad, wzMatrixRelease,
+               exactly(3)),  // record, block, row table
+        loadOp("wzMatrixDumpLoad (1500 x 1500)", dumpOf(bigM, wzMatrixDumpSave), wzMatrixDumpLoad,
+               wzMatrixRelease, atLeast(4)),
+    };
     const std::tuple<std::string, const wzVolume *, long> volumes[] = {
         {"7 x 5 x 4, 32F", small, 3}, {"2 x 1 x 300", deep, 300}, {"4100 x 4100 x 1", large, 4}};
     for (const auto &[what, saved, points] : volumes) {
         const Bytes dump = dumpOf(saved, wzVolumeDumpSave);
-        const size_t perPlane = (dump.size() - 48) / size_t(saved->depth);
-        const auto planes = [&, saved = saved](bool separate) {
-            return [&, saved, separate](wzVolume *v) {
-                ASSERT_EQ(std::make_tuple(v->width, v->height, v->depth, v->type, v->roi.depth),
-                          std::make_tuple(saved->width, saved->height, saved->depth, saved->type,
-                                          saved->roi.depth));
-                EXPECT_EQ(v->voxels, separate ? nullptr : v->planes[0]->data);
-                for (int32_t k = 0; k < v->depth; ++k)
-                    ASSERT_EQ(
-                        std::memcmp(v->planes[k]->data, dump.data() + 48 + k * perPlane, perPlane),
-                        0)
-                        << k;
-            };
-        };
-        sweepAll({
-            loadOp("wzVolumeDumpLoad (" + what + ")", dump, wzVolumeDumpLoad, wzVolumeRelease,
-                   planes(false), atLeast(points)),
-            loadOp("wzVolumeDumpLoadWithSeparatePlanes (" + what + ")", dump,
-                   wzVolumeDumpLoadWithSeparatePlanes, wzVolumeReleaseWithSeparatePlanes,
-                   planes(true), atLeast(points)),
-        });
+        ops.push_back(loadOp("wzVolumeDumpLoad (" + what + ")", dump, wzVolumeDumpLoad,
+                             wzVolumeRelease, atLeast(points)));
+        ops.push_back(loadOp("wzVolumeDumpLoadWithSeparatePlanes (" + what + ")", dump,
+                             wzVolumeDumpLoadWithSeparatePlanes, wzVolumeReleaseWithSeparatePlanes,
+                             atLeast(points)));
     }
+    sweepAll(ops);
+    for (wzImage **img : {&image, &big}) wzImageRelease(img);
+    for (wzMatrix **mx : {&m, &bigM}) wzMatrixRelease(mx);
     for (wzVolume **v : {&small, &deep, &large}) wzVolumeRelease(v);
 }
 
@@ -915,10 +770,10 @@ TEST(AllocFailure, HostEntryPoints) {
     sweepAll({
         // The host's headers, profile and parameters, the filter's bundle,
         // then contrast's records, made after matching wrote its result.
-        statusOp("wzMorvenTransfer (contrast)", {span(out)}, false, transfer(1),
-                 atLeast(4 + 4 + 2 + 1), OnFailure::Untouched, {transfer(0)}),
+        statusOp("wzMorvenTransfer (contrast)", {span(out)}, false, atLeast(4 + 4 + 2 + 1),
+                 transfer(1), OnFailure::Untouched, {transfer(0)}),
         // Three headers and the parameter record, then smoothing's own.
-        statusOp("wzMorvenSmooth", {span(out)}, false, smooth, atLeast(5)),
+        statusOp("wzMorvenSmooth", {span(out)}, false, atLeast(5), smooth),
     });
     wzMorvenDispose();
 }

@@ -1,10 +1,11 @@
-// Volumes: the record in its three kinds, type conversion, voxel reads,
-// fills and inversion, interpolation, extremes, the non-zero box, slices and
-// the region copy against plain voxel loops; dump files (exact bytes for
-// every type in both forms, either load reading them back, refusal of
-// truncated or hostile input without a leak); the histogram operations
-// against a profile counted voxel by voxel and a table looked up over the
-// box, blended with a mask by the documented single-precision formula.
+// Volumes: the record in its three kinds, type conversion, and voxel reads,
+// fills, inversion, interpolation, extremes, the non-zero box, slices and the
+// region copy against plain voxel loops on random volumes of every type; dump
+// files (exact bytes for every type in both forms, either load reading them
+// back, refusal of truncated or hostile input without a leak); the histogram
+// operations against a profile counted voxel by voxel and a table looked up
+// over the box, blended with a mask by the documented single-precision
+// formula.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -32,8 +33,11 @@ double val(const wzVolume *v, int x, int y, int z) {
     return wzVolumeGetVal(v, &p);
 }
 
+uint8_t *element(const wzVolume *v, int x, int y, int z) {
+    return v->planes[z]->data + (size_t(y) * v->width + x) * typeSize(v->type);
+}
 void put(const wzVolume *v, int x, int y, int z, double value) {
-    storeValue(v->type, v->planes[z]->data + (size_t(y) * v->width + x) * typeSize(v->type), value);
+    storeValue(v->type, element(v, x, y, z), value);
 }
 
 // Integers 0..255 for the integer types, fractions in -2..2 for the floats.
@@ -44,6 +48,12 @@ void fillRandom(const wzVolume *v, std::mt19937 &rng) {
         for (int y = 0; y < v->height; ++y)
             for (int x = 0; x < v->width; ++x)
                 put(v, x, y, z, isFloat ? float(unit(rng)) : double(rng() % 256));
+}
+
+// A random box inside w x h x d.
+wzBox randomBox(int w, int h, int d, std::mt19937 &rng) {
+    const int x = rng() % w, y = rng() % h, z = rng() % d;
+    return {x, y, z, 1 + int(rng() % (w - x)), 1 + int(rng() % (h - y)), 1 + int(rng() % (d - z))};
 }
 
 // 8-bit contiguous volumes.
@@ -69,23 +79,52 @@ VolumePtr copyOf(const wzVolume *v) {
 // ---------------------------------------------------------------------------
 // Record and voxel access
 
-// The three kinds: zeroed contiguous blocks with planes one plane size apart
-// (channels included; one channel for wzVolumeCreateAs), headers over a
-// caller's block (kept on release), separate blocks of the plane size; size
-// and region of interest (plane regions untouched); refused encodings and
-// negative sizes; null releases.
+// Every constructor: sizes, type and region of the volume, plane headers of
+// its type and encoding (one channel for wzVolumeCreateAs); headers without
+// blocks, one zeroed block with planes one plane size apart (channels
+// included), or a block per plane. Headers over a caller's block (kept on
+// release), the region of interest (plane regions untouched), refused
+// encodings and negative sizes, null releases.
 TEST(VolumeRecord, KindsLayoutsAndRefusals) {
-    VolumePtr v(wzVolumeCreateWithType(4, 3, 2, wzType16U)),
+    VolumePtr model(wzVolumeCreateWithType(4, 3, 2, wzType16U)),
         bgr(wzVolumeCreateWithEncoding(4, 3, 2, wzEncodingBGR));
-    VolumePtr as(wzVolumeCreateAs(bgr.get())), empty(wzVolumeCreate(3, 3, 0));
-    ASSERT_TRUE(v && bgr && as && empty && empty->depth == 0);
-    EXPECT_EQ(bytes(v->voxels, 48), Bytes(48, 0));
-    const wzImage *p = v->planes[1];
-    EXPECT_TRUE(p->data == v->voxels + 24 && p->type == wzType16U &&
-                p->encoding == wzEncodingGray && p->height == 3 && p->width == 4 &&
-                p->roi.width == 4 && p->roi.height == 3);
-    EXPECT_TRUE(bgr->planes[1]->data == bgr->voxels + 36 && as->planes[1]->data == as->voxels + 12);
-    EXPECT_EQ(as->planes[0]->encoding, wzEncodingGray);
+    constexpr uint32_t gray = wzEncodingGray;
+    const struct {
+        wzVolume *v;
+        uint32_t type, encoding;
+        int kind;  // 0 header, 1 contiguous, 2 separate planes
+    } made[] = {
+        {wzVolumeCreateHeader(4, 3, 2), wzType8U, gray, 0},
+        {wzVolumeCreateHeaderWithType(4, 3, 2, wzType32F), wzType32F, gray, 0},
+        {wzVolumeCreateHeaderWithEncoding(4, 3, 2, wzEncodingRGB), wzType8U, wzEncodingRGB, 0},
+        {wzVolumeCreate(4, 3, 2), wzType8U, gray, 1},
+        {wzVolumeCreateWithType(4, 3, 2, wzType64F), wzType64F, gray, 1},
+        {wzVolumeCreateWithEncoding(4, 3, 2, wzEncodingBGR), wzType8U, wzEncodingBGR, 1},
+        {wzVolumeCreateAs(model.get()), wzType16U, gray, 1},
+        {wzVolumeCreateAs(bgr.get()), wzType8U, gray, 1},
+        {wzVolumeCreateWithSeparatePlanes(4, 3, 2), wzType8U, gray, 2},
+        {wzVolumeCreateWithTypeWithSeparatePlanes(4, 3, 2, wzType32S), wzType32S, gray, 2},
+    };
+    void (*const release[])(wzVolume **) = {wzVolumeReleaseHeader, wzVolumeRelease,
+                                            wzVolumeReleaseWithSeparatePlanes};
+    for (auto [v, type, encoding, kind] : made) {
+        ASSERT_TRUE(v);
+        const size_t plane = 12 * typeSize(type) * size_t(wzGetNChannelFromEncoding(encoding));
+        EXPECT_TRUE(v->width == 4 && v->height == 3 && v->depth == 2 && v->type == type);
+        EXPECT_TRUE(sameBox(v->roi, {0, 0, 0, 4, 3, 2}));
+        for (const wzImage *p : {v->planes[0], v->planes[1]})
+            EXPECT_TRUE(p->width == 4 && p->height == 3 && p->type == type &&
+                        p->encoding == encoding && p->roi.width == 4 && p->roi.height == 3 &&
+                        (p->data == nullptr) == (kind == 0));
+        EXPECT_EQ(v->voxels, kind == 1 ? v->planes[0]->data : nullptr) << kind;
+        if (kind == 1) {
+            EXPECT_EQ(v->planes[1]->data, v->voxels + plane);
+            EXPECT_EQ(bytes(v->voxels, 2 * plane), Bytes(2 * plane, 0));
+        }
+        release[kind](&v);
+    }
+    VolumePtr empty(wzVolumeCreate(3, 3, 0));
+    ASSERT_TRUE(empty && empty->depth == 0);
     const wzSize3D size = wzVolumeSize(bgr.get());
     EXPECT_TRUE(size.width == 4 && size.height == 3 && size.depth == 2);
     const wzBox box{1, 1, 0, 2, 2, 1};
@@ -96,14 +135,10 @@ TEST(VolumeRecord, KindsLayoutsAndRefusals) {
 
     Bytes block(72, 7);
     wzVolume *h = wzVolumeCreateHeaderWithEncoding(2, 4, 3, wzEncodingRGB);
-    EXPECT_EQ(h->planes[2]->data, nullptr);
     wzVolumeAssignData(h, block.data());
     for (int k = 0; k < 3; ++k) EXPECT_EQ(h->planes[k]->data, block.data() + 24 * k);
     wzVolumeReleaseHeader(&h);
     EXPECT_TRUE(h == nullptr && block == Bytes(72, 7));
-    SeparatePtr s(wzVolumeCreateWithTypeWithSeparatePlanes(5, 2, 3, wzType64F));
-    EXPECT_TRUE(s->voxels == nullptr && s->planes[0]->data != s->planes[1]->data);
-    for (int k = 0; k < 3; ++k) std::memset(s->planes[k]->data, k, 80);  // 80 bytes each
 
     EXPECT_TRUE(wzVolumeCreateWithEncoding(2, 2, 2, 5) == nullptr &&
                 wzVolumeCreateHeaderWithEncoding(2, 2, 2, 5) == nullptr);
@@ -159,90 +194,43 @@ TEST(VolumeRecord, Layout32AndTypeConversion) {
     EXPECT_TRUE(four->voxels[0] == 0 && four->voxels[8] == 9);  // plane 0 converted, plane 2 not
 }
 
-// Reads of each kind of element, fills (values wrap to the type, per plane
-// on separate blocks), what multi-channel volumes decline, the inversion in
-// and out of place with its refusals; then the special values of the
-// extremes and the non-zero box: -0.0 is zero, NaN non-zero (and skipped by
-// the extremes); an empty box gives the initial values; a box outside or an
-// unknown type gives 1.
-TEST(VolumeAccess, WorkedReadsFillsInversionAndExtremes) {
-    VolumePtr s(wzVolumeCreateWithType(2, 2, 2, wzType32S)),
-        u(wzVolumeCreateWithType(3, 1, 1, wzType16U));
-    put(s.get(), 1, 0, 1, -5);
-    put(u.get(), 2, 0, 0, 65535);
-    EXPECT_TRUE(val(s.get(), 1, 0, 1) == -5.0 && val(u.get(), 2, 0, 0) == 65535.0);
-    VolumePtr v(wzVolumeCreate(3, 2, 2));
-    wzVolumeSetVal(v.get(), 300.7);
-    EXPECT_EQ(voxels(v.get()), Bytes(12, 44));
-    wzVolumeSetVal(v.get(), -1.5);
-    EXPECT_EQ(voxels(v.get()), Bytes(12, 255));
-    wzVolumeSetVal(u.get(), 70000.0);
-    EXPECT_EQ(val(u.get(), 0, 0, 0), 4464.0);
-    SeparatePtr f(wzVolumeCreateWithTypeWithSeparatePlanes(2, 2, 3, wzType32F));
-    wzVolumeSetVal(f.get(), 0.1);
-    EXPECT_EQ(val(f.get(), 1, 1, 2), double(0.1f));
-    wzVolumeSetZero(f.get());
-    u->type = 99;
-    EXPECT_TRUE(val(f.get(), 1, 1, 2) == 0.0 && val(u.get(), 2, 0, 0) == 0.0);
-    VolumePtr bgr(wzVolumeCreateWithEncoding(2, 2, 2, wzEncodingBGR));
-    std::memset(bgr->voxels, 5, 24);
-    wzVolumeSetVal(bgr.get(), 1.0);
-    EXPECT_TRUE(val(bgr.get(), 0, 0, 0) == 0.0 && wzVolumeInvert(bgr.get(), bgr.get()) == 1);
-    EXPECT_EQ(bytes(bgr->voxels, 24), Bytes(24, 5));
-    wzVolumeSetZero(bgr.get());  // every channel
-    EXPECT_EQ(bytes(bgr->voxels, 24), Bytes(24, 0));
-
-    at(v.get(), 0, 0, 0) = 0;
-    at(v.get(), 2, 1, 1) = 200;
-    VolumePtr out(wzVolumeCreate(3, 2, 2)), shallow(wzVolumeCreate(3, 2, 1));
-    ASSERT_EQ(wzVolumeInvert(v.get(), out.get()), 0u);
-    EXPECT_TRUE(at(out.get(), 0, 0, 0) == 255 && at(out.get(), 2, 1, 1) == 55 &&
-                at(out.get(), 1, 1, 0) == 0);
-    ASSERT_EQ(wzVolumeInvert(out.get(), out.get()), 0u);  // in place, back again
-    EXPECT_EQ(voxels(out.get()), voxels(v.get()));
-    EXPECT_TRUE(wzVolumeInvert(v.get(), shallow.get()) == 1 &&
-                wzVolumeInvert(u.get(), u.get()) == 1);
-
-    VolumePtr d(wzVolumeCreateWithType(4, 5, 3, wzType64F));
-    put(d.get(), 0, 0, 0, -0.0);
-    put(d.get(), 2, 3, 1, NAN);
-    put(d.get(), 3, 4, 2, -2.5);
-    wzBox nz;
-    int32_t empty = 1;
-    double mn = 0, mx = 0;
-    ASSERT_TRUE(wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 0 && empty == 0 &&
-                sameBox(nz, {2, 3, 1, 2, 2, 2}));
-    ASSERT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 0 && mn == -2.5 && mx == 0.0);
-    put(d.get(), 3, 4, 2, 0.0);
-    ASSERT_TRUE(wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 0 &&
-                sameBox(nz, {2, 3, 1, 1, 1, 1}));
-    d->roi = wzBox{0, 0, 0, 4, 0, 3};
-    EXPECT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 0 && mn == DBL_MAX && mx == -DBL_MAX);
-    d->roi = wzBox{2, 0, 0, 3, 1, 1};
-    EXPECT_EQ(wzVolumeGetMinMaxValues(d.get(), &mn, &mx), 1u);
-    d->type = 31;
-    EXPECT_TRUE(wzVolumeGetMinMaxValues(d.get(), &mn, &mx) == 1 &&
-                wzVolumeGetNonZeroROI(d.get(), &nz, &empty) == 1);
-    EXPECT_EQ(empty, 1);
-}
-
-// For every type, on a separate-plane volume (each plane a block of exactly
-// its size, so the sanitizers catch a read past any edge), against plain
-// loops over voxel reads: trilinear interpolation (the eight-corner weighted
-// sum, on and off the grid, far faces included), extremes over random boxes,
-// every slice of every axis (an index past the end refused), and the
-// bounding box of a few non-zero voxels.
+// For every type, on separate-plane volumes of random sizes (each plane a
+// block of exactly its size, so the sanitizers catch a read past any edge),
+// against plain loops over the elements: reads; fills (values wrapped to the
+// type as a plain store does) and zeroing; trilinear interpolation (the
+// eight-corner weighted sum, on and off the grid, far faces included);
+// extremes over random boxes (an empty box gives the initial values, one
+// past an edge 1); every slice of every axis (an index past the end
+// refused); the bounding box of a few non-zero voxels, where -0.0 is zero
+// and NaN non-zero (and skipped by the extremes).
 TEST(VolumeAccess, RandomCrossChecks) {
     std::mt19937 rng(5);
-    const int W = 5, H = 4, D = 3;
-    for (uint32_t type : kAllTypes) {
+    for (int trial = 0; trial < 18; ++trial) {
+        const uint32_t type = kAllTypes[trial % 6];
+        const bool isFloat = type == wzType32F || type == wzType64F;
+        const int W = 2 + rng() % 5, H = 2 + rng() % 5, D = 2 + rng() % 3;
         SeparatePtr v(wzVolumeCreateWithTypeWithSeparatePlanes(W, H, D, type));
+        const double fill = std::uniform_real_distribution<double>(-70000.0, 70000.0)(rng);
+        uint8_t stored[8];
+        storeValue(type, stored, fill);
+        wzVolumeSetVal(v.get(), fill);
+        for (int i = 0; i < W * H * D; ++i)
+            ASSERT_EQ(val(v.get(), i % W, i / W % H, i / W / H), loadValue(type, stored)) << type;
+        wzVolumeSetZero(v.get());
+        for (int z = 0; z < D; ++z)
+            EXPECT_EQ(bytes(v->planes[z]->data, W * H * typeSize(type)),
+                      Bytes(W * H * typeSize(type), 0));
+
         fillRandom(v.get(), rng);
+        for (int i = 0; i < 10; ++i) {
+            const int x = rng() % W, y = rng() % H, z = rng() % D;
+            EXPECT_EQ(val(v.get(), x, y, z), loadValue(type, element(v.get(), x, y, z)));
+        }
         auto coord = [&](int n) {  // some on the grid, the far faces included
             const double c = std::uniform_real_distribution<double>(0, n - 1)(rng);
             return rng() % 3 ? c : std::floor(c + 0.5);
         };
-        for (int i = 0; i < 200; ++i) {
+        for (int i = 0; i < 100; ++i) {
             const double p[3] = {coord(W), coord(H), coord(D)};
             const int q[3] = {int(p[0]), int(p[1]), int(p[2])};
             double ref = 0.0;
@@ -257,24 +245,26 @@ TEST(VolumeAccess, RandomCrossChecks) {
             EXPECT_EQ(wzVolumeGetInterpolatedValPerPlane(v.get(), p),
                       wzVolumeGetInterpolatedVal(v.get(), p));
         }
-        for (int trial = 0; trial < 20; ++trial) {
-            const int x = rng() % W, y = rng() % H, z = rng() % D;
-            const wzBox b{x,
-                          y,
-                          z,
-                          1 + int(rng() % (W - x)),
-                          1 + int(rng() % (H - y)),
-                          1 + int(rng() % (D - z))};
+        double mn, mx;
+        for (int t = 0; t < 10; ++t) {
+            const wzBox b = randomBox(W, H, D, rng);
             wzVolumeSetROI(v.get(), &b);
-            double lo = DBL_MAX, hi = -DBL_MAX, mn, mx;
-            for (int k = z; k < z + b.depth; ++k)
-                for (int j = y; j < y + b.height; ++j)
-                    for (int i = x; i < x + b.width; ++i)
+            double lo = DBL_MAX, hi = -DBL_MAX;
+            for (int k = b.z; k < b.z + b.depth; ++k)
+                for (int j = b.y; j < b.y + b.height; ++j)
+                    for (int i = b.x; i < b.x + b.width; ++i)
                         lo = std::fmin(lo, val(v.get(), i, j, k)),
                         hi = std::fmax(hi, val(v.get(), i, j, k));
             ASSERT_EQ(wzVolumeGetMinMaxValues(v.get(), &mn, &mx), 0u);
             EXPECT_TRUE(mn == lo && mx == hi) << type;
         }
+        v->roi = wzBox{0, 0, 0, W, 0, D};
+        EXPECT_TRUE(wzVolumeGetMinMaxValues(v.get(), &mn, &mx) == 0 && mn == DBL_MAX &&
+                    mx == -DBL_MAX);
+        v->roi = wzBox{1, 0, 0, W, 1, 1};
+        EXPECT_EQ(wzVolumeGetMinMaxValues(v.get(), &mn, &mx), 1u);
+        wzVolumeResetROI(v.get());
+
         const int slices[3][3] = {{H, D, W}, {D, W, H}, {W, H, D}};  // image width, height; count
         for (int axis = 0; axis < 3; ++axis) {
             ImagePtr out = makeImage(slices[axis][0], slices[axis][1], wzEncodingGray, type);
@@ -292,27 +282,58 @@ TEST(VolumeAccess, RandomCrossChecks) {
             }
             EXPECT_EQ(wzVolumeGetSlice(v.get(), axis, slices[axis][2], out.get()), 1u);
         }
+
         wzVolumeSetZero(v.get());
         wzBox nz;
         int32_t empty = 0;
         ASSERT_TRUE(wzVolumeGetNonZeroROI(v.get(), &nz, &empty) == 0 && empty == 1);
+        if (isFloat) put(v.get(), int(rng() % W), int(rng() % H), int(rng() % D), -0.0);
         int lo[3] = {99, 99, 99}, hi[3] = {-1, -1, -1};
         for (int n = 0; n < 3; ++n) {
             const int p[3] = {int(rng() % W), int(rng() % H), int(rng() % D)};
-            put(v.get(), p[0], p[1], p[2], 7);
+            put(v.get(), p[0], p[1], p[2], isFloat && n == 0 ? NAN : 7);
             for (int k = 0; k < 3; ++k)
                 lo[k] = std::min(lo[k], p[k]), hi[k] = std::max(hi[k], p[k]);
         }
         ASSERT_TRUE(wzVolumeGetNonZeroROI(v.get(), &nz, &empty) == 0 && empty == 0);
         EXPECT_TRUE(sameBox(
             nz, {lo[0], lo[1], lo[2], hi[0] - lo[0] + 1, hi[1] - lo[1] + 1, hi[2] - lo[2] + 1}));
+        ASSERT_EQ(wzVolumeGetMinMaxValues(v.get(), &mn, &mx), 0u);
+        EXPECT_TRUE(mn == 0.0 && mx == 7.0) << type;
     }
-    // Slices refuse an image of another size, encoding or type, and an axis
-    // out of range.
-    VolumePtr v(wzVolumeCreate(4, 3, 2));
-    ImagePtr wrong = makeImage(4, 2, wzEncodingGray), rgb = makeImage(2, 4, wzEncodingRGB),
-             wide = makeImage(4, 3, wzEncodingGray, wzType16U);
-    EXPECT_TRUE(wzVolumeGetSlice(v.get(), 1, 2, wrong.get()) == 1 &&
+}
+
+// Inversion in and out of place against 255 - v, and what it and the other
+// element-level operations decline: sizes or types that differ, 16-bit or
+// multi-channel volumes (whose zeroing clears every channel), unknown types.
+// Slices refuse an image of another size, encoding or type, and an axis out
+// of range.
+TEST(VolumeAccess, InversionAndRefusals) {
+    std::mt19937 rng(3);
+    VolumePtr v = randomVolume(3, 2, 2, rng), out(wzVolumeCreate(3, 2, 2));
+    ASSERT_EQ(wzVolumeInvert(v.get(), out.get()), 0u);
+    for (size_t i = 0; i < 12; ++i) EXPECT_EQ(out->voxels[i], 255 - v->voxels[i]);
+    ASSERT_EQ(wzVolumeInvert(out.get(), out.get()), 0u);  // in place, back again
+    EXPECT_EQ(voxels(out.get()), voxels(v.get()));
+    VolumePtr shallow(wzVolumeCreate(3, 2, 1)), u(wzVolumeCreateWithType(3, 2, 2, wzType16U));
+    VolumePtr bgr(wzVolumeCreateWithEncoding(2, 2, 2, wzEncodingBGR));
+    std::memset(bgr->voxels, 5, 24);
+    wzVolumeSetVal(bgr.get(), 1.0);
+    EXPECT_TRUE(wzVolumeInvert(v.get(), shallow.get()) == 1 &&
+                wzVolumeInvert(u.get(), u.get()) == 1 && wzVolumeInvert(bgr.get(), bgr.get()) == 1);
+    EXPECT_TRUE(val(bgr.get(), 0, 0, 0) == 0.0 && bytes(bgr->voxels, 24) == Bytes(24, 5));
+    wzVolumeSetZero(bgr.get());
+    EXPECT_EQ(bytes(bgr->voxels, 24), Bytes(24, 0));
+    double mn, mx;
+    wzBox nz;
+    int32_t empty = 0;
+    u->type = 31;
+    EXPECT_TRUE(val(u.get(), 1, 1, 1) == 0.0 && wzVolumeGetMinMaxValues(u.get(), &mn, &mx) == 1 &&
+                wzVolumeGetNonZeroROI(u.get(), &nz, &empty) == 1 && empty == 1);
+
+    ImagePtr wrong = makeImage(4, 2, wzEncodingGray), rgb = makeImage(2, 3, wzEncodingRGB),
+             wide = makeImage(3, 2, wzEncodingGray, wzType16U);
+    EXPECT_TRUE(wzVolumeGetSlice(v.get(), 1, 1, wrong.get()) == 1 &&
                 wzVolumeGetSlice(v.get(), 1, 0, rgb.get()) == 1);
     EXPECT_TRUE(wzVolumeGetSlice(v.get(), 3, 0, wrong.get()) == 1 &&
                 wzVolumeGetSlice(v.get(), 2, 0, wide.get()) == 1);
@@ -445,21 +466,19 @@ TEST(VolumeDump, EmptyMultiChannelAndHostileHeaders) {
     const struct {
         uint32_t type;
         int32_t depth, width, height;
-    } cases[] = {
-        {wzType8U, -1, 2, 2},
-        {wzType8U, 2, -2, 2},
-        {wzType8U, 2, 2, INT32_MIN},
-        {wzType8U, 1, 0, 5},
-        {7, 1, 2, 2},
-        {wzType8U, 65536, 65536, 2},
-        {wzType64F, 4, 65536, 65537},
-        {wzType8U, 3, 1 << 30, 1 << 30},
-        {wzType16U, INT32_MAX, 2, 1},
-        {wzType32F, 2, INT32_MAX, INT32_MAX},
-        {wzType8U, 0, 65536, 65536},
-        {wzType8U, INT32_MAX, 1, 1},
-        {wzType32F, 1000000, 1000, 2},
-    };
+    } cases[] = {{wzType8U, -1, 2, 2},
+                 {wzType8U, 2, -2, 2},
+                 {wzType8U, 2, 2, INT32_MIN},
+                 {wzType8U, 1, 0, 5},
+                 {7, 1, 2, 2},
+                 {wzType8U, 65536, 65536, 2},
+                 {wzType64F, 4, 65536, 65537},
+                 {wzType8U, 3, 1 << 30, 1 << 30},
+                 {wzType16U, INT32_MAX, 2, 1},
+                 {wzType32F, 2, INT32_MAX, INT32_MAX},
+                 {wzType8U, 0, 65536, 65536},
+                 {wzType8U, INT32_MAX, 1, 1},
+                 {wzType32F, 1000000, 1000, 2}};
     for (const auto &c : cases) {
         Bytes h = header(c.type, c.depth, c.width, c.height, wzBox{});
         h.resize(h.size() + 16, 0x5A);  // a little payload, never enough
@@ -631,9 +650,8 @@ TEST(VolumeHistogram, CancellationAndRefusals) {
 
 // Equalisation: the table from the normalised profile matched to the flat
 // one, over a box; a single level goes to 255. Stretch of 50..100 spread
-// over the planes (50 -> 0, 75 -> 127, 99 -> 249, 100 -> 255, the rest by the
-// float rule); a single level is copied box to box with 1; an empty profile
-// gives 1 and writes nothing.
+// over the planes by the float rule (100 -> 255); a single level is copied
+// box to box with 1; an empty profile gives 1 and writes nothing.
 TEST(VolumeHistogram, EqualizationAndStretch) {
     std::mt19937 rng(5);
     VolumePtr v = randomVolume(6, 4, 3, rng, 40, 90);
@@ -657,11 +675,9 @@ TEST(VolumeHistogram, EqualizationAndStretch) {
     VolumePtr s(wzVolumeCreate(51, 1, 3)), out(wzVolumeCreate(51, 1, 3));
     for (int i = 0; i < 153; ++i) s->voxels[i] = uint8_t(50 + (i * 7) % 51);
     ASSERT_EQ(wzHistogramStretch3D(s.get(), out.get()), 0u);
-    const uint8_t worked[4][2] = {{50, 0}, {75, 127}, {99, 249}, {100, 255}};
     for (int i = 0; i < 153; ++i) {
         const int value = s->voxels[i];
         EXPECT_EQ(out->voxels[i], value == 100 ? 255 : uint8_t(255.0f / 50.0f * float(value - 50)));
-        for (const auto &w : worked) EXPECT_TRUE(value != w[0] || out->voxels[i] == w[1]) << value;
     }
     VolumePtr dst(wzVolumeCreate(3, 3, 2));
     same->roi = dst->roi = wzBox{1, 1, 0, 2, 2, 2};
