@@ -104,12 +104,12 @@ void describe(Bytes &b, const wzMatrix &m) {  // the layout of the rows too
         if (m.data) describe(b, m.rowPtr[i], sizeof(double) * size_t(m.nCols));
     }
 }
-void describe(Bytes &b, const wzVolume &v, bool blocks) {  // and the planes' places in the block
-    describe(b, std::make_tuple(v.type, v.depth, v.width, v.height, v.roi,
-                                int32_t{v.voxels != nullptr}));
+// Without blocks, the planes' places in the block instead.
+void describe(Bytes &b, const wzVolume &v, bool blocks) {
+    describe(b, std::make_tuple(v.type, v.depth, v.width, v.height, v.roi));
     for (int32_t k = 0; k < v.depth; ++k) {
         describe(b, *v.planes[k], blocks);
-        if (v.voxels) describe(b, v.planes[k]->data - v.voxels);
+        if (!blocks) describe(b, v.voxels ? v.planes[k]->data - v.voxels : -1);
     }
 }
 void describe(Bytes &b, const wzHistogramMatchStats &s) { describe(b, *s.profile); }
@@ -134,16 +134,18 @@ Bytes deep(const T *t, bool blocks) {
     return b;
 }
 
-// A create or load operation: null on every failure, else what make() gives
-// outside the probe's window (image blocks compared only with `blocks`: new
-// ones are not initialised), or with a use, something use() accepts.
+// A create or load operation: null on every failure, else a record like
+// `like` (what the blocks hold included), or like what make() gives outside
+// the probe's window (new image blocks are not initialised: not compared), or
+// with a use, one that use() accepts.
 template <class T>
 Op made(std::string name, void (*release)(T **), Points points,
         std::type_identity_t<std::function<T *()>> make,
-        std::type_identity_t<std::function<void(T *)>> use = nullptr, bool blocks = false) {
-    T *model = use ? nullptr : make();
-    const Bytes want = model ? deep(model, blocks) : Bytes{};
-    EXPECT_TRUE(use || model) << name;
+        std::type_identity_t<std::function<void(T *)>> use = nullptr, const T *like = nullptr) {
+    T *model = use || like ? nullptr : make();
+    const bool blocks = like != nullptr;
+    const Bytes want = like ? deep(like, true) : model ? deep(model, false) : Bytes{};
+    EXPECT_TRUE(use || like || model) << name;
     release(&model);
     auto result = std::make_shared<T *>();
     return {std::move(name), [] {}, [=] { *result = make(); },
@@ -297,14 +299,14 @@ std::shared_ptr<std::FILE> streamOver(Bytes bytes) {
     return f;
 }
 template <class T>
-Op loadOp(std::string name, Bytes dump, T *(*load)(std::FILE *), void (*release)(T **),
-          Points points) {
-    const auto f = streamOver(std::move(dump));
+Op loadOp(std::string name, const T *saved, wzStatus (*save)(const T *, std::FILE *),
+          T *(*load)(std::FILE *), void (*release)(T **), Points points) {
+    const auto f = streamOver(dumpOf(saved, save));
     const auto loaded = [=] {
         std::rewind(f.get());
         return load(f.get());
     };
-    return made<T>(std::move(name), release, points, loaded, nullptr, true);
+    return made<T>(std::move(name), release, points, loaded, nullptr, saved);
 }
 
 // ---------------------------------------------------------------------------
@@ -665,24 +667,23 @@ TEST(AllocFailure, DumpLoads) {
     wzVolumeSetROI(small, &box);
     wzVolume *deep = randomVolume(2, 1, 300, 24), *large = randomVolume(4100, 4100, 1, 25);
     std::vector<Op> ops{
-        loadOp("wzImageDumpLoad", dumpOf(image, wzImageDumpSave), wzImageDumpLoad, wzImageRelease,
+        loadOp("wzImageDumpLoad", image, wzImageDumpSave, wzImageDumpLoad, wzImageRelease,
                exactly(2)),  // record and block
-        loadOp("wzImageDumpLoad (4100 x 4100)", dumpOf(big, wzImageDumpSave), wzImageDumpLoad,
+        loadOp("wzImageDumpLoad (4100 x 4100)", big, wzImageDumpSave, wzImageDumpLoad,
                wzImageRelease, atLeast(3)),
-        loadOp("wzMatrixDumpLoad", dumpOf(m, wzMatrixDumpSave), wzMatrixDumpLoad, wzMatrixRelease,
+        loadOp("wzMatrixDumpLoad", m, wzMatrixDumpSave, wzMatrixDumpLoad, wzMatrixRelease,
                exactly(3)),  // record, block, row table
-        loadOp("wzMatrixDumpLoad (1500 x 1500)", dumpOf(bigM, wzMatrixDumpSave), wzMatrixDumpLoad,
+        loadOp("wzMatrixDumpLoad (1500 x 1500)", bigM, wzMatrixDumpSave, wzMatrixDumpLoad,
                wzMatrixRelease, atLeast(4)),
     };
     const std::tuple<std::string, const wzVolume *, long> volumes[] = {
         {"7 x 5 x 4, 32F", small, 3}, {"2 x 1 x 300", deep, 300}, {"4100 x 4100 x 1", large, 4}};
     for (const auto &[what, saved, points] : volumes) {
-        const Bytes dump = dumpOf(saved, wzVolumeDumpSave);
-        ops.push_back(loadOp("wzVolumeDumpLoad (" + what + ")", dump, wzVolumeDumpLoad,
-                             wzVolumeRelease, atLeast(points)));
-        ops.push_back(loadOp("wzVolumeDumpLoadWithSeparatePlanes (" + what + ")", dump,
-                             wzVolumeDumpLoadWithSeparatePlanes, wzVolumeReleaseWithSeparatePlanes,
-                             atLeast(points)));
+        ops.push_back(loadOp("wzVolumeDumpLoad (" + what + ")", saved, wzVolumeDumpSave,
+                             wzVolumeDumpLoad, wzVolumeRelease, atLeast(points)));
+        ops.push_back(loadOp("wzVolumeDumpLoadWithSeparatePlanes (" + what + ")", saved,
+                             wzVolumeDumpSave, wzVolumeDumpLoadWithSeparatePlanes,
+                             wzVolumeReleaseWithSeparatePlanes, atLeast(points)));
     }
     sweepAll(ops);
     for (wzImage **img : {&image, &big}) wzImageRelease(img);
