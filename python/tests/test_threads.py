@@ -16,8 +16,8 @@ PICTURE = np.random.default_rng(0).integers(0, 256, (600, 800, 3), dtype=np.uint
 
 
 def long_call():
-    # About a hundred smoothing passes per channel: a few tenths of a second.
-    return morven.smooth(PICTURE, PICTURE // 2, iterations=100)
+    # Three hundred smoothing passes per channel: a few tenths of a second.
+    return morven.smooth(PICTURE, PICTURE // 2, iterations=300)
 
 
 @pytest.mark.parametrize("caller", ["main thread", "other thread"])
