@@ -38,17 +38,27 @@ protected:
     wzStatus run(wzImage *src, const wzImage *m, wzImage *dst, const uint32_t *cancel = nullptr) {
         return wzHistogramTransferFilter(params, support, src, m, dst, cancel);
     }
-    // The stages by hand: matching (mode 0), then contrast in place when enabled.
-    ImagePtr matchedAndContrasted(uint32_t encoding = wzEncodingBGR) {
+    // The stages by hand: matching (mode 0), contrast in place, smoothing
+    // guided by the source, the mask's blend with the source.
+    ImagePtr byHand(uint32_t encoding = wzEncodingBGR, const wzImage *m = nullptr) {
         ImagePtr e = makeImage(23, 17, encoding);
         std::memset(e->data, 7, blockBytes(e.get()));  // the bytes no stage writes
         const wzHistogramMatchParams mp{params->matchStrength, params->matchFidelity, 0,
                                         params->matchMaxStep, &target};
         const wzContrastEnhanceParams cp{params->contrastHighTail, params->contrastLowTail, 0, 255,
                                          0};
+        const wzSelectiveSmoothParams sp{params->smoothThreshold, params->smoothIterations};
         EXPECT_EQ(wzHistogramMatchFilter(&mp, source.get(), nullptr, e.get(), nullptr), 0u);
         if (params->contrastEnabled) {
             EXPECT_EQ(wzContrastEnhanceFilter(&cp, e.get(), nullptr, e.get(), nullptr), 0u);
+        }
+        if (params->smoothEnabled) {
+            EXPECT_EQ(wzSelectiveSmooth(&sp, support->smoothSupport, source.get(), e.get(), e.get(),
+                                        nullptr),
+                      0u);
+        }
+        if (m) {
+            EXPECT_EQ(wzAddWeigthedM(source.get(), e.get(), e.get(), m), 0u);
         }
         return e;
     }
@@ -87,22 +97,39 @@ TEST_F(Pipeline, DefaultsAndTheStagesRecords) {
     wzHistogramTransferParamsInnerRelease(&inner);
 }
 
-// Matching alone by default, contrast applied in place on the matched image
-// when enabled, into destinations of every colour layout. Into a region of a
-// larger destination the result lands there alone, and the region is reset
-// to the whole image.
-TEST_F(Pipeline, MatchingThenContrastAndRegionReset) {
+// Into destinations of every colour layout: matching alone by default,
+// contrast applied in place on the matched image when enabled. In BGR, with
+// smoothing guided by an untouched copy of the source and a mask (random, or
+// 0: the untouched picture comes back) that then blends it back, separate and
+// in place; the source is left alone when separate. Matched into a region
+// of a larger destination the result lands there alone, and the region is
+// reset to the whole image.
+TEST_F(Pipeline, TheStagesComposedByHand) {
+    ImagePtr zero = makeImage(23, 17, wzEncodingGray);
+    std::memset(zero->data, 0, blockBytes(zero.get()));
+    const std::vector<uint8_t> original = snapshot(source.get());
     for (uint32_t encoding : {wzEncodingBGR, wzEncodingRGB, wzEncodingARGB, wzEncodingRGBA})
-        for (int contrast : {1, 0}) {
-            params->contrastEnabled = contrast;
-            ImagePtr dst = makeImage(23, 17, encoding);
-            std::memset(dst->data, 7, blockBytes(dst.get()));
-            ImagePtr want = matchedAndContrasted(encoding);
-            ASSERT_EQ(run(source.get(), nullptr, dst.get()), 0u);
-            EXPECT_EQ(snapshot(dst.get()), snapshot(want.get()))
-                << encoding << " contrast " << contrast;
-        }
-    ImagePtr big = makeImage(30, 20, wzEncodingBGR), e = matchedAndContrasted();
+        for (int stages = 0; stages < 4; ++stages)  // contrast, smoothing
+            for (const wzImage *m : {static_cast<wzImage *>(nullptr), mask.get(), zero.get()})
+                for (bool inPlace : {false, true}) {
+                    const bool bgr = encoding == wzEncodingBGR;
+                    // (in place without a mask, smoothing has no untouched copy to go by)
+                    if ((!bgr && (stages > 1 || m || inPlace)) || (inPlace && !m && stages > 1))
+                        continue;
+                    params->contrastEnabled = stages & 1;
+                    params->smoothEnabled = stages >> 1;
+                    ImagePtr want = byHand(encoding, m);
+                    ImagePtr src = clone(source.get()), dst = makeImage(23, 17, encoding);
+                    std::memset(dst->data, 7, blockBytes(dst.get()));
+                    wzImage *out = inPlace ? src.get() : dst.get();
+                    ASSERT_EQ(run(src.get(), m, out), 0u);
+                    EXPECT_EQ(snapshot(out), snapshot(want.get()))
+                        << encoding << " stages " << stages << " mask " << (m == mask.get())
+                        << (inPlace ? " in place" : "");
+                    EXPECT_TRUE(inPlace || snapshot(src.get()) == original);
+                }
+    params->contrastEnabled = params->smoothEnabled = 0;  // contrast would measure the whole
+    ImagePtr big = makeImage(30, 20, wzEncodingBGR), e = byHand();
     std::memset(big->data, 7, 1800);
     big->roi = {4, 2, 23, 17};
     std::vector<uint8_t> want(1800, 7);
@@ -111,40 +138,6 @@ TEST_F(Pipeline, MatchingThenContrastAndRegionReset) {
     EXPECT_EQ(snapshot(big.get()), want);
     EXPECT_EQ(std::make_tuple(big->roi.x, big->roi.y, big->roi.width, big->roi.height),
               std::make_tuple(0, 0, 30, 20));
-}
-
-// Smoothing is guided by an untouched copy of the source, which the mask
-// then blends back; separate and in place, the source left alone when separate.
-TEST_F(Pipeline, SmoothingWithAMaskUsesACopyOfTheSourceAsGuideAndBlend) {
-    params->smoothEnabled = params->contrastEnabled = 1;
-    const std::vector<uint8_t> original = snapshot(source.get());
-    ImagePtr expected = matchedAndContrasted();
-    const wzSelectiveSmoothParams sp{params->smoothThreshold, params->smoothIterations};
-    ASSERT_EQ(wzSelectiveSmooth(&sp, support->smoothSupport, source.get(), expected.get(),
-                                expected.get(), nullptr),
-              0u);
-    ASSERT_EQ(wzAddWeigthedM(source.get(), expected.get(), expected.get(), mask.get()), 0u);
-    for (bool inPlace : {false, true}) {
-        ImagePtr src = clone(source.get()),
-                 dst = inPlace ? nullptr : makeImage(23, 17, wzEncodingBGR);
-        wzImage *out = inPlace ? src.get() : dst.get();
-        ASSERT_EQ(run(src.get(), mask.get(), out), 0u);
-        EXPECT_EQ(snapshot(out), snapshot(expected.get())) << "in place " << inPlace;
-        EXPECT_TRUE(inPlace || snapshot(src.get()) == original);
-    }
-}
-
-// A mask of 0 gives back the untouched picture: in place from the copy,
-// separate from the source itself.
-TEST_F(Pipeline, MaskOfZeroRestoresTheUntouchedPicture) {
-    params->contrastEnabled = 1;
-    std::memset(mask->data, 0, blockBytes(mask.get()));
-    const std::vector<uint8_t> original = snapshot(source.get());
-    ImagePtr src = clone(source.get()), dst = makeImage(23, 17, wzEncodingBGR);
-    ASSERT_EQ(run(src.get(), mask.get(), src.get()), 0u);
-    EXPECT_EQ(snapshot(src.get()), original);
-    ASSERT_EQ(run(source.get(), mask.get(), dst.get()), 0u);
-    EXPECT_EQ(snapshot(dst.get()), original);
 }
 
 TEST_F(Pipeline, CancelAndStageFailuresPassThrough) {
