@@ -1,7 +1,9 @@
-// The transfer pipeline against its stages composed by hand.
+// The transfer pipeline against its stages composed by hand, and the host
+// entry points against the pipeline.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <thread>
 #include <tuple>
 
 #include "morven/transfer.h"
@@ -16,7 +18,6 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(support && params);
         // A dark, low-contrast source and a bright reference.
-        ImagePtr reference = makeImage(31, 9, wzEncodingBGR);
         for (size_t i = 0; i < blockBytes(source.get()); ++i)
             source->data[i] = uint8_t(40 + rng() % 60);
         for (size_t i = 0; i < blockBytes(reference.get()); ++i)
@@ -26,6 +27,7 @@ protected:
         fillRandom(mask.get(), rng);
     }
     void TearDown() override {
+        wzMorvenDispose();
         wzHistogramTransferSupportRelease(&support);
         wzHistogramTransferParamsRelease(&params);
     }
@@ -68,6 +70,7 @@ protected:
     wzHistogramTransferParams *params = wzHistogramTransferParamsDefault();
     wzImageColorProfile target;
     ImagePtr source = makeImage(23, 17, wzEncodingBGR), mask = makeImage(23, 17, wzEncodingGray);
+    ImagePtr reference = makeImage(31, 9, wzEncodingBGR);
 };
 
 }  // namespace
@@ -150,4 +153,86 @@ TEST_F(Pipeline, CancelAndStageFailuresPassThrough) {
     params->smoothEnabled = 1;  // with a copy made, which must still be released
     EXPECT_EQ(run(source.get(), mask.get(), dst.get(), &cancel), 2u);
     EXPECT_EQ(run(source.get(), nullptr, wide.get()), 1u);  // the matching stage refuses 16 bits
+}
+
+// The host calls refuse before wzMorvenInit and after wzMorvenDispose
+// (twice). In between, the transfer is the pipeline on the reference's
+// profile, separate and in place, and the smoothing the smoothing filter, in
+// place alike; a threshold below 1/255 or no passes copies the input.
+TEST_F(Pipeline, HostEntryPoints) {
+    using Buffer = std::vector<uint8_t>;
+    uint8_t *src = source->data;
+    Buffer dst(23 * 17 * 3, 9), input(dst.size());
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(wzMorvenTransfer(23, 17, src, dst.data(), 31, 9, reference->data, round, 255,
+                                   1.0f, 9.0f, 50.0f, 0.9f),
+                  1u);
+        EXPECT_EQ(wzMorvenSmooth(23, 17, src, src, dst.data(), 2, 0.1f), 1u);
+        EXPECT_EQ(dst, Buffer(dst.size(), 9));
+        ASSERT_EQ(wzMorvenInit(), 0u);
+        wzMorvenDispose();
+        wzMorvenDispose();
+    }
+    ASSERT_EQ(wzMorvenInit(), 0u);
+    for (int contrast : {0, 1})
+        for (float fidelity : {0.9f, 1.0f}) {
+            *params = {&target, 0.8f, fidelity, contrast, 7.0f, 30.0f, 0, 0.1f, 2, 40};
+            Buffer inPlace = snapshot(source.get());
+            ASSERT_EQ(wzMorvenTransfer(23, 17, src, dst.data(), 31, 9, reference->data, contrast,
+                                       40, 0.8f, 7.0f, 30.0f, fidelity),
+                      0u);
+            ASSERT_EQ(wzMorvenTransfer(23, 17, inPlace.data(), inPlace.data(), 31, 9,
+                                       reference->data, contrast, 40, 0.8f, 7.0f, 30.0f, fidelity),
+                      0u);
+            EXPECT_EQ(dst, snapshot(byHand().get())) << contrast << " " << fidelity;
+            EXPECT_EQ(inPlace, dst);
+        }
+    for (auto &v : input) v = uint8_t(rng());
+    const wzSelectiveSmoothParams sp{0.1f, 3};
+    HeaderPtr in = wrapHeader(23, 17, wzEncodingBGR, input.data());
+    ImagePtr want = makeImage(23, 17, wzEncodingBGR);
+    ASSERT_EQ(
+        wzSelectiveSmooth(&sp, support->smoothSupport, source.get(), in.get(), want.get(), nullptr),
+        0u);
+    ASSERT_NE(snapshot(want.get()), input);
+    Buffer inPlace = input;
+    ASSERT_EQ(wzMorvenSmooth(23, 17, src, input.data(), dst.data(), 3, 0.1f), 0u);
+    ASSERT_EQ(wzMorvenSmooth(23, 17, src, inPlace.data(), inPlace.data(), 3, 0.1f), 0u);
+    EXPECT_EQ(dst, snapshot(want.get()));
+    EXPECT_EQ(inPlace, dst);
+    for (auto [passes, threshold] : {std::pair{3, 0.003f}, {0, 0.1f}}) {
+        ASSERT_EQ(wzMorvenSmooth(23, 17, src, input.data(), dst.data(), passes, threshold), 0u);
+        EXPECT_EQ(dst, input) << passes;
+    }
+}
+
+// Host calls from several threads on distinct buffers give what they give
+// one after another.
+TEST_F(Pipeline, HostCallsFromThreadsMatchSequentialOnes) {
+    ASSERT_EQ(wzMorvenInit(), 0u);
+    constexpr int kJobs = 8;
+    std::vector<std::vector<uint8_t>> src, ref, guide, seq(kJobs), par(kJobs);
+    const auto random = [&](size_t n, int lo, int span) {
+        std::vector<uint8_t> b(n);
+        for (auto &v : b) v = uint8_t(lo + rng() % span);
+        return b;
+    };
+    for (int i = 0; i < kJobs; ++i) {
+        src.push_back(random(64 * 48 * 3, 20 * (i % 4), 120));
+        ref.push_back(random(50 * 40 * 3, 60, 190));
+        guide.push_back(random(64 * 48 * 3, 100, 30));
+    }
+    auto job = [&](int i, std::vector<uint8_t> &out) {
+        out.assign(src[i].size(), 0);
+        if (i % 2 == 0)
+            return wzMorvenTransfer(64, 48, src[i].data(), out.data(), 50, 40, ref[i].data(),
+                                    i % 4 == 0, 255, 1.0f, 9.0f, 50.0f, 0.9f);
+        return wzMorvenSmooth(64, 48, guide[i].data(), src[i].data(), out.data(), 2, 0.2f);
+    };
+    for (int i = 0; i < kJobs; ++i) ASSERT_EQ(job(i, seq[i]), 0u);
+    std::vector<std::thread> threads;
+    std::vector<wzStatus> status(kJobs, 99);
+    for (int i = 0; i < kJobs; ++i) threads.emplace_back([&, i] { status[i] = job(i, par[i]); });
+    for (auto &t : threads) t.join();
+    for (int i = 0; i < kJobs; ++i) EXPECT_TRUE(status[i] == 0u && par[i] == seq[i]) << "job " << i;
 }
