@@ -30,15 +30,16 @@ struct Op {
 
 }  // namespace
 
-// A random mask, an empty one or none: the 8-bit profile (a 16-bit sample v
-// in bin (v + 128) / 257), the deep profile of the channels (bin v, or 257 v
-// for an 8-bit sample), the totals of the deep profiles in the other spaces
-// and the contrast statistics (brightness, the largest of channels 1..3,
-// binned likewise; total the number selected) against plain loops.
+// A random mask, an empty one or none, every encoding: the 8-bit profile
+// (channel c in array 3 - c; a 16-bit sample v in bin (v + 128) / 257), the
+// deep profile of the channels (bin v, or 257 v for an 8-bit sample), the
+// totals of the deep profiles in the other spaces and the contrast
+// statistics (brightness, the largest of channels 1..3, binned likewise;
+// total the number selected) against plain loops.
 TEST(ExtMasks, StatisticsCountTheSelectedPixels) {
     std::mt19937 rng(3);
     for (uint32_t type : {wzType8U, wzType16U})
-        for (uint32_t enc : {wzEncodingGray, wzEncodingBGR, wzEncodingRGBA})
+        for (uint32_t enc : kAllEncodings)
             for (double share : {0.0, 0.4, 1.0}) {  // 1: no mask
                 SCOPED_TRACE(testing::Message()
                              << "type " << type << " encoding " << enc << " share " << share);
