@@ -61,18 +61,18 @@ wzStatus match(const wzHistogramMatchParams &p, const wzHistogramMatchOptions *o
 
 }  // namespace
 
-// Every level u of a 16-bit gray ramp matched to a photograph's 8-bit
-// profile at fidelity 1 has the share (u + 0.5) / 65536 and goes to the
+// Every level u of a 16-bit gray ramp matched to an uneven 8-bit profile
+// at fidelity 1 has the share (u + 0.5) / 65536 and goes to the
 // point of the target's piecewise linear distribution (8-bit bin k spread
 // over 257 k - 128.5 .. 257 k + 128.5) at that share, rounded; at strength
 // 0.5 halfway from u to there. maxStep 3 bounds the rise over any 257
 // levels to 3 * 257. At fidelity 0.9 the result still rises along the ramp
 // through 4096 levels or more.
 TEST(ExtDeep, RampFollowsThePiecewiseLinearTarget) {
-    ImagePtr photo = ext::photo("chelsea.png");
-    if (!photo) GTEST_SKIP() << "built without PNG support";
-    wzImageColorProfile target;
-    ASSERT_EQ(wzImageFillColorProfile(photo.get(), &target), 0u);
+    std::mt19937 rng(8);
+    wzImageColorProfile target{};
+    for (int k = 0; k < 256; ++k)  // uneven counts, and every third stretch of 16 levels empty
+        target.bins[2][k] = k / 16 % 3 == 1 ? 0.0f : float(1 + rng() % 3000);
     ImagePtr ramp = ramp16(), out = ramp16();
     const float *t = target.bins[2];  // a gray picture matches channel 1
     std::vector<double> cum(257), want(65536);
