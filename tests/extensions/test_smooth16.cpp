@@ -51,14 +51,17 @@ ImagePtr grid3x3(int centre, int around) {
 // eight 0s, guide 0 among 499s: each pair has d = 499, e = 1000 > 998, so
 // the centre gets (1000 + 8 * (0 - 499)) / 9 = -332 -> 0 and each
 // neighbour (0 + 1000 + 499) / 2 = 749; mirrored, 592807 / 9 -> 65535 and
-// 129571 / 2 = 64785. Then random pictures (gray, BGR, RGBA, single rows
+// 129571 / 2 = 64785; with guide steps of 500, e = 2d is not more than
+// 2d and nothing changes. Then random pictures (gray, BGR, RGBA, single rows
 // and columns too) of large steps under random guides, now and then with a
 // threshold below one level or no passes (copies): the plain loop, separate
 // and in place, a fourth channel left as it was.
 TEST(ExtSmooth16, FollowsThePlainRule) {
     const wzSelectiveSmoothParams one{0.01f, 1};
     for (auto [centre, around, gc, ga, wantCentre, wantAround] :
-         {std::tuple{1000, 0, 0, 499, 0, 749}, {64535, 65535, 499, 0, 65535, 64785}}) {
+         {std::tuple{1000, 0, 0, 499, 0, 749},
+          {64535, 65535, 499, 0, 65535, 64785},
+          {1000, 0, 0, 500, 1000, 0}}) {
         ImagePtr in = grid3x3(centre, around), guide = grid3x3(gc, ga), out = grid3x3(7, 7);
         ASSERT_EQ(wzSelectiveSmooth16(&one, guide.get(), in.get(), out.get(), nullptr), 0u);
         for (int i = 0; i < 9; ++i)
