@@ -143,18 +143,6 @@ TEST_F(Pipeline, TheStagesComposedByHand) {
               std::make_tuple(0, 0, 30, 20));
 }
 
-TEST_F(Pipeline, CancelAndStageFailuresPassThrough) {
-    const uint32_t cancel = 1;
-    ImagePtr dst = makeImage(23, 17, wzEncodingBGR),
-             wide = makeImage(23, 17, wzEncodingBGR, wzType16U);
-    std::memset(dst->data, 7, blockBytes(dst.get()));
-    EXPECT_EQ(run(source.get(), mask.get(), dst.get(), &cancel), 2u);
-    EXPECT_EQ(snapshot(dst.get()), std::vector<uint8_t>(blockBytes(dst.get()), 7));
-    params->smoothEnabled = 1;  // with a copy made, which must still be released
-    EXPECT_EQ(run(source.get(), mask.get(), dst.get(), &cancel), 2u);
-    EXPECT_EQ(run(source.get(), nullptr, wide.get()), 1u);  // the matching stage refuses 16 bits
-}
-
 // The host calls refuse before wzMorvenInit and after wzMorvenDispose
 // (twice). In between, the transfer is the pipeline on the reference's
 // profile, separate and in place, and the smoothing the smoothing filter, in
