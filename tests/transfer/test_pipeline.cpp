@@ -6,10 +6,9 @@
 #include <thread>
 #include <tuple>
 
-#include "morven/transfer.h"
-#include "support/image_fixtures.hpp"
+#include "extensions/ext_support.hpp"
 
-using namespace morven_test;
+using namespace ext;
 
 namespace {
 
@@ -32,11 +31,6 @@ protected:
         wzHistogramTransferParamsRelease(&params);
     }
 
-    ImagePtr clone(const wzImage *img) {
-        ImagePtr out(wzImageCreateAs(img));
-        std::memcpy(out->data, img->data, blockBytes(img));
-        return out;
-    }
     wzStatus run(wzImage *src, const wzImage *m, wzImage *dst, const uint32_t *cancel = nullptr) {
         return wzHistogramTransferFilter(params, support, src, m, dst, cancel);
     }
