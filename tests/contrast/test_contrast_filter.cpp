@@ -79,6 +79,7 @@ TEST(ContrastApply, ChannelsMatchedByNumberRefusalsAndCancel) {
                         {bad.get(), gray.get()}}) {
         EXPECT_EQ(wzContrastEnhanceApply(curve, s, d, nullptr), 1u);
         EXPECT_EQ(filter(s, nullptr, d), 1u);
+        EXPECT_EQ(filter(s, gray.get(), d), 1u);  // with a mask the blend is never reached
     }
     bad->encoding = wzEncodingGray;
     EXPECT_EQ(snapshot(gray.get()), std::vector<uint8_t>(24, 3));
