@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <memory>
 
 #ifdef MORVEN_BENCH_HAVE_OPENCV
 #include <opencv2/core.hpp>
@@ -212,6 +214,119 @@ void transfer(double mp) {
     }
 }
 
+// Where the transfer's time goes: its stages one at a time on one picture
+// (the coffee photograph when it is among the pictures), each on the whole
+// picture and on a strip of eight rows that stays in the processor's cache,
+// run over and over until it has covered as many pixels. A stage whose
+// cached time is close to its whole-picture time is bound by its own
+// computation: no prefetching or streaming would shorten it. (In the
+// transfer the brightness is counted from rows just written, in cache.)
+struct Stage {
+    const char *code;
+    const char *operation;
+    // The stage over rows [0, rows) of the picture; returns a library status.
+    std::function<uint32_t(const Picture &, int32_t rows)> run;
+};
+
+struct StageData {
+    uint8_t table[768] = {};
+    uint8_t curve[256] = {};
+    std::vector<uint8_t> out;
+    wzImageColorProfile *profile = wzImageColorProfileCreate();
+    wzHistogramMatchStats *match = wzHistogramMatchStatsCreate();
+    wzContrastEnhanceStats *contrast = wzContrastEnhanceStatsCreate();
+    ~StageData() {
+        wzImageColorProfileRelease(&profile);
+        wzHistogramMatchStatsRelease(&match);
+        wzContrastEnhanceStatsRelease(&contrast);
+    }
+    // The match table and the contrast curve the transfer would use.
+    bool prepare(const Picture &p) {
+        out = p.transferred;
+        Header matched(p.width, p.height, wzEncodingBGR, wzType8U, out.data());
+        wzContrastEnhanceParams *params = wzContrastEnhanceParamsDefault();
+        const bool ok = profile && match && contrast && params && matched && matchTable(p, table) &&
+                        wzContrastEnhanceStatsRetrieve(contrast, matched.get(), nullptr) == 0;
+        if (ok) wzContrastEnhanceAddParamsCompute(contrast, params, curve);
+        wzContrastEnhanceParamsRelease(&params);
+        return ok;
+    }
+};
+
+uint32_t onRows(const Picture &p, int32_t rows, const uint8_t *px,
+                const std::function<uint32_t(const wzImage *)> &op) {
+    Header h(p.width, rows, wzEncodingBGR, wzType8U, px);
+    return h ? op(h.get()) : 1u;
+}
+
+void transferStages() {
+    const double mp = kTargetMegapixels;
+    const Dimensions d = dimensionsFor(mp);
+    const Group g("stages", mp, 3.0 * d.width * d.height);
+    const auto &all = scenes();
+    const Scene scene =
+        std::find(all.begin(), all.end(), Scene::Coffee) != all.end() ? Scene::Coffee : all.front();
+    auto data = std::make_shared<StageData>();
+    const Stage stages[] = {
+        {"profile", "stage: reference profile",
+         [data](const Picture &p, int32_t rows) {
+             return onRows(p, rows, p.reference.data(), [&](const wzImage *img) {
+                 return uint32_t(wzImageFillColorProfile(img, data->profile));
+             });
+         }},
+        {"stats", "stage: source statistics",
+         [data](const Picture &p, int32_t rows) {
+             return onRows(p, rows, p.source.data(), [&](const wzImage *img) {
+                 return uint32_t(wzHistogramMatchStatsRetrieve(data->match, img));
+             });
+         }},
+        {"apply", "stage: match look-up",
+         [data](const Picture &p, int32_t rows) {
+             Header dst(p.width, rows, wzEncodingBGR, wzType8U, data->out.data());
+             return onRows(p, rows, p.source.data(), [&](const wzImage *img) {
+                 return uint32_t(
+                     wzHistogramMatchApply(nullptr, data->table, img, dst.get(), nullptr));
+             });
+         }},
+        {"brightness", "stage: brightness histogram",
+         [data](const Picture &p, int32_t rows) {
+             return onRows(p, rows, data->out.data(), [&](const wzImage *img) {
+                 return uint32_t(wzContrastEnhanceStatsRetrieve(data->contrast, img, nullptr));
+             });
+         }},
+        {"curve", "stage: contrast curve, in place",
+         [data](const Picture &p, int32_t rows) {
+             Header io(p.width, rows, wzEncodingBGR, wzType8U, data->out.data());
+             return io ? uint32_t(wzContrastEnhanceApply(data->curve, io.get(), io.get(), nullptr))
+                       : 1u;
+         }},
+    };
+    constexpr int32_t kStripRows = 8;
+    for (const Stage &stage : stages)
+        for (int cached = 0; cached < 2; ++cached) {
+            Case c = g.make(
+                (std::string(stage.code) + (cached ? "-cached@" : "@") + sceneLabel(scene)).c_str(),
+                std::string(stage.operation) + (cached ? ", cached strip" : ""));
+            c.picture = sceneLabel(scene);
+            c.yardsticks.push_back({g.memcpyKey, 0.0});
+            addCase(c, [mp, scene, data, cached, run = stage.run,
+                        code = stage.code](benchmark::State &state) {
+                const Picture &p = picture(mp, scene);
+                if (!data->prepare(p)) state.SkipWithError("set-up failed");
+                const int32_t rows = cached ? kStripRows : p.height;
+                const int32_t calls = p.height / rows;
+                timeCalls(
+                    state, data->out.data(),
+                    [&] {
+                        uint32_t status = 0;
+                        for (int32_t k = 0; k < calls && status == 0; ++k) status = run(p, rows);
+                        return status;
+                    },
+                    code);
+            });
+        }
+}
+
 void toGray(double mp) {
     const Dimensions d = dimensionsFor(mp);
     Group g("gray", mp, 3.0 * d.width * d.height);
@@ -350,6 +465,8 @@ void registerImageBenchmarks(const std::vector<double> &megapixels) {
     for (double mp : megapixels) profileFill(mp);
     for (double mp : megapixels) matchApply(mp);
     for (double mp : megapixels) transfer(mp);
+    if (std::find(megapixels.begin(), megapixels.end(), kTargetMegapixels) != megapixels.end())
+        transferStages();
     for (double mp : megapixels) toGray(mp);
     for (double mp : megapixels) smooth(mp);
     for (const Conversion &conv : kConversions)

@@ -25,6 +25,22 @@ def deep(picture, seed=0):
     return np.clip(picture.astype(np.int32) * 257 + noise, 0, 65535).astype(np.uint16)
 
 
+def pair(photos, kind, source="coffee", reference="chelsea"):
+    """(source, reference, order) of one kind of picture: RGB, BGR, RGBA (random
+    alpha), gray, gray+colour (a gray source), RGB16 or gray16."""
+    src, ref = photos[source], photos[reference]
+    gray = lambda p: p.mean(axis=2).astype(np.uint8)
+    alpha = lambda: np.random.default_rng(1).integers(0, 256, src.shape[:2], dtype=np.uint8)
+    make = {"BGR": lambda: (src[..., ::-1], ref[..., ::-1], "BGR"),
+            "RGBA": lambda: (np.dstack([src, alpha()]), ref, "RGB"),
+            "gray": lambda: (gray(src), gray(ref), "RGB"),
+            "gray+colour": lambda: (gray(src), ref, "RGB"),
+            "RGB16": lambda: (deep(src), deep(ref, 1), "RGB"),
+            "gray16": lambda: (deep(gray(src)), deep(gray(ref), 1), "RGB")}
+    source, reference, order = make.get(kind, lambda: (src, ref, "RGB"))()
+    return np.ascontiguousarray(source), np.ascontiguousarray(reference), order
+
+
 class Image(C.Structure):
     _fields_ = [("type", C.c_uint32), ("encoding", C.c_uint32), ("height", C.c_int32), ("width", C.c_int32),
                 ("data", C.c_void_p), ("roi", C.c_int32 * 4), ("coi", C.c_int32)]
@@ -101,7 +117,7 @@ class Library:
         assert status in (0, 3)
         return dst
 
-    def filter(self, name, image, encoding="RGB", mask=None, **kw):
+    def filter(self, name, image, guide=None, encoding="RGB", mask=None, **kw):
         """equalize, stretch, contrast or smooth, as the C functions run them."""
         out = np.empty_like(image)
         src, dst, stats = self.header(image, encoding), self.header(out, encoding), self.header(mask)
@@ -114,14 +130,12 @@ class Library:
             self.lib.wzContrastEnhanceFilterMasked(C.byref(params), src, stats, None, dst, None)
         else:
             params = SmoothParams(kw.get("threshold", 0.1), kw.get("iterations", 2))
-            guide = self.header(kw["guide"], encoding)
+            guide = self.header(guide, encoding)
             if image.dtype == np.uint16:
                 self.lib.wzSelectiveSmooth16(C.byref(params), guide, src, dst, None)
-            elif image.ndim == 2:
-                self.lib.wzSelectiveSmoothGray(C.byref(params), C.c_void_p(self.smooth_support), guide, src, dst,
-                                               None)
             else:
-                self.lib.wzSelectiveSmooth(C.byref(params), C.c_void_p(self.smooth_support), guide, src, dst, None)
+                smooth = self.lib.wzSelectiveSmoothGray if image.ndim == 2 else self.lib.wzSelectiveSmooth
+                smooth(C.byref(params), C.c_void_p(self.smooth_support), guide, src, dst, None)
         return out
 
 

@@ -5,26 +5,12 @@ import threading
 
 import numpy as np
 import pytest
-from conftest import deep
+from conftest import pair
 
 import morven
 
 da = pytest.importorskip("dask.array")
 import morven.dask as mdask  # noqa: E402
-
-
-def picture(photos, kind):
-    src, ref = photos["astronaut"], photos["coffee"]
-    if kind == "RGBA":
-        alpha = np.random.default_rng(2).integers(0, 256, src.shape[:2], dtype=np.uint8)
-        return np.ascontiguousarray(np.dstack([src, alpha])), ref
-    if kind == "gray":
-        return np.ascontiguousarray(src[..., 1]), np.ascontiguousarray(ref[..., 0])
-    if kind == "RGB16":
-        return deep(src), deep(ref, 1)
-    if kind == "gray16":
-        return deep(np.ascontiguousarray(src[..., 2])), deep(np.ascontiguousarray(ref[..., 2]), 1)
-    return src, ref
 
 
 # kind, chunks (none divides 512 x 512), options
@@ -42,7 +28,7 @@ CASES = [
 
 @pytest.mark.parametrize("kind,chunks,options", CASES)
 def test_chunked_transfer_equals_single_call(photos, kind, chunks, options):
-    source, reference = picture(photos, kind)
+    source, reference, _ = pair(photos, kind, "astronaut", "coffee")
     options = dict(options)
     how = options.pop("reference", "picture")
     rng = np.random.default_rng(7)
@@ -55,8 +41,9 @@ def test_chunked_transfer_equals_single_call(photos, kind, chunks, options):
         reference = da.from_array(reference, chunks=(45, 80) + reference.shape[2:])
     elif how == "profile":
         reference = morven.profile(reference, space=options.get("space", "rgb"))
-    result = mdask.transfer(da.from_array(source, chunks=chunks + source.shape[2:]), reference, **options)
-    assert isinstance(result, da.Array) and result.chunks[:2] == da.from_array(source, chunks=chunks + source.shape[2:]).chunks[:2]
+    array = da.from_array(source, chunks=chunks + source.shape[2:])
+    result = mdask.transfer(array, reference, **options)
+    assert isinstance(result, da.Array) and result.chunks[:2] == array.chunks[:2]
     assert np.array_equal(result.compute(), expected)
 
 
@@ -113,14 +100,3 @@ def test_no_pixels_warns_when_computed(photos):
 def test_refusals(array, kwargs, error, message):
     with pytest.raises(error, match=message):
         mdask.transfer(array, np.full((4, 4, 3), 9, np.uint8), **kwargs)
-
-
-def test_runs_on_a_distributed_cluster(photos):
-    distributed = pytest.importorskip("distributed")
-    source = deep(photos["coffee"])
-    expected = morven.transfer(source, photos["chelsea"], space="lab", contrast=True, smooth=True)
-    with distributed.LocalCluster(n_workers=1, threads_per_worker=2, processes=True, dashboard_address=None) as c, \
-            distributed.Client(c):
-        result = mdask.transfer(da.from_array(source, chunks=(150, 250, 3)), photos["chelsea"], space="lab",
-                                contrast=True, smooth=True).compute()
-    assert np.array_equal(result, expected)

@@ -15,7 +15,7 @@ import sys
 
 import numpy as np
 import pytest
-from conftest import DATA
+from conftest import DATA, deep
 
 import morven
 
@@ -91,14 +91,13 @@ def start(args, log):
 
 
 def stop(process):
-    for sig, grace in ((signal.SIGTERM, 5), (signal.SIGKILL, 5)):
-        if process.poll() is not None:
-            return
-        os.killpg(process.pid, sig)
-        try:
-            process.wait(grace)
-        except subprocess.TimeoutExpired:
-            pass
+    for sig in (signal.SIGTERM, signal.SIGKILL):
+        if process.poll() is None:
+            os.killpg(process.pid, sig)
+            try:
+                process.wait(5)
+            except subprocess.TimeoutExpired:
+                pass
 
 
 @pytest.fixture(scope="module")
@@ -191,6 +190,16 @@ def test_batch_on_the_cluster_equals_the_tool(pictures, cluster, tmp_path, tmp_p
     if not options:  # with the defaults, the corrupt file alone fails
         assert failed == {str(folder / "broken.png")}
         assert all(r.timings["decode"] > 0 for r in batch.results if r.status == "written")
+
+
+def test_chunked_transfer_on_the_cluster(photos, cluster):
+    """morven.dask.transfer's tasks, run by the worker processes, give the single call's result."""
+    da = pytest.importorskip("dask.array")
+    source, reference = deep(photos["coffee"]), photos["chelsea"]
+    expected = morven.transfer(source, reference, space="lab", contrast=True, smooth=True)
+    result = mdask.transfer(da.from_array(source, chunks=(150, 250, 3)), reference, space="lab", contrast=True,
+                            smooth=True)
+    assert np.array_equal(cluster[1].compute(result).result(), expected)
 
 
 def test_command_line(pictures, cluster, tmp_path, tmp_path_factory):

@@ -23,16 +23,10 @@ static void expect(const char *what, unsigned long actual, unsigned long expecte
     expect("offsetof(" #T ", " #f ")", (unsigned long)offsetof(T, f), (n))
 #define EXPECT_VALUE(name, n) expect(#name, (unsigned long)(name), (n))
 
-static int32_t readInt32(const wzImage *image, size_t offset) {
-    int32_t v;
-    memcpy(&v, (const unsigned char *)image + offset, sizeof v);
-    return v;
-}
-
 int main(void) {
     wzImage *header;
-    uint8_t block[2 * 3 * 3];
     wzRect roi = {1, 2, 1, 1};
+    wzSize size;
     char version[40];
 
     /* Scalar types of the interface. */
@@ -61,14 +55,9 @@ int main(void) {
     EXPECT_OFFSET(wzImage, height, 8);
     EXPECT_OFFSET(wzImage, width, 12);
     EXPECT_OFFSET(wzImage, data, 16);
-    if (sizeof(void *) == 8) {
-        EXPECT_SIZE(wzImage, 48);
-        EXPECT_OFFSET(wzImage, roi, 24);
-        EXPECT_OFFSET(wzImage, coi, 40);
-    } else {
-        fprintf(stderr, "note: %u-bit pointers, 64-bit layout of wzImage not checked\n",
-                (unsigned)(sizeof(void *) * 8));
-    }
+    EXPECT_OFFSET(wzImage, roi, 16 + sizeof(void *));
+    EXPECT_OFFSET(wzImage, coi, 32 + sizeof(void *));
+    EXPECT_SIZE(wzImage, 32 + 2 * sizeof(void *));
 
     /* Element types and encodings. */
     EXPECT_VALUE(wzType8U, 0);
@@ -129,28 +118,21 @@ int main(void) {
         fprintf(stderr, "FAIL wzImageCreateHeaderWithType returned null\n");
         return 1;
     }
-    expect("type field", (unsigned long)readInt32(header, 0), wzType16U);
-    expect("encoding field", (unsigned long)readInt32(header, 4), wzEncodingRGBA);
-    expect("height field", (unsigned long)readInt32(header, 8), 480);
-    expect("width field", (unsigned long)readInt32(header, 12), 640);
-    expect("roi.width field", (unsigned long)readInt32(header, offsetof(wzImage, roi) + 8), 640);
-    expect("roi.height field", (unsigned long)readInt32(header, offsetof(wzImage, roi) + 12), 480);
+    expect("type field", header->type, wzType16U);
+    expect("encoding field", header->encoding, wzEncodingRGBA);
+    expect("height field", (unsigned long)header->height, 480);
+    expect("width field", (unsigned long)header->width, 640);
+    expect("roi.width field", (unsigned long)header->roi.width, 640);
+    expect("roi.height field", (unsigned long)header->roi.height, 480);
     expect("data is null", header->data == NULL, 1);
     wzImageSetROI(header, &roi);
     wzImageSetCOI(header, 3);
-    expect("roi.x after set", (unsigned long)readInt32(header, offsetof(wzImage, roi)), 1);
-    expect("roi.y after set", (unsigned long)readInt32(header, offsetof(wzImage, roi) + 4), 2);
-    expect("coi after set", (unsigned long)readInt32(header, offsetof(wzImage, coi)), 3);
-    header->width = 2;
-    header->height = 3;
-    header->encoding = wzEncodingBGR;
-    header->data = block;
-    {
-        /* wzSize is returned by value: width first. */
-        wzSize size = wzImageSize(header);
-        expect("wzImageSize width", (unsigned long)size.width, 2);
-        expect("wzImageSize height", (unsigned long)size.height, 3);
-    }
+    expect("roi.x after set", (unsigned long)header->roi.x, 1);
+    expect("roi.y after set", (unsigned long)header->roi.y, 2);
+    expect("coi after set", (unsigned long)header->coi, 3);
+    size = wzImageSize(header); /* returned by value: width first */
+    expect("wzImageSize width", (unsigned long)size.width, 640);
+    expect("wzImageSize height", (unsigned long)size.height, 480);
     wzImageReleaseHeader(&header);
     expect("pointer cleared by wzImageReleaseHeader", header == NULL, 1);
 

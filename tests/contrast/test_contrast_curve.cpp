@@ -61,8 +61,8 @@ TEST(ContrastCurve, WorkedCurves) {
     // 1000 pixels with the default record (tails 9 and 4): lowCount 4,
     // highCount 9; the sum from below first exceeds 4 at 11, from above 9 at
     // 240. 229 * (255 / 229) falls just short of 255 in float. An empty
-    // record gives low 255, high 0 (the inversion); one brightness b gives
-    // low = high = b; zero tails give the occupied range 20..90.
+    // record gives low 255, high 0 (the inversion); zero tails give the
+    // occupied range 20..90. Equal levels are left to the randomized check.
     wzContrastEnhanceParams *defaults = wzContrastEnhanceParamsDefault();
     ASSERT_NE(defaults, nullptr);
     const wzContrastEnhanceParams dflt = *defaults, noTails{0.0f, 0.0f, 0, 255, 0};
@@ -81,15 +81,11 @@ TEST(ContrastCurve, WorkedCurves) {
          dflt,
          {{0, 0}, {11, 0}, {12, 1}, {100, 99}, {239, 253}, {240, 254}, {241, 255}, {255, 255}}},
         {statsOf(35.0f, {}), dflt, {{0, 255}, {1, 254}, {128, 127}, {255, 0}}},
-        {statsOf(64.0f, {{17, 64.0f}}), dflt, {{0, 0}, {17, 0}, {18, 255}, {255, 255}}},
-        {statsOf(64.0f, {{0, 64.0f}}), dflt, {{0, 0}, {1, 255}}},
-        {statsOf(64.0f, {{255, 64.0f}}), dflt, {{0, 0}, {254, 0}, {255, 0}}},
         {statsOf(6.0f, {{20, 1.0f}, {71, 1.0f}, {90, 4.0f}}),
          noTails,
          {{19, 0}, {20, 0}, {21, 3}, {55, 127}, {89, 251}, {90, 255}, {91, 255}}},
-        // Manual levels ignore the histogram: 0/255 is the identity, 50/100
-        // halves at 75 (127.5), reversed levels give a falling line.
-        {manualStats, {9.0f, 4.0f, 1, 255, 0}, {{0, 0}, {3, 3}, {77, 77}, {255, 255}}},
+        // Manual levels ignore the histogram: 50/100 halves at 75 (127.5),
+        // reversed levels give a falling line.
         {manualStats,
          {9.0f, 4.0f, 1, 100, 50},
          {{40, 0}, {50, 0}, {51, 5}, {75, 127}, {100, 255}, {120, 255}}},
@@ -127,51 +123,34 @@ TEST(ContrastCurve, RandomHistogramsMatchReference) {
     }
 }
 
-// The histogram of the whole image (roi ignored): the value of a gray pixel,
-// the largest of channels 1..3 of a colour one (alpha never counts); update
-// adds the bins and keeps the receiving total; init clears. Counts grow by
-// 1.0f, so a bin stops at 2^24. An encoding without channel count leaves a
-// cleared record with status 1; cancellation gives 2.
-TEST(ContrastStats, BrightnessHistogramUpdateInitStatuses) {
-    std::mt19937 rng(7);
-    wzContrastEnhanceStats *all = wzContrastEnhanceStatsCreate(), s;
-    auto hist = [](const wzContrastEnhanceStats *r) {
-        return std::vector<float>(r->hist, r->hist + 256);
-    };
-    *all = wzContrastEnhanceStats{};
-    std::vector<float> sum(256, 0.0f);
-    const uint32_t clear = 0, set = 1;
-    for (uint32_t enc : kAllEncodings) {
-        ImagePtr img = makeImage(13, 9, enc);
-        fillRandom(img.get(), rng);
-        img->roi = {2, 2, 3, 3};
-        for (int i = 0; i < 117; ++i) {
-            auto ch = [&](int c) { return static_cast<int>(*at(img.get(), i % 13, i / 13, c)); };
-            if (enc >= wzEncodingARGB) *at(img.get(), i % 13, i / 13, 4) = 255;
-            sum[enc == wzEncodingGray ? ch(1) : std::max({ch(1), ch(2), ch(3)})] += 1.0f;
-        }
-        std::memset(&s, 0x55, sizeof s);
-        ASSERT_EQ(wzContrastEnhanceStatsRetrieve(&s, img.get(), &clear), 0u);
-        EXPECT_EQ(s.total, 117.0f);
-        wzContrastEnhanceStatsUpdate(&s, all);
-        EXPECT_EQ(wzContrastEnhanceStatsRetrieve(&s, img.get(), &set), 2u);
-    }
-    EXPECT_EQ(hist(all), sum);
-    EXPECT_EQ(all->total, 0.0f);
+// The histogram itself is held against plain counting in the kernel suite.
+// Update adds the bins and keeps the receiving total; init clears; counts
+// grow by 1.0f, so a bin stops at 2^24. An encoding without channel count
+// leaves a cleared record with status 1; cancellation gives 2.
+TEST(ContrastStats, UpdateInitStatusesAndSaturation) {
+    wzContrastEnhanceStats from = statsOf(5.0f, {{3, 2.0f}, {255, 1.0f}}),
+                           *into = wzContrastEnhanceStatsCreate();
+    *into = statsOf(7.0f, {{3, 1.0f}, {9, 4.0f}});
+    wzContrastEnhanceStatsUpdate(&from, into);
+    const wzContrastEnhanceStats want = statsOf(7.0f, {{3, 3.0f}, {9, 4.0f}, {255, 1.0f}});
+    EXPECT_EQ(0, std::memcmp(into, &want, sizeof want));
     ImagePtr img = makeImage(7, 5, wzEncodingBGR), big = makeImage(4097, 4097, wzEncodingGray);
-    wzContrastEnhanceStatsInit(all, img.get());
-    EXPECT_EQ(all->total, 35.0f);
-    EXPECT_EQ(hist(all), std::vector<float>(256, 0.0f));
-    img->encoding = 5;
-    std::memset(all, 0x55, sizeof *all);
-    EXPECT_EQ(wzContrastEnhanceStatsRetrieve(all, img.get(), nullptr), 1u);
-    EXPECT_EQ(hist(all), std::vector<float>(256, 0.0f));
-    EXPECT_EQ(all->total, 35.0f);
-    wzContrastEnhanceStatsRelease(&all);
-    wzContrastEnhanceStatsRelease(&all);
-    EXPECT_EQ(all, nullptr);
+    wzContrastEnhanceStatsInit(into, img.get());
+    const wzContrastEnhanceStats cleared = statsOf(35.0f, {});
+    EXPECT_EQ(0, std::memcmp(into, &cleared, sizeof cleared));
+    const uint32_t set = 1;
+    for (uint32_t enc : {uint32_t{wzEncodingGray}, uint32_t{wzEncodingBGR}, uint32_t{5}}) {
+        img->encoding = enc;
+        std::memset(into, 0x55, sizeof *into);
+        EXPECT_EQ(wzContrastEnhanceStatsRetrieve(into, img.get(), &set), enc == 5 ? 1u : 2u);
+        EXPECT_TRUE(enc != 5 || std::memcmp(into, &cleared, sizeof cleared) == 0);
+    }
+    wzContrastEnhanceStatsRelease(&into);
+    wzContrastEnhanceStatsRelease(&into);
+    EXPECT_EQ(into, nullptr);
     std::memset(big->data, 0, blockBytes(big.get()));
     big->data[0] = 1;
+    wzContrastEnhanceStats s;
     ASSERT_EQ(wzContrastEnhanceStatsRetrieve(&s, big.get(), nullptr), 0u);
     EXPECT_EQ(std::make_pair(s.hist[0], s.hist[1]), std::make_pair(16777216.0f, 1.0f));
 }

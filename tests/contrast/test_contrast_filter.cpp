@@ -79,6 +79,7 @@ TEST(ContrastApply, ChannelsMatchedByNumberRefusalsAndCancel) {
                         {bad.get(), gray.get()}}) {
         EXPECT_EQ(wzContrastEnhanceApply(curve, s, d, nullptr), 1u);
         EXPECT_EQ(filter(s, nullptr, d), 1u);
+        EXPECT_EQ(filter(s, gray.get(), d), 1u);  // with a mask the blend is never reached
     }
     bad->encoding = wzEncodingGray;
     EXPECT_EQ(snapshot(gray.get()), std::vector<uint8_t>(24, 3));
@@ -88,7 +89,7 @@ TEST(ContrastApply, ChannelsMatchedByNumberRefusalsAndCancel) {
 
 // The worked example in colour (the brightest channel carries the level;
 // alpha survives) without a mask, then masks of 255 and 0, separate and in
-// place; a uniform image turns black, whatever its level.
+// place. (A uniform image turning black is a curve property, checked there.)
 TEST(ContrastFilter, WorkedImageWithMasksInPlaceAndSeparate) {
     ImagePtr gray = thousandPixels(), src = makeImage(40, 25, wzEncodingRGBA);
     for (int i = 0; i < 1000; ++i) {
@@ -110,11 +111,6 @@ TEST(ContrastFilter, WorkedImageWithMasksInPlaceAndSeparate) {
             ASSERT_EQ(filter(inPlace ? out.get() : src.get(), m, out.get()), 0u);
             EXPECT_EQ(snapshot(out.get()), snapshot(want)) << "in place " << inPlace;
         }
-    for (uint8_t b : {0, 77, 255}) {
-        ImagePtr u = filledImage(5, 4, wzEncodingBGR, b);
-        ASSERT_EQ(filter(u.get(), nullptr, u.get()), 0u);
-        EXPECT_EQ(snapshot(u.get()), std::vector<uint8_t>(60, 0)) << int(b);
-    }
     // Gray in place with a mask of 0 over a roi: the blend (and, a choice of
     // this library, the copy) covers the roi alone; outside it, enhanced.
     const std::vector<uint8_t> before = snapshot(gray.get());

@@ -1,18 +1,14 @@
 // Helpers of the extension tests: 8- and 16-bit samples, masks, deep
-// profiles, photographs.
+// profiles.
 #pragma once
 
 #include <cstring>
 #include <memory>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "morven/morven.h"
 #include "support/image_fixtures.hpp"
-#ifdef MORVEN_TEST_HAVE_PNG
-#include <png.h>
-#endif
 
 namespace ext {
 
@@ -69,23 +65,6 @@ inline Profile16Ptr profile16(const wzImage *img, int32_t space, const wzImage *
     Profile16Ptr p(wzImageColorProfile16Create());
     if (p && wzImageFillColorProfile16(img, mask, space, p.get()) != 0) p.reset();
     return p;
-}
-
-// A photograph of data/images as 8-bit BGR, or null without PNG support.
-inline ImagePtr photo(const char *name) {
-#ifdef MORVEN_TEST_HAVE_PNG
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image,
-                                        (std::string(MORVEN_TEST_DATA_DIR) + "/" + name).c_str()))
-        return nullptr;
-    image.format = PNG_FORMAT_BGR;
-    ImagePtr img = makeImage(int(image.width), int(image.height), wzEncodingBGR);
-    return png_image_finish_read(&image, nullptr, img->data, 0, nullptr) ? std::move(img) : nullptr;
-#else
-    (void)name;
-    return nullptr;
-#endif
 }
 
 }  // namespace ext

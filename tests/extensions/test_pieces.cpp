@@ -77,29 +77,3 @@ TEST(ExtPieces, TilesGiveTheOneCallResult) {
     EXPECT_EQ(wzContrastEnhanceApply16(curve.data(), bottom.get(), bottom.get(), nullptr), 0u);
     EXPECT_EQ(snapshot(tiled.get()), snapshot(expected.get()));
 }
-
-// A flag set before the call stops every extended filter before it writes,
-// and the gathering of masked or 16-bit contrast statistics.
-TEST(ExtPieces, SetCancelFlagWritesNothing) {
-    std::mt19937 rng(9);
-    const uint32_t cancel = 1;
-    ImagePtr src = randomImage(12, 8, wzEncodingBGR, wzType16U, rng),
-             ref = randomImage(12, 8, wzEncodingBGR, wzType16U, rng);
-    Profile16Ptr target = profile16(ref.get(), wzSpaceYCbCr);
-    ImagePtr dst = randomImage(12, 8, wzEncodingBGR, wzType16U, rng);
-    const Bytes before = snapshot(dst.get());
-    wzHistogramMatchParams params{1.0f, 0.9f, 0, 255, nullptr};
-    const wzHistogramMatchOptions options{wzSpaceYCbCr, 0, nullptr, target.get()};
-    EXPECT_EQ(wzHistogramMatchFilterWithOptions(&params, &options, src.get(), nullptr, dst.get(),
-                                                &cancel),
-              2u);
-    const wzSelectiveSmoothParams smooth{0.1f, 2};
-    EXPECT_EQ(wzSelectiveSmooth16(&smooth, src.get(), ref.get(), dst.get(), &cancel), 2u);
-    const wzContrastEnhanceParams contrast{9.0f, 4.0f, 0, 255, 0};
-    EXPECT_EQ(
-        wzContrastEnhanceFilterMasked(&contrast, src.get(), nullptr, nullptr, dst.get(), &cancel),
-        2u);
-    EXPECT_EQ(snapshot(dst.get()), before);
-    wzContrastEnhanceStats stats;
-    EXPECT_EQ(wzContrastEnhanceStatsRetrieveMasked(&stats, src.get(), nullptr, &cancel), 2u);
-}

@@ -1,5 +1,6 @@
-// Colour profiles: channel order, saturation, empty regions, normalisation,
-// the flat profile and the record's life.
+// Colour profiles: saturation, empty regions, normalisation, the flat
+// profile and the record's life. (Channel order under every encoding is
+// checked with the masked profiles in the extension tests.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,22 +11,6 @@
 #include "support/image_fixtures.hpp"
 
 using namespace morven_test;
-
-// Channel c lands in array 3 - c; channel 4 is never counted.
-TEST(ColorProfile, ChannelsLandInReversedArrays) {
-    const uint8_t memory[5][4] = {
-        {}, {10, 20, 30}, {30, 20, 10}, {200, 30, 20, 10}, {30, 20, 10, 200}};
-    for (uint32_t enc = wzEncodingBGR; enc <= wzEncodingRGBA; ++enc) {
-        ImagePtr img = makeImage(1, 1, enc);
-        std::memcpy(img->data, memory[enc], static_cast<size_t>(wzGetNChannelFromEncoding(enc)));
-        wzImageColorProfile p;
-        ASSERT_EQ(wzImageFillColorProfile(img.get(), &p), 0u);
-        for (int a = 0; a < 3; ++a)
-            for (int v = 0; v < 256; ++v)
-                ASSERT_EQ(p.bins[a][v], v == 30 - 10 * a ? 1.0f : 0.0f)
-                    << "encoding " << enc << " array " << a;
-    }
-}
 
 // Counts grow by 1.0f, so a bin stops at 2^24; an empty region replaces
 // stale counts by zeros. (Random regions against plain counting are in the

@@ -54,8 +54,7 @@ TEST(AddWeighted, RandomBlendsAndSubstitutionsMatchTheFormula) {
             setRoi(b.get(), 0, 2, 7, 6);
             setRoi(d.get(), 3, 3, 7, 6);
             setRoi(mask.get(), 5, 1, 7, 6);
-            const ImagePtr bCopy = makeImage(10, 8, e[1]);
-            std::memcpy(bCopy->data, b->data, blockBytes(b.get()));
+            const std::vector<uint8_t> bCopy = snapshot(b.get());
             std::vector<uint8_t> want = snapshot(dst);
             const int ox = op == Aliased ? 0 : 3, oy = op == Aliased ? 2 : 3;
             for (int y = 0; y < 6; ++y)
@@ -63,7 +62,7 @@ TEST(AddWeighted, RandomBlendsAndSubstitutionsMatchTheFormula) {
                     for (int c = 1; c <= 3; ++c) {  // a gray image has offset 0 for each
                         uint8_t &out = want[at(dst, x + ox, y + oy, c) - dst->data];
                         const uint8_t p = *at(a.get(), x + 2, y + 1, c),
-                                      q = *at(bCopy.get(), x, y + 2, c);
+                                      q = bCopy[at(b.get(), x, y + 2, c) - b->data];
                         if (op == Substitute)
                             out = q ? p : out;
                         else

@@ -83,8 +83,9 @@ std::vector<uint8_t> randomBlock(uint32_t t, int64_t n, std::mt19937 &rng) {
 
 }  // namespace
 
-// One-element images; the band of the range and threshold rows is [lo, hi].
-// Integer conversions shift and wrap, float ones truncate and saturate.
+// One-element images, for what the random blocks below never hold; the band
+// of the range and threshold rows is [lo, hi]. Float conversions truncate
+// and saturate; integer ones shift arithmetically.
 TEST(CvtType, WorkedValues) {
     const uint32_t u8 = wzType8U, u16 = wzType16U, s32 = wzType32S, f32 = wzType32F,
                    f64 = wzType64F;
@@ -96,14 +97,12 @@ TEST(CvtType, WorkedValues) {
         double lo, hi, want;
     } cases[] = {
         // clang-format off
-        {Cvt, u8, 255, u16, 0, 0, 65280},        {Cvt, f32, 0.999, u8, 0, 0, 254},
-        {Cvt, s32, 70000, u8, 0, 0, 17},         {Cvt, wzType32S24, -256, s32, 0, 0, -1},
+        {Cvt, f32, 0.999, u8, 0, 0, 254},        {Cvt, wzType32S24, -256, s32, 0, 0, -1},
         // Out-of-range floats saturate and NaN gives 0.
         {Cvt, f64, 1e10, u8, 0, 0, 255},         {Cvt, f64, -1e10, u8, 0, 0, 0},
         {Cvt, f64, kNaN, u8, 0, 0, 0},           {Cvt, f64, kNaN, s32, 0, 0, 0},
         {Cvt, f64, 1e10, s32, 0, 0, INT32_MAX},  {Cvt, f64, -1e10, s32, 0, 0, INT32_MIN},
-        {Range, u8, 100, u8, 50, 150, 127},      {Range, u8, 100, f32, 50, 150, 0.5},
-        {Cut, u8, 100, u16, 50, 150, 25700},     {Cut, u8, 151, u16, 50, 150, 65535},
+        {Range, u8, 100, u8, 50, 150, 127},      {Cut, u8, 100, u16, 50, 150, 25700},
         {Cut, u8, 20, u8, 150, 50, 0},           {Cut, u8, 100, u8, 150, 50, 255},  // low > high
         // NaN elements: 0 in integer destinations, NaN in float ones.
         {Range, f32, kNaN, u8, 0, 2, 0},         {Range, f32, kNaN, f32, 0, 2, kNaN},

@@ -3,6 +3,7 @@
 // shifted overlapping blocks against the element loop.
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "image/image_internal.hpp"
 #include "kernel_support.hpp"
@@ -47,30 +48,14 @@ void ruleElement(const Pair &p, const uint8_t *src, size_t i, uint8_t *out) {
 void fillSource(const Pair &p, uint8_t *src, size_t n, std::mt19937 &rng) {
     if (p.from != wzType32F) return fillBytes(src, n * p.fromSize, rng);
     const float edge = 2147483648.0f / 255.0f, inf = std::numeric_limits<float>::infinity(),
-                nan = std::numeric_limits<float>::quiet_NaN(), big = 1e30f;
-    const float specials[] = {0.0f,
-                              -0.0f,
-                              1.0f,
-                              0.999f,
-                              1.0f / 255.0f,
-                              0.5f,
-                              -0.5f,
-                              -1.0f,
-                              edge,
-                              -edge,
-                              std::nextafter(edge, 0.0f),
-                              std::nextafter(edge, big),
-                              std::nextafter(-edge, 0.0f),
-                              std::nextafter(-edge, -big),
-                              big,
-                              -big,
-                              inf,
-                              -inf,
-                              nan,
-                              -nan,
-                              std::numeric_limits<float>::denorm_min(),
-                              255.5f / 255.0f,
-                              256.0f / 255.0f};
+                nan = std::numeric_limits<float>::quiet_NaN(), big = 1e30f,
+                tiny = std::numeric_limits<float>::denorm_min();
+    std::vector<float> specials = {
+        0.0f, -0.0f, 1.0f, 0.999f, 1.0f / 255.0f, 0.5f, -0.5f,           -1.0f,          big,
+        -big, inf,   -inf, nan,    -nan,          tiny, 255.5f / 255.0f, 256.0f / 255.0f};
+    for (float e : {edge, -edge})  // the 2^31 edges of the product and their neighbours
+        for (float v : {e, std::nextafter(e, 0.0f), std::nextafter(e, 2 * e)})
+            specials.push_back(v);
     for (size_t i = 0; i < n; ++i) {
         const float v = rng() % 4 ? std::uniform_real_distribution<float>(-2.0f, 3.0f)(rng)
                                   : specials[rng() % std::size(specials)];

@@ -1,9 +1,9 @@
-// Selective smoothing: support tables, worked numbers, a randomized check
-// against a per-pixel reference (copy paths included), refusals and
-// cancellation.
+// Selective smoothing: support tables, worked numbers, refusals and
+// cancellation. The kernel suite holds every pass against the rule.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <tuple>
 
 #include "morven/smoothing.h"
 #include "support/image_fixtures.hpp"
@@ -22,34 +22,6 @@ ImagePtr fromRows(const Rows &rows, uint32_t enc = wzEncodingBGR) {
         for (size_t x = 0; x < rows[0].size(); ++x)
             for (int c = 1; c <= 3; ++c) *at(img.get(), int(x), int(y), c) = uint8_t(rows[y][x]);
     return img;
-}
-
-// Each pixel with its up to eight neighbours: a neighbour whose guide
-// differs by less than t and whose input differs by more than twice that
-// proposes its input shifted by the guide step; the pixel becomes the
-// truncated mean of itself and the proposals. Images of one row or column
-// are copied (a choice of this library).
-void reference(const wzSelectiveSmoothParams &p, const wzImage *guide, const wzImage *input,
-               wzImage *out) {
-    const int t = int(p.threshold * 255.0f), w = input->width, h = input->height;
-    for (int c = 1; c <= 3; ++c) {
-        std::vector<int> x(w * h), g(w * h), next(w * h);
-        for (int i = 0; i < w * h; ++i)
-            x[i] = *at(input, i % w, i / w, c), g[i] = *at(guide, i % w, i / w, c);
-        for (int it = 0; it < p.iterations && w > 1 && h > 1; ++it, x.swap(next))
-            for (int i = 0; i < w * h; ++i) {
-                int sum = x[i], count = 1;
-                for (int k = 0; k < 9; ++k) {
-                    const int qx = i % w + k % 3 - 1, qy = i / w + k / 3 - 1, q = qy * w + qx;
-                    if (k != 4 && qx >= 0 && qy >= 0 && qx < w && qy < h &&
-                        std::abs(g[i] - g[q]) < t &&
-                        std::abs(x[i] - x[q]) > 2 * std::abs(g[i] - g[q]))
-                        sum += x[q] + g[i] - g[q], ++count;
-                }
-                next[i] = uint8_t(sum / count);
-            }
-        for (int i = 0; i < w * h; ++i) *at(out, i % w, i / w, c) = uint8_t(x[i]);
-    }
 }
 
 class SelectiveSmooth : public ::testing::Test {
@@ -115,46 +87,6 @@ TEST_F(SelectiveSmooth, WorkedCases) {
     }
 }
 
-// Random sizes, thresholds, pass counts and layouts, into a separate output
-// and in place; thresholds below one level, no passes and single rows or
-// columns copy. A guide equal to the input changes nothing.
-TEST_F(SelectiveSmooth, RandomizedAgainstReference) {
-    std::mt19937 rng(1234);
-    const int passes[] = {1, 2, 3, 0, -3};
-    int round = 0;
-    for (auto [w, h] : {std::pair{2, 2}, {2, 9}, {9, 2}, {3, 3}, {17, 11}, {40, 7}, {1, 6}, {6, 1}})
-        for (float th : {0.1f, 0.03f, 0.5f, 1.5f, 0.0039f, -1.0f}) {
-            const int spread = 1 + int(rng() % 60);
-            auto colour = [&](int k) {
-                return makeImage(w, h, kAllEncodings[1 + (round + k) % 4]);
-            };
-            ImagePtr g = colour(0), x = colour(1), o = colour(2), r = makeImage(w, h, o->encoding);
-            // Locally flat guides with small steps; inputs from narrow to the
-            // full range, so sums below 0 and above 255 occur.
-            for (size_t k = 0; k < blockBytes(g.get()); ++k)
-                g->data[k] = uint8_t(120 + rng() % spread);
-            for (size_t k = 0; k < blockBytes(x.get()); ++k) {
-                const uint32_t v = uint32_t(rng()), near = v / 2 % 12;
-                x->data[k] = uint8_t(round % 3 == 0   ? v
-                                     : round % 3 == 1 ? (v % 2 ? near : 255 - near)
-                                                      : 100 + v % (2 * spread));
-            }
-            fillRandom(o.get(), rng);
-            std::memcpy(r->data, o->data, blockBytes(o.get()));
-            const wzSelectiveSmoothParams p{th, passes[round++ % 5]};
-            reference(p, g.get(), x.get(), r.get());
-            ASSERT_EQ(wzSelectiveSmooth(&p, support, g.get(), x.get(), o.get(), nullptr), 0u);
-            ASSERT_EQ(snapshot(o.get()), snapshot(r.get())) << w << "x" << h << " t=" << th;
-            ImagePtr y = makeImage(w, h, x->encoding);  // in place on a copy of the input
-            std::memcpy(y->data, x->data, blockBytes(x.get()));
-            ASSERT_EQ(wzSelectiveSmooth(&p, support, g.get(), y.get(), y.get(), nullptr), 0u);
-            reference(p, g.get(), x.get(), x.get());
-            ASSERT_EQ(snapshot(y.get()), snapshot(x.get())) << "in place";
-            ASSERT_EQ(wzSelectiveSmooth(&p, support, x.get(), x.get(), x.get(), nullptr), 0u);
-            ASSERT_EQ(snapshot(y.get()), snapshot(x.get())) << "guide = input";
-        }
-}
-
 // Cancellation and refusals (not 8-bit, fewer than three channels, another
 // size: choices of this library) write nothing.
 TEST_F(SelectiveSmooth, CancelAndRefusalsWriteNothing) {
@@ -172,13 +104,11 @@ TEST_F(SelectiveSmooth, CancelAndRefusalsWriteNothing) {
     const wzSelectiveSmoothParams p{0.1f, 2};
     const uint32_t flag = 1;
     EXPECT_EQ(wzSelectiveSmooth(&p, support, g.get(), x.get(), o.get(), &flag), 2u);
-    struct Bad {
-        const wzImage *g, *x;
-        wzImage *o;
-    };
-    for (const Bad &b : {Bad{gray.get(), x.get(), o.get()}, Bad{g.get(), x.get(), gray.get()},
-                         Bad{g.get(), deep.get(), o.get()}, Bad{g.get(), x.get(), wide.get()}})
-        EXPECT_EQ(wzSelectiveSmooth(&p, support, b.g, b.x, b.o, nullptr), 1u);
+    for (auto [gi, xi, oi] : {std::tuple{gray.get(), x.get(), o.get()},
+                              {g.get(), x.get(), gray.get()},
+                              {g.get(), deep.get(), o.get()},
+                              {g.get(), x.get(), wide.get()}})
+        EXPECT_EQ(wzSelectiveSmooth(&p, support, gi, xi, oi, nullptr), 1u);
     EXPECT_EQ(outputs(), before);
 }
 

@@ -52,44 +52,6 @@ inline size_t blockBytes(const wzImage *img) {
            static_cast<size_t>(wzGetNChannelFromEncoding(img->encoding)) * typeSize(img->type);
 }
 
-// Fills every element with a random value typical of its type: the full range
-// of the integer types (negative values included for the 32-bit ones) and
-// values slightly outside 0..1 for the float types.
-inline void fillRandom(wzImage *img, std::mt19937 &rng) {
-    const size_t n = blockBytes(img) / typeSize(img->type);
-    std::uniform_real_distribution<double> unit(-0.1, 1.1);
-    for (size_t i = 0; i < n; ++i) {
-        uint8_t *p = img->data + i * typeSize(img->type);
-        switch (img->type) {
-            case wzType8U: *p = static_cast<uint8_t>(rng()); break;
-            case wzType16U: {
-                uint16_t v = static_cast<uint16_t>(rng());
-                std::memcpy(p, &v, 2);
-                break;
-            }
-            case wzType32S:
-            case wzType32S24: {
-                int32_t v = static_cast<int32_t>(rng());
-                // Mostly in-scale values, some negative or beyond the scale.
-                if (rng() % 4 != 0) v &= img->type == wzType32S ? 0xFFFF : 0xFFFFFF;
-                std::memcpy(p, &v, 4);
-                break;
-            }
-            case wzType32F: {
-                float v = static_cast<float>(unit(rng));
-                std::memcpy(p, &v, 4);
-                break;
-            }
-            case wzType64F: {
-                double v = unit(rng);
-                std::memcpy(p, &v, 8);
-                break;
-            }
-            default: break;
-        }
-    }
-}
-
 inline std::vector<uint8_t> snapshot(const wzImage *img) {
     return std::vector<uint8_t>(img->data, img->data + blockBytes(img));
 }
@@ -141,6 +103,29 @@ inline double elementAt(const wzImage *img, size_t i) {
 }
 inline void setElementAt(wzImage *img, size_t i, double value) {
     storeValue(img->type, img->data + i * typeSize(img->type), value);
+}
+
+// Fills every element with a random value typical of its type: the full range
+// of the integer types (negative values included for the 32-bit ones) and
+// values slightly outside 0..1 for the float types.
+inline void fillRandom(wzImage *img, std::mt19937 &rng) {
+    const uint32_t t = img->type;
+    if (t != wzType8U && t != wzType16U && t != wzType32S && t != wzType32S24 && t != wzType32F &&
+        t != wzType64F)
+        return;
+    std::uniform_real_distribution<double> unit(-0.1, 1.1);
+    for (size_t i = 0, n = blockBytes(img) / typeSize(t); i < n; ++i) {
+        if (t == wzType32F || t == wzType64F) {
+            setElementAt(img, i, unit(rng));
+        } else if (t == wzType32S || t == wzType32S24) {
+            int32_t v = static_cast<int32_t>(rng());
+            // Mostly in-scale values, some negative or beyond the scale.
+            if (rng() % 4 != 0) v &= t == wzType32S ? 0xFFFF : 0xFFFFFF;
+            setElementAt(img, i, v);
+        } else {
+            setElementAt(img, i, rng());  // the low bytes of a random word
+        }
+    }
 }
 
 inline void setRoi(wzImage *img, int32_t x, int32_t y, int32_t width, int32_t height) {

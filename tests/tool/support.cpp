@@ -32,15 +32,23 @@ void spill(const std::string &path, const void *data, size_t size) {
         .write(static_cast<const char *>(data), std::streamsize(size));
 }
 
-std::vector<uint8_t> bytes8(const Pic &p) { return std::vector<uint8_t>(p.px.begin(), p.px.end()); }
-
 constexpr bool kLittle = std::endian::native == std::endian::little;
 
-// Appends n samples of a row in host order, 8 or 16 bits each.
-void append(Pic &p, const uint8_t *row, size_t n) {
+// The samples as bytes in host order, 1 or 2 each, and back.
+std::vector<uint8_t> raw(const Pic &p) {
+    std::vector<uint8_t> bytes(p.px.size() * (p.depth / 8));
+    for (size_t i = 0; i < p.px.size(); ++i)
+        if (p.depth == 8)
+            bytes[i] = uint8_t(p.px[i]);
+        else
+            std::memcpy(&bytes[2 * i], &p.px[i], 2);
+    return bytes;
+}
+
+void append(Pic &p, const uint8_t *bytes, size_t n) {
     for (size_t i = 0; i < n; ++i) {
-        uint16_t v = row[i];
-        if (p.depth == 16) std::memcpy(&v, row + 2 * i, 2);
+        uint16_t v = bytes[i];
+        if (p.depth == 16) std::memcpy(&v, bytes + 2 * i, 2);
         p.px.push_back(v);
     }
 }
@@ -65,19 +73,6 @@ Pic pattern(int w, int h, int c, int depth, unsigned seed) {
         for (size_t i = size_t(c) - 1; i < p.px.size(); i += size_t(c))
             p.px[i] = std::max<uint16_t>(p.px[i], 1);
     return p;
-}
-
-Pic relayout(const Pic &p, int channels) {
-    Pic out{p.w, p.h, channels, p.depth, std::vector<uint16_t>(size_t(p.w) * p.h * channels)};
-    const uint16_t opaque = p.depth == 8 ? 255 : 65535;
-    for (int y = 0; y < p.h; ++y)
-        for (int x = 0; x < p.w; ++x) {
-            for (int k = 0; k < (channels <= 2 ? 1 : 3); ++k)
-                out.at(x, y, k) = p.at(x, y, p.c <= 2 ? 0 : k);
-            if (channels % 2 == 0)
-                out.at(x, y, channels - 1) = p.c % 2 == 0 ? p.at(x, y, p.c - 1) : opaque;
-        }
-    return out;
 }
 
 Pic oriented(const Pic &p, int o) {
@@ -106,11 +101,11 @@ Pic grayPic(int w, int h, const std::vector<uint8_t> &plane) {
     return Pic{w, h, 1, 8, std::vector<uint16_t>(plane.begin(), plane.end())};
 }
 
-Pic crop(const Pic &p, int x0, int y0, int w, int h) {
-    Pic out{w, h, p.c, p.depth, std::vector<uint16_t>(size_t(w) * h * p.c)};
+Pic crop(const Pic &p, int x0, int y0, int w, int h, int channels) {
+    Pic out{w, h, channels, p.depth, std::vector<uint16_t>(size_t(w) * h * channels)};
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
-            for (int ch = 0; ch < p.c; ++ch) out.at(x, y, ch) = p.at(x0 + x, y0 + y, ch);
+            for (int ch = 0; ch < channels; ++ch) out.at(x, y, ch) = p.at(x0 + x, y0 + y, ch);
     return out;
 }
 
@@ -129,17 +124,9 @@ void writePng(const std::string &path, const Pic &p, const std::vector<uint8_t> 
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     if (!icc.empty()) png_set_iCCP(png, info, "icc", 0, icc.data(), png_uint_32(icc.size()));
     png_write_info(png, info);
-    std::vector<uint8_t> row(size_t(p.w) * p.c * (p.depth / 8));
-    for (int y = 0; y < p.h; ++y) {
-        for (size_t i = 0; i < size_t(p.w) * p.c; ++i) {
-            const uint16_t v = p.px[size_t(y) * p.w * p.c + i];
-            if (p.depth == 8)
-                row[i] = uint8_t(v);
-            else
-                row[2 * i] = uint8_t(v >> 8), row[2 * i + 1] = uint8_t(v);
-        }
-        png_write_row(png, row.data());
-    }
+    if (p.depth == 16 && kLittle) png_set_swap(png);
+    const std::vector<uint8_t> bytes = raw(p);
+    for (int y = 0; y < p.h; ++y) png_write_row(png, &bytes[bytes.size() / p.h * y]);
     png_write_end(png, nullptr);
     png_destroy_write_struct(&png, &info);
     std::fclose(f);
@@ -159,13 +146,11 @@ void writeJpeg(const std::string &path, const Pic &p, const std::vector<uint8_t>
     jpeg_set_quality(&c, 95, TRUE);
     jpeg_start_compress(&c, TRUE);
     if (!icc.empty()) jpeg_write_icc_profile(&c, icc.data(), unsigned(icc.size()));
-    std::vector<uint8_t> row(size_t(p.w) * p.c);
+    std::vector<uint8_t> bytes = raw(p);
+    if (cmyk)
+        for (uint8_t &v : bytes) v = uint8_t(255 - v);  // Adobe CMYK is stored inverted
     while (c.next_scanline < c.image_height) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            const uint16_t v = p.px[size_t(c.next_scanline) * row.size() + i];
-            row[i] = uint8_t(cmyk ? 255 - v : v);  // Adobe CMYK is stored inverted
-        }
-        JSAMPROW line = row.data();
+        JSAMPROW line = &bytes[size_t(c.next_scanline) * p.w * p.c];
         jpeg_write_scanlines(&c, &line, 1);
     }
     jpeg_finish_compress(&c);
@@ -190,43 +175,36 @@ void writeTiff(const std::string &path, const Pic &p, uint16_t compression, bool
         TIFFSetField(t, TIFFTAG_EXTRASAMPLES, uint16_t(1), &kind);
     }
     if (!icc.empty()) TIFFSetField(t, TIFFTAG_ICCPROFILE, uint32_t(icc.size()), icc.data());
-    const int bytes = p.depth / 8;
-    const int perBlock = planes ? 1 : p.c;
-    const auto sampleAt = [&](int x, int y, int s, uint8_t *out) {
-        const uint16_t v = x < p.w && y < p.h ? p.at(x, y, s) : 0;
-        if (bytes == 1)
-            *out = uint8_t(v);
-        else
-            std::memcpy(out, &v, 2);  // libtiff takes host order
-    };
+    const std::vector<uint8_t> bytes = raw(p);  // libtiff takes host order
+    const size_t size = p.depth / 8, perBlock = planes ? 1 : p.c;
     const uint32_t bw = tiled ? 16 : uint32_t(p.w), bh = tiled ? 16 : 3;
     if (tiled)
         TIFFSetField(t, TIFFTAG_TILEWIDTH, bw), TIFFSetField(t, TIFFTAG_TILELENGTH, bh);
     else
         TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, bh);
-    std::vector<uint8_t> block(size_t(bw) * bh * perBlock * bytes);
+    // Blocks of one plane (or of all samples), zero beyond the picture's edges.
     for (int plane = 0; plane < (planes ? p.c : 1); ++plane)
         for (uint32_t by = 0; by < uint32_t(p.h); by += bh)
             for (uint32_t bx = 0; bx < uint32_t(p.w); bx += bw) {
-                const uint32_t rows = tiled ? bh : std::min<uint32_t>(bh, p.h - by);
-                for (uint32_t y = 0; y < rows; ++y)
-                    for (uint32_t x = 0; x < bw; ++x)
-                        for (int s = 0; s < perBlock; ++s)
-                            sampleAt(int(bx + x), int(by + y), planes ? plane : s,
-                                     &block[((y * bw + x) * perBlock + s) * bytes]);
-                const tmsize_t size = tmsize_t(rows) * bw * perBlock * bytes;
+                std::vector<uint8_t> block(bw * bh * perBlock * size);
+                for (uint32_t y = by; y < std::min<uint32_t>(by + bh, p.h); ++y)
+                    for (uint32_t x = bx; x < std::min<uint32_t>(bx + bw, p.w); ++x)
+                        for (size_t s = 0; s < perBlock; ++s)
+                            std::memcpy(&block[(((y - by) * bw + x - bx) * perBlock + s) * size],
+                                        &bytes[((y * p.w + x) * p.c + (planes ? plane : s)) * size],
+                                        size);
                 if (tiled)
-                    TIFFWriteEncodedTile(t, TIFFComputeTile(t, bx, by, 0, uint16_t(plane)),
-                                         block.data(), size);
+                    TIFFWriteTile(t, block.data(), bx, by, 0, uint16_t(plane));
                 else
-                    TIFFWriteEncodedStrip(t, TIFFComputeStrip(t, by, uint16_t(plane)), block.data(),
-                                          size);
+                    TIFFWriteEncodedStrip(
+                        t, TIFFComputeStrip(t, by, uint16_t(plane)), block.data(),
+                        tmsize_t(std::min<uint32_t>(bh, p.h - by)) * bw * perBlock * size);
             }
     TIFFClose(t);
 }
 
 void writeWebP(const std::string &path, const Pic &p, bool lossless) {
-    const std::vector<uint8_t> px = bytes8(p);
+    const std::vector<uint8_t> px = raw(p);
     uint8_t *out = nullptr;
     const int stride = p.w * p.c;
     const auto rgba = p.c == 4;
@@ -359,6 +337,13 @@ std::vector<uint8_t> iccOf(const std::string &path) {
     return icc;
 }
 
+uint16_t tiffCompression(const std::string &path) {
+    TIFF *t = TIFFOpen(path.c_str(), "r");
+    uint16_t compression = 0;
+    if (t) TIFFGetField(t, TIFFTAG_COMPRESSION, &compression), TIFFClose(t);
+    return compression;
+}
+
 bool webpLossless(const std::string &path) {
     const std::string bytes = slurp(path);
     return bytes.find("VP8L") != std::string::npos;
@@ -413,9 +398,13 @@ std::vector<uint8_t> saved(cmsHPROFILE profile) {
     return bytes;
 }
 
-std::vector<uint8_t> rgbProfile(const cmsCIExyYTRIPLE &primaries, const char *name) {
+cmsToneCurve *srgbCurve() {
     const cmsFloat64Number srgb[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
-    cmsToneCurve *curve = cmsBuildParametricToneCurve(nullptr, 4, srgb);
+    return cmsBuildParametricToneCurve(nullptr, 4, srgb);
+}
+
+std::vector<uint8_t> rgbProfile(const cmsCIExyYTRIPLE &primaries, const char *name) {
+    cmsToneCurve *curve = srgbCurve();
     cmsToneCurve *curves[3] = {curve, curve, curve};
     cmsCIExyY d65;
     cmsWhitePointFromTemp(&d65, 6504);
@@ -431,8 +420,7 @@ std::vector<uint8_t> rgbProfile(const cmsCIExyYTRIPLE &primaries, const char *na
 cmsHPROFILE open(const std::vector<uint8_t> &icc, bool gray) {
     if (!icc.empty()) return cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size()));
     if (!gray) return cmsCreate_sRGBProfile();
-    const cmsFloat64Number srgb[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
-    cmsToneCurve *curve = cmsBuildParametricToneCurve(nullptr, 4, srgb);
+    cmsToneCurve *curve = srgbCurve();
     cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
     cmsFreeToneCurve(curve);
     return profile;
@@ -447,23 +435,13 @@ cmsUInt32Number format(int c, int depth, bool cmyk = false) {
 }
 
 Pic run(cmsHTRANSFORM transform, const Pic &p, int outChannels, int outDepth) {
-    std::vector<uint8_t> in(p.px.size() * (p.depth / 8));
-    for (size_t i = 0; i < p.px.size(); ++i)
-        if (p.depth == 8)
-            in[i] = uint8_t(p.px[i]);
-        else
-            std::memcpy(&in[2 * i], &p.px[i], 2);
-    Pic out{p.w, p.h, outChannels, outDepth,
-            std::vector<uint16_t>(size_t(p.w) * p.h * outChannels)};
-    std::vector<uint8_t> raw(out.px.size() * (outDepth / 8));
-    cmsDoTransform(transform, in.data(), raw.data(), cmsUInt32Number(p.w * p.h));
-    for (size_t i = 0; i < out.px.size(); ++i)
-        if (outDepth == 8)
-            out.px[i] = raw[i];
-        else
-            std::memcpy(&out.px[i], &raw[2 * i], 2);
+    const size_t n = size_t(p.w) * p.h * outChannels;
+    std::vector<uint8_t> out(n * (outDepth / 8));
+    cmsDoTransform(transform, raw(p).data(), out.data(), cmsUInt32Number(p.w * p.h));
     cmsDeleteTransform(transform);
-    return out;
+    Pic result{p.w, p.h, outChannels, outDepth, {}};
+    append(result, out.data(), n);
+    return result;
 }
 
 // CMYK ink to Lab: each ink takes away its share of red, green or blue,
@@ -546,21 +524,14 @@ using Image = std::unique_ptr<wzImage, ImageDeleter>;
 Image image(const Pic &p) {
     static const uint32_t encodings[] = {0, wzEncodingGray, 0, wzEncodingRGB, wzEncodingRGBA};
     Image img(wzImageCreateWithType(p.w, p.h, encodings[p.c], p.depth == 8 ? wzType8U : wzType16U));
-    for (size_t i = 0; i < p.px.size(); ++i)
-        if (p.depth == 8)
-            img->data[i] = uint8_t(p.px[i]);
-        else
-            std::memcpy(img->data + 2 * i, &p.px[i], 2);
+    const std::vector<uint8_t> bytes = raw(p);
+    std::memcpy(img->data, bytes.data(), bytes.size());
     return img;
 }
 
 Pic pic(const wzImage *img, const Pic &like) {
-    Pic out = like;
-    for (size_t i = 0; i < out.px.size(); ++i)
-        if (out.depth == 8)
-            out.px[i] = img->data[i];
-        else
-            std::memcpy(&out.px[i], img->data + 2 * i, 2);
+    Pic out{like.w, like.h, like.c, like.depth, {}};
+    append(out, img->data, like.px.size());
     return out;
 }
 

@@ -32,11 +32,10 @@ struct Pic {
 // scale somewhere (so a stretch leaves it as it is); alpha, when there is
 // one, is never 0.
 Pic pattern(int w, int h, int c, int depth, unsigned seed);
-// The same pixels with `channels` channels (alpha opaque when added).
-Pic relayout(const Pic &p, int channels);
 // Turned by EXIF orientation 1..8 (what a viewer shows).
 Pic oriented(const Pic &p, int orientation);
-Pic crop(const Pic &p, int x, int y, int w, int h);
+// A rectangle, with the first `channels` channels.
+Pic crop(const Pic &p, int x, int y, int w, int h, int channels);
 
 // Writers. icc is embedded when not empty.
 void writePng(const std::string &path, const Pic &p, const std::vector<uint8_t> &icc = {});
@@ -54,6 +53,8 @@ Pic grayPic(int w, int h, const std::vector<uint8_t> &plane);
 // Readers, by the file's signature.
 Pic readPic(const std::string &path);
 std::vector<uint8_t> iccOf(const std::string &path);
+// The compression tag of a TIFF file (0 when it cannot be read).
+uint16_t tiffCompression(const std::string &path);
 // "RIFF....WEBPVP8 " or "VP8L": whether a WebP file is lossless.
 bool webpLossless(const std::string &path);
 
