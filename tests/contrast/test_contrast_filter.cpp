@@ -38,12 +38,12 @@ wzStatus filter(wzImage *src, const wzImage *mask, wzImage *dst, const uint32_t 
 
 }  // namespace
 
-// Every pair of layouts over the whole image (roi ignored): colour channels
-// matched by number, each image with its own width, a fourth destination
-// channel kept; gray only into gray (a choice of this library), colour not
-// into gray. Refusals (status 1; element types other than 8-bit are choices
-// of this library) and cancellation (status 2) write nothing.
-TEST(ContrastApply, ChannelsMatchedByNumberRefusalsAndCancel) {
+// Every pair of layouts: gray only into gray (a choice of this library),
+// colour not into gray, refused (status 1); cancellation (status 2); neither
+// writes anything. What the accepted pairs write is held against the pixel
+// rule in the kernel suite (KernelLut). Element types other than 8-bit and
+// invalid encodings are refused too, through apply and the filter alike.
+TEST(ContrastApply, RefusalsAndCancelWriteNothing) {
     std::mt19937 rng(5);
     uint8_t curve[256];
     for (auto &e : curve) e = static_cast<uint8_t>(rng());
@@ -54,16 +54,9 @@ TEST(ContrastApply, ChannelsMatchedByNumberRefusalsAndCancel) {
             ImagePtr src = makeImage(9, 5, se), dst = makeImage(gray ? 9 : 12, 5, de);
             fillRandom(src.get(), rng);
             fillRandom(dst.get(), rng);
-            src->roi = {2, 1, 3, 3};
-            std::vector<uint8_t> want = snapshot(dst.get());
-            EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), &set), ok ? 2u : 1u);
-            ASSERT_EQ(snapshot(dst.get()), want);
-            for (int y = 0; y < 5 && ok; ++y)
-                for (int x = 0; x < 9; ++x)
-                    for (int c = 1; c <= (gray ? 1 : 3); ++c)
-                        want[at(dst.get(), x, y, c) - dst->data] = curve[*at(src.get(), x, y, c)];
-            EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), nullptr), ok ? 0u : 1u)
-                << se << "->" << de;
+            const std::vector<uint8_t> want = snapshot(dst.get());
+            for (const uint32_t *cancel : {&set, ok ? &set : nullptr})
+                EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), cancel), ok ? 2u : 1u);
             ASSERT_EQ(snapshot(dst.get()), want) << se << "->" << de;
         }
     // Through apply and the filter alike: each refused, nothing written.
