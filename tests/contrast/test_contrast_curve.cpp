@@ -64,15 +64,15 @@ wzContrastEnhanceStats statsOf(float total, std::initializer_list<std::pair<int,
 TEST(ContrastCurve, DefaultRecordWorkedCurve) {
     wzContrastEnhanceParams *defaults = wzContrastEnhanceParamsDefault();
     ASSERT_NE(defaults, nullptr);
-    const Curve got = compute(
-        statsOf(1000.0f, {{10, 3.0f}, {11, 2.0f}, {100, 985.0f}, {240, 5.0f}, {250, 5.0f}}),
-        *defaults);
+    const Curve got =
+        compute(statsOf(1000.0f, {{10, 3.0f}, {11, 2.0f}, {100, 985.0f}, {240, 5.0f}, {250, 5.0f}}),
+                *defaults);
     wzContrastEnhanceParamsRelease(&defaults);
     wzContrastEnhanceParamsRelease(&defaults);
     EXPECT_EQ(defaults, nullptr);
-    for (auto [v, want] : {std::pair{0, 0}, {11, 0}, {12, 1}, {100, 99}, {239, 253}, {240, 254},
-                           {241, 255}, {255, 255}})
-        EXPECT_EQ(got[v], want) << v;
+    const int points[][2] = {{0, 0},     {11, 0},    {12, 1},    {100, 99},
+                             {239, 253}, {240, 254}, {241, 255}, {255, 255}};
+    for (auto [v, want] : points) EXPECT_EQ(got[v], want) << v;
 }
 
 // Sparse histograms, merged records (total below the bin sum), zero tails

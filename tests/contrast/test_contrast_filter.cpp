@@ -56,7 +56,8 @@ TEST(ContrastApply, RefusalsAndCancelWriteNothing) {
             fillRandom(dst.get(), rng);
             const std::vector<uint8_t> want = snapshot(dst.get());
             for (const uint32_t *cancel : {&set, ok ? &set : nullptr})
-                EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), cancel), ok ? 2u : 1u);
+                EXPECT_EQ(wzContrastEnhanceApply(curve, src.get(), dst.get(), cancel),
+                          ok ? 2u : 1u);
             ASSERT_EQ(snapshot(dst.get()), want) << se << "->" << de;
         }
     // Through apply and the filter alike: each refused, nothing written.

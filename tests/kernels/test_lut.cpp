@@ -53,7 +53,9 @@ TEST(KernelLut, MatchAndContrastApplyOverLayoutsAndOverlaps) {
             for (uint32_t de : kAllEncodings) {
                 const bool gray = se == wzEncodingGray;
                 if (!match && gray != (de == wzEncodingGray)) continue;
-                const Shifts shifts = se != de ? Shifts{} : match ? Shifts{0, 1, 5} : Shifts{0, 2, 7};
+                const Shifts shifts = se != de ? Shifts{}
+                                      : match  ? Shifts{0, 1, 5}
+                                               : Shifts{0, 2, 7};
                 checkImageOp(
                     se, de, match, gray && !match ? 0 : 2, shifts, rng,
                     [&](const wzImage *s, wzImage *d) {
