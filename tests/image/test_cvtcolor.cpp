@@ -12,6 +12,8 @@ using namespace morven_test;
 
 namespace {
 
+const double kNaN = std::nan("");
+
 // Gray conversion written from the luma weights, independently of the
 // library's table: the 8-bit index of each level, then the weighted sum with
 // the rounding half, on the type's scale.
@@ -36,31 +38,9 @@ double grayRef(uint32_t type, const double v[3]) {
 
 }  // namespace
 
-// One pixel per case: the weights, the rounding half and each type's scale;
-// out-of-scale, negative and NaN levels clamp.
-TEST(CvtColor, GrayWorkedNumbersAndRefusals) {
-    const double nan = std::nan("");
-    const struct {
-        uint32_t type, enc;
-        double bgr[3], want;
-    } cases[] = {
-        {wzType8U, wzEncodingBGR, {255, 0, 0}, 29},
-        {wzType8U, wzEncodingRGB, {0, 0, 255}, 76},
-        {wzType16U, wzEncodingBGR, {65535, 65535, 65535}, 65408},
-        {wzType32F, wzEncodingRGBA, {1, 1, 1}, 0.998046875},
-        {wzType32S, wzEncodingBGR, {-5000, 65535, 65535}, (8192 + 9617 * 255 + 4899 * 255) >> 6},
-        {wzType64F, wzEncodingARGB, {nan, 1e300, -1e300}, (8192.0 + 9617.0 * 255) / 4194304.0}};
-    for (const auto &c : cases) {
-        ImagePtr src = makeImage(1, 1, c.enc, c.type),
-                 dst = makeImage(1, 1, wzEncodingGray, c.type);
-        std::memset(src->data, 0, blockBytes(src.get()));
-        for (int k = 1; k <= 3; ++k) storeValue(c.type, at(src.get(), 0, 0, k), c.bgr[k - 1]);
-        ASSERT_EQ(wzImageCvtColor(src.get(), dst.get()), 0u);
-        EXPECT_EQ(elementAt(dst.get(), 0), c.want) << "case " << &c - cases;
-    }
-
-    // Differing types, and encodings above 4 (refused rather than walked with
-    // negative strides), write nothing.
+// Differing types, and encodings above 4 (refused rather than walked with
+// negative strides), write nothing.
+TEST(CvtColor, RefusalsWriteNothing) {
     ImagePtr a = makeImage(2, 1, wzEncodingBGR), b = makeImage(2, 1, wzEncodingBGR, wzType16U);
     std::memset(a->data, 5, 6);
     std::memset(b->data, 7, 12);
@@ -74,9 +54,10 @@ TEST(CvtColor, GrayWorkedNumbersAndRefusals) {
 }
 
 // Every pair of encodings and every type over offset regions: colour to gray
-// by the formula, same-encoding region copies of whole pixels, and channel
-// moves of channels 1-3 (the destination's alpha stays). Outside the
-// destination region nothing changes.
+// by the formula (levels beyond the scale, negative and NaN ones clamp),
+// same-encoding region copies of whole pixels, and channel moves of channels
+// 1-3 (the destination's alpha stays). Outside the destination region nothing
+// changes.
 TEST(CvtColor, EveryPairMatchesReference) {
     std::mt19937 rng(1234);
     for (uint32_t type : kAllTypes)
@@ -85,6 +66,8 @@ TEST(CvtColor, EveryPairMatchesReference) {
                 ImagePtr src = makeImage(19, 13, se, type), dst = makeImage(21, 11, de, type);
                 fillRandom(src.get(), rng);
                 fillRandom(dst.get(), rng);
+                for (int k = 0; k < 40 && type >= wzType32F; ++k)
+                    setElementAt(src.get(), rng() % (blockBytes(src.get()) / typeSize(type)), kNaN);
                 setRoi(src.get(), 3, 2, 15, 8);
                 setRoi(dst.get(), 5, 3, 15, 8);
                 std::vector<uint8_t> want = snapshot(dst.get());

@@ -24,16 +24,10 @@ constexpr Pair kPairs[] = {{wzType8U, wzType32F, 1, 4},
 // The documented rule for element i of `src`, written to `out`.
 void ruleElement(const Pair &p, const uint8_t *src, size_t i, uint8_t *out) {
     if (p.from == wzType32F) {
-        const float prod = loadRaw<float>(src + 4 * i) * 255.0f;
-        // Truncation saturated to 32 bits (NaN to 0), low byte kept.
-        int32_t t = INT32_MAX;
-        if (std::isnan(prod))
-            t = 0;
-        else if (prod <= -2147483648.0f)
-            t = INT32_MIN;
-        else if (prod < 2147483648.0f)
-            t = static_cast<int32_t>(prod);
-        *out = static_cast<uint8_t>(t);
+        // The single-precision product truncated, saturated to 32 bits (NaN
+        // to 0), low byte kept.
+        const double t = std::trunc(loadRaw<float>(src + 4 * i) * 255.0f);
+        *out = std::isnan(t) ? 0 : uint8_t(int64_t(std::clamp(t, -2147483648.0, 2147483647.0)));
     } else if (p.to == wzType32F) {
         storeValue(p.to, out, static_cast<float>(src[i]) / 255.0f);
     } else if (p.to == wzType16U) {

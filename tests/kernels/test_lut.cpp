@@ -37,47 +37,41 @@ TEST(KernelLut, RowKernelMatchesTheTablesInEveryVariant) {
     }
 }
 
-// Channel c (1-3) of the source region through table c - 1 into channel c of
-// the destination (a gray source: its byte through table 0), every channel
-// read before any is written.
-TEST(KernelLut, MatchApplyOverRegionsAndOverlaps) {
+// The histogram-matching apply: channel c (1-3) of the source region through
+// table c - 1 into channel c of the destination region (a gray source: its
+// byte through table 0), every channel read before any is written. The
+// contrast apply: whole images (a region set on the source is ignored),
+// channels 1-3 (or the gray byte) through the curve one after the other; a
+// colour destination may be wider (it is addressed with its own width), gray
+// and colour do not mix.
+TEST(KernelLut, MatchAndContrastApplyOverLayoutsAndOverlaps) {
     std::mt19937 rng(12);
     uint8_t table[768];
     fillBytes(table, sizeof table, rng);
-    for (uint32_t se : kAllEncodings)
-        for (uint32_t de : kAllEncodings)
-            checkImageOp(
-                se, de, true, 2, se == de ? Shifts{0, 1, 5} : Shifts{}, rng,
-                [&](const wzImage *s, wzImage *d) {
-                    return wzHistogramMatchApply(nullptr, table, s, d, nullptr);
-                },
-                [&](const uint8_t *s, uint8_t *d) {
-                    if (se == wzEncodingGray) return void(*d = table[*s]);
-                    uint8_t v[3];
-                    for (int c = 0; c < 3; ++c) v[c] = table[256 * c + s[offsetOf(se, c + 1)]];
-                    for (int c = 0; c < 3; ++c) d[offsetOf(de, c + 1)] = v[c];
-                });
-}
-
-// Whole images, channels 1-3 (or the gray byte) through the curve; a colour
-// destination may be wider (it is addressed with its own width), gray and
-// colour do not mix.
-TEST(KernelLut, ContrastApplyAcrossLayoutsAndOverlaps) {
-    std::mt19937 rng(13);
-    uint8_t curve[256];
-    fillBytes(curve, sizeof curve, rng);
-    for (uint32_t se : kAllEncodings)
-        for (uint32_t de : kAllEncodings) {
-            const bool gray = se == wzEncodingGray;
-            if (gray != (de == wzEncodingGray)) continue;
-            checkImageOp(
-                se, de, false, gray ? 0 : 2, se == de ? Shifts{0, 2, 7} : Shifts{}, rng,
-                [&](const wzImage *s, wzImage *d) {
-                    return wzContrastEnhanceApply(curve, s, d, nullptr);
-                },
-                [&](const uint8_t *s, uint8_t *d) {
-                    for (int c = 1; c <= (gray ? 1 : 3); ++c)
-                        d[offsetOf(de, c)] = curve[s[offsetOf(se, c)]];
-                });
-        }
+    for (bool match : {true, false})
+        for (uint32_t se : kAllEncodings)
+            for (uint32_t de : kAllEncodings) {
+                const bool gray = se == wzEncodingGray;
+                if (!match && gray != (de == wzEncodingGray)) continue;
+                const Shifts shifts = se != de ? Shifts{}
+                                      : match  ? Shifts{0, 1, 5}
+                                               : Shifts{0, 2, 7};
+                checkImageOp(
+                    se, de, match, gray && !match ? 0 : 2, shifts, rng,
+                    [&](const wzImage *s, wzImage *d) {
+                        if (match) return wzHistogramMatchApply(nullptr, table, s, d, nullptr);
+                        wzImage whole = *s;
+                        whole.roi = {1, 0, 0, 1};
+                        return wzContrastEnhanceApply(table, &whole, d, nullptr);
+                    },
+                    [&](const uint8_t *s, uint8_t *d) {
+                        if (gray) return void(*d = table[*s]);
+                        uint8_t v[3];
+                        for (int c = 0; c < 3; ++c) {
+                            v[c] = table[256 * (match ? c : 0) + s[offsetOf(se, c + 1)]];
+                            if (!match) d[offsetOf(de, c + 1)] = v[c];
+                        }
+                        for (int c = 0; c < 3 && match; ++c) d[offsetOf(de, c + 1)] = v[c];
+                    });
+            }
 }
