@@ -130,4 +130,7 @@ TEST(ContrastStats, UpdateInitStatusesAndSaturation) {
     wzContrastEnhanceStats s;
     ASSERT_EQ(wzContrastEnhanceStatsRetrieve(&s, big.get(), nullptr), 0u);
     EXPECT_EQ(std::make_pair(s.hist[0], s.hist[1]), std::make_pair(16777216.0f, 1.0f));
+    big->height = 3000;  // 2^23 < count < 2^24: still exact
+    ASSERT_EQ(wzContrastEnhanceStatsRetrieve(&s, big.get(), nullptr), 0u);
+    EXPECT_EQ(s.hist[0], 4097.0f * 3000.0f - 1.0f);
 }
