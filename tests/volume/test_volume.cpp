@@ -83,8 +83,8 @@ VolumePtr copyOf(const wzVolume *v) {
 // its type and encoding (one channel for wzVolumeCreateAs); headers without
 // blocks, one zeroed block with planes one plane size apart (channels
 // included), or a block per plane. Headers over a caller's block (kept on
-// release), the region of interest (plane regions untouched), refused
-// encodings and negative sizes, null releases.
+// release), refused encodings and negative sizes, null releases. (The
+// region setters are exercised by the access and dump tests.)
 TEST(VolumeRecord, KindsLayoutsAndRefusals) {
     VolumePtr model(wzVolumeCreateWithType(4, 3, 2, wzType16U)),
         bgr(wzVolumeCreateWithEncoding(4, 3, 2, wzEncodingBGR));
@@ -125,13 +125,6 @@ TEST(VolumeRecord, KindsLayoutsAndRefusals) {
     }
     VolumePtr empty(wzVolumeCreate(3, 3, 0));
     ASSERT_TRUE(empty && empty->depth == 0);
-    const wzSize3D size = wzVolumeSize(bgr.get());
-    EXPECT_TRUE(size.width == 4 && size.height == 3 && size.depth == 2);
-    const wzBox box{1, 1, 0, 2, 2, 1};
-    wzVolumeSetROI(bgr.get(), &box);
-    EXPECT_TRUE(sameBox(bgr->roi, box) && bgr->planes[0]->roi.x == 0);
-    wzVolumeResetROI(bgr.get());
-    EXPECT_TRUE(sameBox(bgr->roi, wzBox{0, 0, 0, 4, 3, 2}));
 
     Bytes block(72, 7);
     wzVolume *h = wzVolumeCreateHeaderWithEncoding(2, 4, 3, wzEncodingRGB);
@@ -150,28 +143,23 @@ TEST(VolumeRecord, KindsLayoutsAndRefusals) {
     wzVolumeRelease(nullptr);
 }
 
-// The 32-bit layout round trip; type conversion plane by plane against the
-// scale rules; a depth mismatch (1, nothing written), a failing plane stops
-// the walk.
-TEST(VolumeRecord, Layout32AndTypeConversion) {
+// The record layouts and the conversion from 32-bit slots (pointers null;
+// the other direction writes the dump header, checked byte for byte by the
+// dump tests); type conversion plane by plane against the scale rules; a
+// depth mismatch (1, nothing written), a failing plane stops the walk.
+TEST(VolumeRecord, LayoutsAndTypeConversion) {
     static_assert(sizeof(wzVolume32) == 48 && offsetof(wzVolume32, roi) == 24);
     static_assert(offsetof(wzVolume, width) == 8 && offsetof(wzVolume, height) == 12 &&
                   offsetof(wzVolume, roi) == 32 && sizeof(wzVolume) == 56);
-    VolumePtr v(wzVolumeCreateWithType(4, 3, 2, wzType8U));
     const wzBox box{1, 2, 1, 3, 1, 1};
-    wzVolumeSetROI(v.get(), &box);
-    wzVolume32 r;
+    const wzVolume32 r{wzType8U, 2, 4, 3, 0xAB, 0xCD, box};
+    const wzVolume want{wzType8U, 2, 4, 3, nullptr, nullptr, box};
     wzVolume back;
-    std::memset(&r, 0xAB, sizeof r);
     std::memset(&back, 0xCD, sizeof back);
-    wzVolumeCvtTo32(v.get(), &r);
     wzVolumeCvtFrom32(&r, &back);
-    const wzVolume32 want32{wzType8U, 2, 4, 3, 0, 0, box};
-    EXPECT_EQ(std::memcmp(&r, &want32, sizeof r), 0);
-    EXPECT_TRUE(back.voxels == nullptr && back.planes == nullptr && back.width == 4 &&
-                back.height == 3);
-    EXPECT_TRUE(back.type == wzType8U && back.depth == 2 && sameBox(back.roi, box));
+    EXPECT_EQ(std::memcmp(&back, &want, sizeof back), 0);
 
+    VolumePtr v(wzVolumeCreateWithType(4, 3, 2, wzType8U));
     std::mt19937 rng(11);
     fillRandom(v.get(), rng);
     VolumePtr f(wzVolumeCreateWithType(4, 3, 2, wzType32F)),
@@ -459,43 +447,29 @@ TEST(VolumeDump, EmptyMultiChannelAndHostileHeaders) {
         EXPECT_EQ(st, 0xFFFFFFFFu);
     }
 
-    const struct {
-        uint32_t type;
-        int32_t depth, width, height;
-    } cases[] = {{wzType8U, -1, 2, 2},
-                 {wzType8U, 2, -2, 2},
-                 {wzType8U, 2, 2, INT32_MIN},
-                 {wzType8U, 1, 0, 5},
-                 {7, 1, 2, 2},
-                 {wzType8U, 65536, 65536, 2},
-                 {wzType64F, 4, 65536, 65537},
-                 {wzType8U, 3, 1 << 30, 1 << 30},
-                 {wzType16U, INT32_MAX, 2, 1},
-                 {wzType32F, 2, INT32_MAX, INT32_MAX},
-                 {wzType8U, 0, 65536, 65536},
-                 {wzType8U, INT32_MAX, 1, 1},
-                 {wzType32F, 1000000, 1000, 2}};
+    // Type, depth, width, height (M the largest 32-bit size, G 2^30).
+    constexpr int32_t M = INT32_MAX, G = 1 << 30, H = 65536;
+    const int32_t cases[][4] = {
+        {wzType8U, -1, 2, 2},         {wzType8U, 2, -2, 2}, {wzType8U, 2, 2, -M - 1},
+        {wzType8U, 1, 0, 5},          {7, 1, 2, 2},         {wzType8U, H, H, 2},
+        {wzType64F, 4, H, H + 1},     {wzType8U, 3, G, G},  {wzType16U, M, 2, 1},
+        {wzType32F, 2, M, M},         {wzType8U, 0, H, H},  {wzType8U, M, 1, 1},
+        {wzType32F, 1000000, 1000, 2}};
     for (const auto &c : cases) {
-        Bytes h = header(c.type, c.depth, c.width, c.height, wzBox{});
+        Bytes h = header(uint32_t(c[0]), c[1], c[2], c[3], wzBox{});
         h.resize(h.size() + 16, 0x5A);  // a little payload, never enough
-        EXPECT_TRUE(bothRefuse(h, h.size()))
-            << c.type << " " << c.depth << " " << c.width << " " << c.height;
+        EXPECT_TRUE(bothRefuse(h, h.size())) << c[0] << " " << c[1] << " " << c[2] << " " << c[3];
     }
 }
 
 // Payloads beyond the direct-read size (16 MiB) are read in growing pieces:
-// a complete one loads intact, one cut short anywhere loads as null.
-TEST(VolumeDump, LargePayloadsReadInPieces) {
+// one cut short anywhere loads as null. (Complete ones load intact in both
+// forms: AllocFailure.DumpLoads, 4100 x 4100 x 1.)
+TEST(VolumeDump, LargePayloadsCutShort) {
     VolumePtr v(wzVolumeCreateWithType(2100, 2100, 1, wzType32F));  // 17.6 MB, one plane
-    const size_t n = size_t(2100) * 2100 * 4;
-    for (size_t i = 0; i < n; ++i) v->voxels[i] = static_cast<uint8_t>(i * 7 + (i >> 12));
     wzStatus st;
     const Bytes b = save(wzVolumeDumpSave, v.get(), &st);
-    VolumePtr c(loadPrefix(wzVolumeDumpLoad, b, b.size()));
-    SeparatePtr s(loadPrefix(wzVolumeDumpLoadWithSeparatePlanes, b, b.size()));
-    ASSERT_TRUE(b.size() == 48 + n && c && s);
-    EXPECT_TRUE(std::memcmp(c->voxels, v->voxels, n) == 0 &&
-                std::memcmp(s->planes[0]->data, v->voxels, n) == 0);
+    ASSERT_EQ(b.size(), 48 + size_t(2100) * 2100 * 4);
     for (size_t cut : {size_t(48 + (16 << 20)), size_t(48 + (16 << 20) + 1), b.size() - 1})
         EXPECT_TRUE(bothRefuse(b, cut)) << cut;
 }
@@ -575,13 +549,7 @@ TEST(VolumeHistogram, FilterMatchesReference) {
         wzImageFillColorProfile(other->planes[1], &target);
         wzHistogramMatchParams params{1.0f, 0.9f, 0, 255, &target};
         if (trial % 3 == 1) params = {0.7f, 0.8f, 1, 20, &target};
-        const int x = rng() % 7, y = rng() % 5, z = rng() % 4;
-        src->roi = trial < 2 ? wzBox{0, 0, 0, 7, 5, 4} : wzBox{x,
-                                                               y,
-                                                               z,
-                                                               1 + int(rng() % (7 - x)),
-                                                               1 + int(rng() % (5 - y)),
-                                                               1 + int(rng() % (4 - z))};
+        src->roi = trial < 2 ? wzBox{0, 0, 0, 7, 5, 4} : randomBox(7, 5, 4, rng);
         const wzBox &b = src->roi;
         VolumePtr mask = randomVolume(9, 6, 5, rng), dst = randomVolume(7, 5, 4, rng),
                   srcCopy = copyOf(src.get());
