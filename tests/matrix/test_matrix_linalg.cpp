@@ -198,17 +198,13 @@ TEST(MatrixArith, Normalize) {
     EXPECT_EQ(wzMatrixNormalize(make(2, 2), make(2, 3), 1), kFail);
 }
 
-// LU: worked pivots (a swap carried into B; on equal magnitudes the first row
-// stays), the compact form, singular and mismatched input (1, nothing
-// written), then P A = L U with |L| <= 1 on random matrices. QR: a wrong R
+// LU: on equal magnitudes the first row stays, the compact form, singular and
+// mismatched input (1, nothing written), then P A = L U with |L| <= 1 on
+// random matrices (B = I receives the row swaps as P). QR: a wrong R
 // shape is refused unwritten; random matrices give the documented arithmetic
 // exactly (a plain Gram-Schmidt written here, so Q^T Q = I and Q R = A follow).
 TEST(MatrixDecomposition, LUAndQR) {
-    Mat a = make(2, 2, {0, 1, 1, 0}), l = make(2, 2), u = make(2, 2),
-        b = make(2, 3, {1, 2, 3, 4, 5, 6});
-    ASSERT_EQ(wzMatrixLUDecomposition(a, l, u, b), 0u);
-    EXPECT_TRUE(elements(l) == (Vec{1, 0, 0, 1}) && elements(u) == (Vec{1, 0, 0, 1}) &&
-                elements(b) == (Vec{4, 5, 6, 1, 2, 3}));
+    Mat a = make(2, 2, {0, 1, 1, 0}), l = make(2, 2), u = make(2, 2);
     Mat a2 = make(2, 2, {2, 1, 2, 3}), b2 = make(2, 0);
     ASSERT_EQ(wzMatrixLUDecomposition(a2, l, u, b2), 0u);
     EXPECT_TRUE(elements(l) == (Vec{1, 0, 1, 1}) && elements(u) == (Vec{2, 1, 0, 2}));

@@ -110,8 +110,9 @@ TEST(VolumeRecord, KindsLayoutsAndRefusals) {
     for (auto [v, type, encoding, kind] : made) {
         ASSERT_TRUE(v);
         const size_t plane = 12 * typeSize(type) * size_t(wzGetNChannelFromEncoding(encoding));
+        const wzSize3D size = wzVolumeSize(v);
         EXPECT_TRUE(v->width == 4 && v->height == 3 && v->depth == 2 && v->type == type);
-        EXPECT_TRUE(sameBox(v->roi, {0, 0, 0, 4, 3, 2}));
+        EXPECT_TRUE(sameBox(v->roi, {0, 0, 0, size.width, size.height, size.depth}));
         for (const wzImage *p : {v->planes[0], v->planes[1]})
             EXPECT_TRUE(p->width == 4 && p->height == 3 && p->type == type &&
                         p->encoding == encoding && p->roi.width == 4 && p->roi.height == 3 &&
@@ -516,35 +517,23 @@ VolumePtr lookedUp(const uint8_t *table, const wzVolume *src, const wzVolume *ds
     return want;
 }
 
-// The volume's box does not restrict the profile, plane regions do; a top
-// entry in a later plane counts too. No planes, or not 8-bit: 1 and an
-// all-zero profile.
-TEST(VolumeHistogram, ProfileCountsEveryPlane) {
-    std::mt19937 rng(1);
-    VolumePtr v = randomVolume(5, 4, 3, rng, 0, 254);
-    v->roi = wzBox{1, 1, 1, 2, 2, 1};
-    v->planes[2]->roi = wzRect{0, 1, 3, 2};
-    at(v.get(), 0, 1, 2) = 255;
-    StatsPtr a(wzHistogramMatchStatsCreate());
-    ASSERT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), v.get()), 0u);
-    EXPECT_EQ(
-        std::memcmp(a->profile->bins, counted(v.get())->profile->bins, sizeof a->profile->bins), 0);
-    VolumePtr none(wzVolumeCreate(5, 4, 0)), wide(wzVolumeCreateWithType(5, 4, 2, wzType16U));
-    EXPECT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), none.get()), 1u);
-    ASSERT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), v.get()), 0u);
-    EXPECT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), wide.get()), 1u);
-    EXPECT_EQ(
-        std::memcmp(a->profile->bins, counted(none.get())->profile->bins, sizeof a->profile->bins),
-        0);
-}
-
-// The filter over random boxes, with and without a random mask, into another
-// volume at another box origin (the source untouched) and in place (planes
-// get their own regions back).
-TEST(VolumeHistogram, FilterMatchesReference) {
+// Over random boxes, with plane regions that restrict the profile only: the
+// profile counted voxel by voxel (a top entry in the last plane too); the
+// matching filter with and without a random mask into another volume at
+// another box origin (the source untouched) and in place (planes get their
+// own regions back); equalisation (the table from the normalised profile
+// matched to the flat one) and stretch (lowest to highest level spread by the
+// float rule, the highest and above to 255), looked up box to box.
+TEST(VolumeHistogram, RandomAgainstReference) {
     std::mt19937 rng(7);
+    wzImageColorProfile flat;
+    wzImageColorProfileForEqualization(&flat);
+    const wzHistogramMatchParams equalize{1.0f, 1.0f, 0, 256, &flat};
     for (int trial = 0; trial < 12; ++trial) {
         VolumePtr src = randomVolume(7, 5, 4, rng, 30, 200), other = randomVolume(7, 5, 4, rng);
+        if (trial == 0) at(src.get(), 3, 2, 3) = 255;  // inside any plane region below
+        const int restricted = int(rng() % 4);
+        src->planes[restricted]->roi = wzRect{int(rng() % 3), int(rng() % 2), 4, 3};
         wzImageColorProfile target;
         wzImageFillColorProfile(other->planes[1], &target);
         wzHistogramMatchParams params{1.0f, 0.9f, 0, 255, &target};
@@ -557,17 +546,37 @@ TEST(VolumeHistogram, FilterMatchesReference) {
             wzBox{int(rng() % 3), int(rng() % 2), int(rng() % 2), b.width, b.height, b.depth};
         dst->roi = wzBox{0, 0, 4 - b.depth, b.width, b.height, b.depth};
         const wzVolume *m = trial % 2 ? mask.get() : nullptr;
-        uint8_t table[768];
-        wzHistogramMatchAddParamsCompute(counted(src.get()).get(), &params, table);
+
+        StatsPtr stats = counted(src.get()), got(wzHistogramMatchStatsCreate());
+        ASSERT_EQ(wzHistogramMatchStatsRetrieve3D(got.get(), src.get()), 0u);
+        EXPECT_EQ(std::memcmp(got->profile->bins, stats->profile->bins, sizeof flat.bins), 0);
+        uint8_t table[768], eq[768], st[768] = {};
+        wzHistogramMatchAddParamsCompute(stats.get(), &params, table);
+        const float *bins = stats->profile->bins[2];
+        int lo = 0, hi = 255;
+        while (bins[lo] == 0.0f) ++lo;
+        while (bins[hi] == 0.0f) --hi;
+        for (int i = lo; i < 256; ++i)
+            st[i] = i >= hi ? 255 : uint8_t(255.0f / float(hi - lo) * float(i - lo));
+        wzImageColorProfileNormalize(stats->profile);
+        wzHistogramMatchAddParamsCompute(stats.get(), &equalize, eq);
 
         const VolumePtr want = lookedUp(table, src.get(), dst.get(), m),
                         wantIn = lookedUp(table, src.get(), src.get(), m);
+        for (const auto &[op, look] :
+             {std::pair{+wzHistogramEqualization3D, +eq}, std::pair{+wzHistogramStretch3D, +st}}) {
+            VolumePtr out = copyOf(dst.get());
+            ASSERT_EQ(op(src.get(), out.get()), 0u);
+            EXPECT_EQ(voxels(out.get()),
+                      voxels(lookedUp(look, src.get(), dst.get(), nullptr).get()))
+                << trial;
+        }
         ASSERT_EQ(wzHistogramMatchFilter3D(&params, src.get(), m, dst.get(), nullptr), 0u);
         EXPECT_EQ(voxels(dst.get()), voxels(want.get())) << trial;
         EXPECT_EQ(voxels(src.get()), voxels(srcCopy.get()));
         ASSERT_EQ(wzHistogramMatchFilter3D(&params, src.get(), m, src.get(), nullptr), 0u);
         EXPECT_EQ(voxels(src.get()), voxels(wantIn.get())) << trial;
-        for (int k = 0; k < 4; ++k) EXPECT_EQ(src->planes[k]->roi.width, 7);
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(src->planes[k]->roi.width, k == restricted ? 4 : 7);
     }
 }
 
@@ -605,6 +614,14 @@ TEST(VolumeHistogram, CancellationAndRefusals) {
                     wzHistogramMatchFilter3D(&params, bad, nullptr, bad, nullptr) == 1);
     EXPECT_EQ(voxels(dst.get()), Bytes(90, 0));
     EXPECT_EQ(voxels(v.get()), voxels(src.get()));
+    StatsPtr a(wzHistogramMatchStatsCreate());
+    for (wzVolume *bad : {none.get(), wide.get()}) {  // 1 and an all-zero profile
+        ASSERT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), src.get()), 0u);
+        EXPECT_EQ(wzHistogramMatchStatsRetrieve3D(a.get(), bad), 1u);
+        EXPECT_EQ(std::memcmp(a->profile->bins, counted(none.get())->profile->bins,
+                              sizeof a->profile->bins),
+                  0);
+    }
 
     SeparatePtr sep(wzVolumeCreateWithSeparatePlanes(6, 5, 3));
     for (int k = 0; k < 3; ++k) std::memset(sep->planes[k]->data, 9, 30);
@@ -612,40 +629,15 @@ TEST(VolumeHistogram, CancellationAndRefusals) {
     EXPECT_EQ(sep->planes[2]->data[29], 246);
 }
 
-// Equalisation: the table from the normalised profile matched to the flat
-// one, over a box; a single level goes to 255. Stretch of 50..100 spread
-// over the planes by the float rule (100 -> 255); a single level is copied
-// box to box with 1; an empty profile gives 1 and writes nothing.
-TEST(VolumeHistogram, EqualizationAndStretch) {
-    std::mt19937 rng(5);
-    VolumePtr v = randomVolume(6, 4, 3, rng, 40, 90);
-    for (size_t i = 0; i < sizeOf(v.get()); i += 3) v->voxels[i] = 60;  // skewed
-    v->roi = wzBox{1, 0, 1, 4, 3, 2};
-    wzImageColorProfile flat;
-    wzImageColorProfileForEqualization(&flat);
-    StatsPtr stats = counted(v.get());
-    wzImageColorProfileNormalize(stats->profile);
-    const wzHistogramMatchParams params{1.0f, 1.0f, 0, 256, &flat};
-    uint8_t table[768];
-    wzHistogramMatchAddParamsCompute(stats.get(), &params, table);
-    const VolumePtr want = lookedUp(table, v.get(), v.get(), nullptr);
-    ASSERT_EQ(wzHistogramEqualization3D(v.get(), v.get()), 0u);
-    EXPECT_EQ(voxels(v.get()), voxels(want.get()));
-    VolumePtr same(wzVolumeCreate(3, 3, 2));
+// A single level: equalisation takes it to 255, stretch copies it box to box
+// and returns 1; an empty profile gives 1 and writes nothing.
+TEST(VolumeHistogram, SingleLevelAndEmptyProfile) {
+    VolumePtr same(wzVolumeCreate(3, 3, 2)), dst(wzVolumeCreate(3, 3, 2));
     wzVolumeSetVal(same.get(), 77);
-    ASSERT_EQ(wzHistogramEqualization3D(same.get(), same.get()), 0u);
-    EXPECT_EQ(voxels(same.get()), Bytes(18, 255));
-
-    VolumePtr s(wzVolumeCreate(51, 1, 3)), out(wzVolumeCreate(51, 1, 3));
-    for (int i = 0; i < 153; ++i) s->voxels[i] = uint8_t(50 + (i * 7) % 51);
-    ASSERT_EQ(wzHistogramStretch3D(s.get(), out.get()), 0u);
-    for (int i = 0; i < 153; ++i) {
-        const int value = s->voxels[i];
-        EXPECT_EQ(out->voxels[i], value == 100 ? 255 : uint8_t(255.0f / 50.0f * float(value - 50)));
-    }
-    VolumePtr dst(wzVolumeCreate(3, 3, 2));
     same->roi = dst->roi = wzBox{1, 1, 0, 2, 2, 2};
     ASSERT_EQ(wzHistogramStretch3D(same.get(), dst.get()), 1u);
+    EXPECT_TRUE(dst->voxels[4] == 77 && dst->voxels[0] == 0);
+    ASSERT_EQ(wzHistogramEqualization3D(same.get(), dst.get()), 0u);
     EXPECT_TRUE(dst->voxels[4] == 255 && dst->voxels[0] == 0);
     for (int k = 0; k < 2; ++k) same->planes[k]->roi.width = 0;
     wzVolumeSetZero(dst.get());
