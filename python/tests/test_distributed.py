@@ -1,15 +1,13 @@
 """The distributed batch: morven.dask.transfer_files and `python3 -m morven
-transfer` on a real dask-scheduler with two dask-worker processes on
-127.0.0.1, every output compared byte for byte with what the `morven` tool
-itself writes for the same inputs and options."""
+transfer` on a scheduler with two worker processes on 127.0.0.1, every
+output compared byte for byte with what the `morven` tool itself writes for
+the same inputs and options."""
 
 import ctypes as C
 import io
 import os
 import pathlib
 import pickle
-import signal
-import socket
 import subprocess
 import sys
 
@@ -26,7 +24,6 @@ mdask = pytest.importorskip("morven.dask")
 pytest.importorskip("morven._tool")
 
 TOOL = os.environ.get("MORVEN_TOOL")
-LIFETIME = 120  # seconds any scheduler or worker of these tests may live
 
 
 def adobe_like_profile():
@@ -77,47 +74,13 @@ def pictures(tmp_path_factory):
     return folder, inputs
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def start(args, log):
-    """A process of at most LIFETIME seconds, in its own process group."""
-    with open(log, "wb") as out:
-        return subprocess.Popen(["timeout", "-k", "5", str(LIFETIME), sys.executable, "-m", *args], stdout=out,
-                                stderr=subprocess.STDOUT, start_new_session=True)
-
-
-def stop(process):
-    for sig in (signal.SIGTERM, signal.SIGKILL):
-        if process.poll() is None:
-            os.killpg(process.pid, sig)
-            try:
-                process.wait(5)
-            except subprocess.TimeoutExpired:
-                pass
-
-
 @pytest.fixture(scope="module")
-def cluster(tmp_path_factory):
-    """(address, client): a dask-scheduler and two dask-worker processes on 127.0.0.1."""
-    logs = tmp_path_factory.mktemp("logs")
-    address = f"tcp://127.0.0.1:{free_port()}"
-    processes = [start(["distributed.cli.dask_scheduler", "--host", "127.0.0.1", "--port", address.rsplit(":", 1)[1],
-                        "--no-dashboard"], logs / "scheduler.log")]
-    try:
-        for n in range(2):
-            processes.append(start(["distributed.cli.dask_worker", address, "--host", "127.0.0.1", "--nthreads", "1",
-                                    "--no-nanny", "--no-dashboard", "--death-timeout", "30"],
-                                   logs / f"worker{n}.log"))
-        with distributed.Client(address, timeout=30) as client:
-            client.wait_for_workers(2, timeout=60)
-            yield address, client
-    finally:
-        for process in reversed(processes):
-            stop(process)
+def cluster():
+    """(address, client): a scheduler and two worker processes on 127.0.0.1."""
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, host="127.0.0.1",
+                                  dashboard_address=None) as local, distributed.Client(local) as client:
+        client.wait_for_workers(2, timeout=60)
+        yield local.scheduler_address, client
 
 
 _tool_runs = {}
@@ -170,7 +133,9 @@ def test_batch_on_the_cluster_equals_the_tool(pictures, cluster, tmp_path, tmp_p
     flags = [str(folder / f) if f.endswith(".png") else f for f in flags]
     theirs, said = tool_batch(pictures, tmp_path_factory, flags)
     seen = []
-    batch = mdask.transfer_files(inputs, folder / "ref.png", tmp_path, client, on_result=seen.append, **options)
+    # The defaults run without a client: transfer_files starts a local cluster of its own.
+    batch = mdask.transfer_files(inputs, folder / "ref.png", tmp_path, client if options else None,
+                                 on_result=seen.append, **options, **({} if options else dict(workers=1)))
 
     assert [r.input for r in batch.results] == inputs
     assert sorted(seen, key=lambda r: inputs.index(r.input)) == batch.results
@@ -241,15 +206,6 @@ def test_reference_statistics_travel_with_the_pickled_job(pictures, tmp_path):
     assert "colour into a profile of" in " ".join(copy.target_keys) and len(job.target_keys) == 4
     job.run(str(folder / "wide.png"), str(tmp_path / "again.png"))
     assert (tmp_path / "wide.png").read_bytes() == (tmp_path / "again.png").read_bytes()
-
-
-def test_local_cluster_when_no_client_is_given(pictures, tmp_path, tmp_path_factory):
-    folder, inputs = pictures
-    theirs, _ = tool_batch(pictures, tmp_path_factory, [])
-    batch = mdask.transfer_files(inputs[:2], folder / "ref.png", tmp_path, workers=1)
-    assert [r.status for r in batch.results] == ["written", "written"]
-    for r in batch.results:
-        assert pathlib.Path(r.output).read_bytes() == (theirs / pathlib.Path(r.input).name).read_bytes()
 
 
 @pytest.mark.parametrize("reference,extra,options,error,message", [

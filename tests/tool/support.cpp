@@ -221,7 +221,7 @@ void writeWebP(const std::string &path, const Pic &p, bool lossless) {
 
 namespace {
 
-Pic readPng(const std::string &path, std::vector<uint8_t> *icc) {
+Pic readPng(const std::string &path, std::vector<uint8_t> &icc) {
     FILE *f = std::fopen(path.c_str(), "rb");
     if (!f) return {};
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
@@ -240,14 +240,14 @@ Pic readPng(const std::string &path, std::vector<uint8_t> *icc) {
     png_bytep profile;
     png_uint_32 size;
     int compression;
-    if (icc && png_get_iCCP(png, info, &name, &compression, &profile, &size))
-        icc->assign(profile, profile + size);
+    if (png_get_iCCP(png, info, &name, &compression, &profile, &size))
+        icc.assign(profile, profile + size);
     png_destroy_read_struct(&png, &info, nullptr);
     std::fclose(f);
     return p;
 }
 
-Pic readJpeg(const std::string &path, std::vector<uint8_t> *icc) {
+Pic readJpeg(const std::string &path, std::vector<uint8_t> &icc) {
     const std::string bytes = slurp(path);
     jpeg_decompress_struct c;
     jpeg_error_mgr err;
@@ -258,7 +258,7 @@ Pic readJpeg(const std::string &path, std::vector<uint8_t> *icc) {
     jpeg_read_header(&c, TRUE);
     JOCTET *profile = nullptr;
     unsigned size = 0;
-    if (icc && jpeg_read_icc_profile(&c, &profile, &size)) icc->assign(profile, profile + size);
+    if (jpeg_read_icc_profile(&c, &profile, &size)) icc.assign(profile, profile + size);
     std::free(profile);
     jpeg_start_decompress(&c);
     Pic p{int(c.output_width), int(c.output_height), c.output_components, 8, {}};
@@ -273,7 +273,7 @@ Pic readJpeg(const std::string &path, std::vector<uint8_t> *icc) {
     return p;
 }
 
-Pic readTiff(const std::string &path, std::vector<uint8_t> *icc) {
+Pic readTiff(const std::string &path, std::vector<uint8_t> &icc) {
     TIFF *t = TIFFOpen(path.c_str(), "r");
     if (!t) return {};
     uint32_t w = 0, h = 0;
@@ -288,13 +288,13 @@ Pic readTiff(const std::string &path, std::vector<uint8_t> *icc) {
         TIFFReadScanline(t, row.data(), y, 0), append(p, row.data(), size_t(w) * spp);
     uint32_t size = 0;
     void *profile = nullptr;
-    if (icc && TIFFGetField(t, TIFFTAG_ICCPROFILE, &size, &profile))
-        icc->assign(static_cast<uint8_t *>(profile), static_cast<uint8_t *>(profile) + size);
+    if (TIFFGetField(t, TIFFTAG_ICCPROFILE, &size, &profile))
+        icc.assign(static_cast<uint8_t *>(profile), static_cast<uint8_t *>(profile) + size);
     TIFFClose(t);
     return p;
 }
 
-Pic readWebP(const std::string &path, std::vector<uint8_t> *icc) {
+Pic readWebP(const std::string &path, std::vector<uint8_t> &icc) {
     const std::string bytes = slurp(path);
     const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
     WebPBitstreamFeatures features;
@@ -305,20 +305,18 @@ Pic readWebP(const std::string &path, std::vector<uint8_t> *icc) {
                                      : WebPDecodeRGB(data, bytes.size(), &w, &h);
     p.px.assign(px, px + size_t(w) * h * p.c);
     WebPFree(px);
-    if (icc) {
-        const WebPData whole{data, bytes.size()};
-        WebPDemuxer *demux = WebPDemux(&whole);
-        WebPChunkIterator chunk;
-        if (demux && WebPDemuxGetChunk(demux, "ICCP", 1, &chunk)) {
-            icc->assign(chunk.chunk.bytes, chunk.chunk.bytes + chunk.chunk.size);
-            WebPDemuxReleaseChunkIterator(&chunk);
-        }
-        WebPDemuxDelete(demux);
+    const WebPData whole{data, bytes.size()};
+    WebPDemuxer *demux = WebPDemux(&whole);
+    WebPChunkIterator chunk;
+    if (demux && WebPDemuxGetChunk(demux, "ICCP", 1, &chunk)) {
+        icc.assign(chunk.chunk.bytes, chunk.chunk.bytes + chunk.chunk.size);
+        WebPDemuxReleaseChunkIterator(&chunk);
     }
+    WebPDemuxDelete(demux);
     return p;
 }
 
-Pic readAny(const std::string &path, std::vector<uint8_t> *icc) {
+Pic readAny(const std::string &path, std::vector<uint8_t> &icc) {
     const std::string head = slurp(path).substr(0, 12);
     if (head.starts_with("\x89PNG")) return readPng(path, icc);
     if (head.starts_with("\xFF\xD8")) return readJpeg(path, icc);
@@ -329,11 +327,14 @@ Pic readAny(const std::string &path, std::vector<uint8_t> *icc) {
 
 }  // namespace
 
-Pic readPic(const std::string &path) { return readAny(path, nullptr); }
+Pic readPic(const std::string &path) {
+    std::vector<uint8_t> icc;
+    return readAny(path, icc);
+}
 
 std::vector<uint8_t> iccOf(const std::string &path) {
     std::vector<uint8_t> icc;
-    readAny(path, &icc);
+    readAny(path, icc);
     return icc;
 }
 
@@ -342,11 +343,6 @@ uint16_t tiffCompression(const std::string &path) {
     uint16_t compression = 0;
     if (t) TIFFGetField(t, TIFFTAG_COMPRESSION, &compression), TIFFClose(t);
     return compression;
-}
-
-bool webpLossless(const std::string &path) {
-    const std::string bytes = slurp(path);
-    return bytes.find("VP8L") != std::string::npos;
 }
 
 // ---------------------------------------------------------------------------
@@ -434,11 +430,17 @@ cmsUInt32Number format(int c, int depth, bool cmyk = false) {
            EXTRA_SH(c % 2 == 0 ? 1 : 0) | bytes;
 }
 
-Pic run(cmsHTRANSFORM transform, const Pic &p, int outChannels, int outDepth) {
+// p converted from profile a to b (both closed here) into outChannels of outDepth bits.
+Pic run(cmsHPROFILE a, cmsHPROFILE b, const Pic &p, cmsUInt32Number in, int outChannels,
+        int outDepth, cmsUInt32Number flags) {
+    cmsHTRANSFORM t = cmsCreateTransform(a, in, b, format(outChannels, outDepth),
+                                         INTENT_RELATIVE_COLORIMETRIC, flags | cmsFLAGS_NOCACHE);
+    cmsCloseProfile(a);
+    cmsCloseProfile(b);
     const size_t n = size_t(p.w) * p.h * outChannels;
     std::vector<uint8_t> out(n * (outDepth / 8));
-    cmsDoTransform(transform, raw(p).data(), out.data(), cmsUInt32Number(p.w * p.h));
-    cmsDeleteTransform(transform);
+    cmsDoTransform(t, raw(p).data(), out.data(), cmsUInt32Number(p.w * p.h));
+    cmsDeleteTransform(t);
     Pic result{p.w, p.h, outChannels, outDepth, {}};
     append(result, out.data(), n);
     return result;
@@ -492,23 +494,13 @@ std::vector<uint8_t> cmykProfile() {
 Pic convert(const Pic &p, const std::vector<uint8_t> &from, const std::vector<uint8_t> &to) {
     cmsHPROFILE a = open(from, p.c <= 2), b = open(to, p.c <= 2);
     const int colours = cmsGetColorSpace(b) == cmsSigGrayData ? 1 : 3;
-    const int channels = colours + (p.c % 2 == 0 ? 1 : 0);
-    cmsHTRANSFORM t =
-        cmsCreateTransform(a, format(p.c, p.depth), b, format(channels, 16),
-                           INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE);
-    cmsCloseProfile(a);
-    cmsCloseProfile(b);
-    return run(t, p, channels, 16);
+    return run(a, b, p, format(p.c, p.depth), colours + (p.c % 2 == 0 ? 1 : 0), 16,
+               cmsFLAGS_COPY_ALPHA);
 }
 
 Pic cmykToSrgb(const Pic &ink, const std::vector<uint8_t> &profile) {
-    cmsHPROFILE a = open(profile, false), b = cmsCreate_sRGBProfile();
-    cmsHTRANSFORM t =
-        cmsCreateTransform(a, format(4, 8, true), b, format(3, 8), INTENT_RELATIVE_COLORIMETRIC,
-                           cmsFLAGS_BLACKPOINTCOMPENSATION | cmsFLAGS_NOCACHE);
-    cmsCloseProfile(a);
-    cmsCloseProfile(b);
-    return run(t, ink, 3, 8);
+    return run(open(profile, false), cmsCreate_sRGBProfile(), ink, format(4, 8, true), 3, 8,
+               cmsFLAGS_BLACKPOINTCOMPENSATION);
 }
 
 // ---------------------------------------------------------------------------
@@ -594,25 +586,16 @@ Pic libraryTransfer(const Pic &source, const Pic &reference, const Transfer &t) 
     return pic(dst.get(), source);
 }
 
-Pic libraryEqualize(const Pic &p) {
-    const Image img = image(p), m = mask(opaque(p), p.w, p.h);
-    EXPECT_EQ(wzHistogramEqualizationMasked(img.get(), m.get(), img.get()), WZ_STATUS_OK);
-    return pic(img.get(), p);
-}
-
-Pic libraryStretch(const Pic &p) {
-    const Image img = image(p), m = mask(opaque(p), p.w, p.h);
-    wzHistogramStretchMasked(img.get(), m.get(), img.get());
-    return pic(img.get(), p);
-}
-
-Pic libraryContrast(const Pic &p, float highTail, float lowTail) {
+Pic libraryFilter(const std::string &command, const Pic &p, float highTail, float lowTail) {
     const Image img = image(p), m = mask(opaque(p), p.w, p.h);
     wzContrastEnhanceParams *params = wzContrastEnhanceParamsDefault();
     params->highTail = highTail, params->lowTail = lowTail;
-    EXPECT_EQ(
-        wzContrastEnhanceFilterMasked(params, img.get(), m.get(), nullptr, img.get(), nullptr),
-        WZ_STATUS_OK);
+    EXPECT_EQ(command == "equalize" ? wzHistogramEqualizationMasked(img.get(), m.get(), img.get())
+              : command == "stretch"
+                  ? wzHistogramStretchMasked(img.get(), m.get(), img.get())
+                  : wzContrastEnhanceFilterMasked(params, img.get(), m.get(), nullptr, img.get(),
+                                                  nullptr),
+              WZ_STATUS_OK);
     wzContrastEnhanceParamsRelease(&params);
     return pic(img.get(), p);
 }

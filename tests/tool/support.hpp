@@ -55,8 +55,6 @@ Pic readPic(const std::string &path);
 std::vector<uint8_t> iccOf(const std::string &path);
 // The compression tag of a TIFF file (0 when it cannot be read).
 uint16_t tiffCompression(const std::string &path);
-// "RIFF....WEBPVP8 " or "VP8L": whether a WebP file is lossless.
-bool webpLossless(const std::string &path);
 
 // Metadata through Exiv2: key -> value as text ("Exif.Image.Make", ...).
 void addMetadata(const std::string &path, const std::map<std::string, std::string> &values);
@@ -82,9 +80,8 @@ struct Transfer {
     std::vector<uint8_t> statsMask, referenceMask, blendMask;
 };
 Pic libraryTransfer(const Pic &source, const Pic &reference, const Transfer &t);
-Pic libraryEqualize(const Pic &p);
-Pic libraryStretch(const Pic &p);
-Pic libraryContrast(const Pic &p, float highTail, float lowTail);
+// "equalize", "stretch" or "contrast" (with its tails).
+Pic libraryFilter(const std::string &command, const Pic &p, float highTail = 9, float lowTail = 4);
 Pic librarySmooth(const Pic &guide, const Pic &input, float threshold, int iterations);
 // 255 where alpha is not 0, empty without alpha.
 std::vector<uint8_t> opaque(const Pic &p);

@@ -22,11 +22,10 @@ static void check(int ok, const char *what) {
 int main(void) {
     wzImage *bgr = wzImageCreate(W, H, wzEncodingBGR);
     wzImage *gray = wzImageCreateHeader(W, H, wzEncodingGray);
-    wzImage *wide = wzImageCreateWithType(W, H, wzEncodingGray, wzType16U);
     uint8_t levels[W * H + 1];
     int i;
 
-    if (bgr == NULL || gray == NULL || wide == NULL) {
+    if (bgr == NULL || gray == NULL) {
         fprintf(stderr, "image creation failed\n");
         return 1;
     }
@@ -49,13 +48,9 @@ int main(void) {
         failures += levels[i] != want;
     }
     check(levels[W * H] == 0xA5, "wrote past the caller's buffer");
-    check(wzImageCvtColor(bgr, wide) == 1, "mismatched element types were not rejected");
 
     wzImageRelease(&bgr);
-    wzImageRelease(&wide);
     wzImageReleaseHeader(&gray);
-    check(bgr == NULL && wide == NULL && gray == NULL,
-          "release did not clear the caller's pointer");
     if (failures == 0) printf("host: gray conversion through the installed library is correct\n");
     return failures == 0 ? 0 : 1;
 }
