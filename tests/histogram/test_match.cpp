@@ -88,19 +88,6 @@ Table libTable(wzImageColorProfile src, const wzHistogramMatchParams &p) {
     return t;
 }
 
-wzHistogramMatchParams params(wzImageColorProfile *target, float fidelity = 1.0f, int32_t mode = 0,
-                              int32_t maxStep = 255) {
-    return {1.0f, fidelity, mode, maxStep, target};
-}
-
-// Every array holding the bins given as (value, count) pairs.
-wzImageColorProfile profileOf(std::initializer_list<std::pair<int, float>> bins) {
-    wzImageColorProfile p{};
-    for (auto [v, n] : bins)
-        for (auto &a : p.bins) a[v] = n;
-    return p;
-}
-
 // Raw counts or normalised, dense or sparse, now and then empty.
 wzImageColorProfile randomProfile(std::mt19937 &rng) {
     wzImageColorProfile p{};
@@ -171,10 +158,9 @@ ImagePtr expectedMatch(const wzImage *src, const wzImage *dst, const Table &t, i
 // library's table equals the reference run with that radius. 0.74 and 0.3
 // land just above 13 and 35 in float (just below in double).
 TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
-    struct {
-        wzImageColorProfile src{}, tgt = profileOf({{0, 1.0f}, {255, 1.0f}});
-    } sp;
-    for (auto &a : sp.src.bins) std::fill(a, a + 256, 1.0f);
+    wzImageColorProfile src, tgt{};
+    for (auto &a : src.bins) std::fill(a, a + 256, 1.0f);
+    for (auto &a : tgt.bins) a[0] = a[255] = 1.0f;
     struct Case {
         int32_t maxStep;
         int below127, at127, at128, above128;
@@ -182,7 +168,7 @@ TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
     for (Case c :
          {Case{255, 0, 0, 255, 255}, Case{INT32_MAX, 0, 0, 255, 255}, Case{254, 0, 0, 254, 255},
           Case{100, 0, 77, 177, 255}, Case{0, 0, 0, 0, 0}, Case{-100000, 0, 0, 0, 0}}) {
-        const Table t = libTable(sp.src, params(&sp.tgt, 1.0f, 1, c.maxStep));
+        const Table t = libTable(src, {1.0f, 1.0f, 1, c.maxStep, &tgt});
         for (int i = 0; i < 768; ++i) {
             const int v = i % 256, want = v < 127    ? c.below127
                                           : v == 127 ? c.at127
@@ -195,8 +181,8 @@ TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
                                 0.3f, -4.0f, -100.0f, 1.0f, 1.5f};
     const int radii[] = {5, 9, 25, 50, 0, 13, 35, 250, 255, -1, -1};
     for (int k = 0; k < 11; ++k) {
-        const wzHistogramMatchParams p = params(&sp.tgt, fidelities[k], 1);
-        EXPECT_EQ(libTable(sp.src, p), refTable(sp.src, p, radii[k])) << fidelities[k];
+        const wzHistogramMatchParams p{1.0f, fidelities[k], 1, 255, &tgt};
+        EXPECT_EQ(libTable(src, p), refTable(src, p, radii[k])) << fidelities[k];
     }
 }
 
