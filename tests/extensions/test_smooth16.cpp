@@ -74,13 +74,10 @@ TEST(ExtSmooth16, FollowsThePlainRule) {
                                               : wzEncodingRGBA;
         const int w = 1 + int(rng() % 13), h = 1 + int(rng() % 10);
         ImagePtr guide = randomImage(w, h, enc, wzType16U, rng), input = clone(guide.get());
-        for (size_t i = 0; i < blockBytes(input.get()) / 2;
-             ++i) {  // steps of up to a quarter of the scale
-            uint16_t v;
-            std::memcpy(&v, input->data + 2 * i, 2);
-            v = uint16_t(std::clamp(int(v) + int(rng() % 32768) - 16384, 0, 65535));
-            std::memcpy(input->data + 2 * i, &v, 2);
-        }
+        for (size_t i = 0; i < blockBytes(input.get()) / 2; ++i)  // steps of up to a quarter
+            setElementAt(
+                input.get(), i,
+                std::clamp(elementAt(input.get(), i) + int(rng() % 32768) - 16384, 0.0, 65535.0));
         // now and then a threshold below one level, or no passes: copies
         const wzSelectiveSmoothParams p{
             round % 10 ? float(rng() % 1000) / 2000.0f : 0.9f / 65535.0f,
@@ -100,7 +97,7 @@ TEST(ExtSmooth16, FollowsThePlainRule) {
 }
 
 // 8-bit gray smoothing equals the three-channel filter on the gray level
-// copied into every channel; in the extended transfer too.
+// copied into every channel; the extended transfer smooths gray with it.
 TEST(ExtSmoothGray, EqualsTheThreeChannelFilter) {
     std::mt19937 rng(21);
     SupportPtr support(wzHistogramTransferSupportCreate());
@@ -125,4 +122,18 @@ TEST(ExtSmoothGray, EqualsTheThreeChannelFilter) {
     EXPECT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, g3.get(), input.get(),
                                     out.get(), nullptr),
               1u);
+    // The extended transfer: the match, then this smoothing guided by the source.
+    wzImageColorProfile target;
+    wzImageFillColorProfile(guide.get(), &target);
+    const wzHistogramMatchParams mp{1.0f, 0.9f, 0, 255, &target};
+    const wzHistogramTransferParams tp{&target, 1.0f, 0.9f, 0, 9.0f, 50.0f, 1, 0.1f, 3, 255};
+    ImagePtr want = makeImage(27, 19, wzEncodingGray);
+    ASSERT_EQ(wzHistogramMatchFilter(&mp, input.get(), nullptr, want.get(), nullptr), 0u);
+    ASSERT_EQ(wzSelectiveSmoothGray(&params, support->smoothSupport, input.get(), want.get(),
+                                    want.get(), nullptr),
+              0u);
+    ASSERT_EQ(wzHistogramTransferFilterWithOptions(&tp, nullptr, support.get(), input.get(),
+                                                   nullptr, out.get(), nullptr),
+              0u);
+    EXPECT_EQ(snapshot(out.get()), snapshot(want.get()));
 }

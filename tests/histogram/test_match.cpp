@@ -88,19 +88,6 @@ Table libTable(wzImageColorProfile src, const wzHistogramMatchParams &p) {
     return t;
 }
 
-wzHistogramMatchParams params(wzImageColorProfile *target, float fidelity = 1.0f, int32_t mode = 0,
-                              int32_t maxStep = 255) {
-    return {1.0f, fidelity, mode, maxStep, target};
-}
-
-// Every array holding the bins given as (value, count) pairs.
-wzImageColorProfile profileOf(std::initializer_list<std::pair<int, float>> bins) {
-    wzImageColorProfile p{};
-    for (auto [v, n] : bins)
-        for (auto &a : p.bins) a[v] = n;
-    return p;
-}
-
 // Raw counts or normalised, dense or sparse, now and then empty.
 wzImageColorProfile randomProfile(std::mt19937 &rng) {
     wzImageColorProfile p{};
@@ -164,34 +151,6 @@ ImagePtr expectedMatch(const wzImage *src, const wzImage *dst, const Table &t, i
 
 }  // namespace
 
-// Worked searches and modes; an all-zero target.
-TEST(HistogramMatchTable, SearchesAndModes) {
-    std::mt19937 rng(1);
-    // Source 50 has cdf 0.5, the target's flat stretch 10..199; source 100
-    // has cdf 1, reached from 200 on; source 0 (cdf 0): forward 0, backward 9.
-    wzImageColorProfile src = profileOf({{50, 1.0f}, {100, 1.0f}}),
-                        tgt = profileOf({{10, 1.0f}, {200, 1.0f}});
-    struct Case {
-        int32_t mode;
-        int at50, at100, at0;
-    };
-    for (Case c :
-         {Case{0, 104, 227, 4}, Case{1, 10, 200, 0}, Case{2, 199, 255, 9}, Case{3, 104, 227, 4}}) {
-        const Table t = libTable(src, params(&tgt, 1.0f, c.mode));
-        for (int b = 0; b < 768; b += 256)
-            EXPECT_EQ((std::array<int, 3>{t[b], t[b + 50], t[b + 100]}),
-                      (std::array<int, 3>{c.at0, c.at50, c.at100}))
-                << "mode " << c.mode;
-    }
-    // An all-zero target: forward 0, backward 255 everywhere.
-    wzImageColorProfile zero{}, some = randomProfile(rng);
-    for (auto &a : some.bins) a[7] += 1.0f;
-    for (auto [mode, value] : {std::pair{0, 127}, {1, 0}, {2, 255}}) {
-        const Table t = libTable(some, params(&zero, 1.0f, mode));
-        for (int i = 0; i < 768; ++i) ASSERT_EQ(t[i], value) << "mode " << mode;
-    }
-}
-
 // The step-limit example with the forward search alone: 128 zeros then
 // 128 x 255 (the target's cdf is 0.5 from 0 to 254, the flat source's reaches
 // 0.5 at 127); a limit of 254, the largest, takes one level off that jump of
@@ -199,10 +158,9 @@ TEST(HistogramMatchTable, SearchesAndModes) {
 // library's table equals the reference run with that radius. 0.74 and 0.3
 // land just above 13 and 35 in float (just below in double).
 TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
-    struct {
-        wzImageColorProfile src{}, tgt = profileOf({{0, 1.0f}, {255, 1.0f}});
-    } sp;
-    for (auto &a : sp.src.bins) std::fill(a, a + 256, 1.0f);
+    wzImageColorProfile src, tgt{};
+    for (auto &a : src.bins) std::fill(a, a + 256, 1.0f);
+    for (auto &a : tgt.bins) a[0] = a[255] = 1.0f;
     struct Case {
         int32_t maxStep;
         int below127, at127, at128, above128;
@@ -210,7 +168,7 @@ TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
     for (Case c :
          {Case{255, 0, 0, 255, 255}, Case{INT32_MAX, 0, 0, 255, 255}, Case{254, 0, 0, 254, 255},
           Case{100, 0, 77, 177, 255}, Case{0, 0, 0, 0, 0}, Case{-100000, 0, 0, 0, 0}}) {
-        const Table t = libTable(sp.src, params(&sp.tgt, 1.0f, 1, c.maxStep));
+        const Table t = libTable(src, {1.0f, 1.0f, 1, c.maxStep, &tgt});
         for (int i = 0; i < 768; ++i) {
             const int v = i % 256, want = v < 127    ? c.below127
                                           : v == 127 ? c.at127
@@ -223,16 +181,9 @@ TEST(HistogramMatchTable, StepLimitAndSmoothingRadius) {
                                 0.3f, -4.0f, -100.0f, 1.0f, 1.5f};
     const int radii[] = {5, 9, 25, 50, 0, 13, 35, 250, 255, -1, -1};
     for (int k = 0; k < 11; ++k) {
-        const wzHistogramMatchParams p = params(&sp.tgt, fidelities[k], 1);
-        EXPECT_EQ(libTable(sp.src, p), refTable(sp.src, p, radii[k])) << fidelities[k];
+        const wzHistogramMatchParams p{1.0f, fidelities[k], 1, 255, &tgt};
+        EXPECT_EQ(libTable(src, p), refTable(src, p, radii[k])) << fidelities[k];
     }
-    // Radius 5 by hand: entry 123 averages 10 zeros and one 255 (T = 23),
-    // 127 has T = trunc(1275 / 11) = 115, 128 has T = 139.
-    const Table t = libTable(sp.src, params(&sp.tgt, 0.9f, 1));
-    EXPECT_EQ(t[122], 0);
-    EXPECT_EQ(t[123], 11);   // trunc(23 * 123 / 255)
-    EXPECT_EQ(t[127], 57);   // trunc(115 * 127 / 255)
-    EXPECT_EQ(t[128], 196);  // trunc(255 * 127 / 255 + 139 * 128 / 255)
 }
 
 // Tables from random profiles (raw or normalised, dense, sparse or empty)
