@@ -245,6 +245,7 @@ TEST(HistogramMatchFilter, StatsOverTwoImagesWithDefaults) {
     ASSERT_EQ(wzImageFillColorProfile(a.get(), &pa) | wzImageFillColorProfile(b.get(), &pb), 0u);
     for (int k = 0; k < 768; ++k) pa.bins[k / 256][k % 256] += pb.bins[k / 256][k % 256];
     wzHistogramMatchParams *p = wzHistogramMatchParamsDefault();
+    EXPECT_EQ(p->maxStep, 255);  // no random profile needs a step of 255 to show it
     p->targetProfile = &target;
     wzHistogramMatchStats *total = wzHistogramMatchStatsCreate(),
                           *part = wzHistogramMatchStatsCreate();
