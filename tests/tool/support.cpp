@@ -590,11 +590,10 @@ Pic libraryFilter(const std::string &command, const Pic &p, float highTail, floa
     const Image img = image(p), m = mask(opaque(p), p.w, p.h);
     wzContrastEnhanceParams *params = wzContrastEnhanceParamsDefault();
     params->highTail = highTail, params->lowTail = lowTail;
-    EXPECT_EQ(command == "equalize" ? wzHistogramEqualizationMasked(img.get(), m.get(), img.get())
-              : command == "stretch"
-                  ? wzHistogramStretchMasked(img.get(), m.get(), img.get())
-                  : wzContrastEnhanceFilterMasked(params, img.get(), m.get(), nullptr, img.get(),
-                                                  nullptr),
+    EXPECT_EQ(command == "equalize"  ? wzHistogramEqualizationMasked(img.get(), m.get(), img.get())
+              : command == "stretch" ? wzHistogramStretchMasked(img.get(), m.get(), img.get())
+                                     : wzContrastEnhanceFilterMasked(params, img.get(), m.get(),
+                                                                     nullptr, img.get(), nullptr),
               WZ_STATUS_OK);
     wzContrastEnhanceParamsRelease(&params);
     return pic(img.get(), p);

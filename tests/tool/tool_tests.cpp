@@ -315,8 +315,10 @@ TEST_F(Tool, KeepsSixteenBitsEndToEnd) {
           {Args{"stretch", at("deep.png")}, libraryFilter("stretch", deep)},
           {Args{"contrast", at("deep.png"), "--high-tail", "30", "--low-tail", "3"},
            libraryFilter("contrast", deep, 30, 3)},
-          {Args{"contrast", at("ref.png"), "--high-tail", "120"}, libraryFilter("contrast", ref, 120, 4)},
-          {Args{"contrast", at("ref.png"), "--low-tail", "40"}, libraryFilter("contrast", ref, 9, 40)},
+          {Args{"contrast", at("ref.png"), "--high-tail", "120"},
+           libraryFilter("contrast", ref, 120, 4)},
+          {Args{"contrast", at("ref.png"), "--low-tail", "40"},
+           libraryFilter("contrast", ref, 9, 40)},
           {Args{"smooth", at("deep.png"), at("deep2.png"), "--threshold", "0.3"},
            librarySmooth(deep, other, 0.3f, 2)},
           {Args{"smooth", at("ref.png"), at("ref2.png"), "--threshold", "0.5", "--iterations", "4"},
@@ -354,7 +356,8 @@ TEST_F(Tool, ReadsAndWritesTiffAndWebP) {
          {std::pair{3, true}, {4, true}, {3, false}, {4, false}}) {
         SCOPED_TRACE(std::to_string(channels) + (lossless ? " lossless" : " lossy"));
         writeWebP(at("in.webp"), pattern(33, 17, channels, 8, 13), lossless);
-        EXPECT_EQ(output({"stretch", at("in.webp")}), libraryFilter("stretch", readPic(at("in.webp"))));
+        EXPECT_EQ(output({"stretch", at("in.webp")}),
+                  libraryFilter("stretch", readPic(at("in.webp"))));
     }
     // Written: lossless WebP and TIFF (Deflate unless told) hold the result
     // exactly; lossy WebP is lossy, and smaller at a lower quality.
@@ -365,7 +368,7 @@ TEST_F(Tool, ReadsAndWritesTiffAndWebP) {
         ok({"transfer", at("src.png"), at("ref.png"), "-o", at(out), extra});
         EXPECT_EQ(readPic(at(out)), expected) << out;
     }
-    EXPECT_TRUE(has(slurp(at("out.webp")), "VP8L"));  // lossless WebP
+    EXPECT_TRUE(has(slurp(at("out.webp")), "VP8L"));                       // lossless WebP
     EXPECT_EQ(tiffCompression(at("out.tif")), COMPRESSION_ADOBE_DEFLATE);  // the default
     ok({"transfer", at("src.png"), at("ref.png"), "-o", at("lzw.tif"), "--tiff-compression",
         "lzw"});
@@ -429,7 +432,8 @@ TEST_F(Tool, SpacesAndOptionsReachTheLibraryAsNamed) {
         for (const std::string &a : extra) args.push_back(a == "BLEND" ? at("blend.png") : a);
         std::string err;
         const bool grayRefUsed = reference == std::string("gray.png");
-        EXPECT_EQ(output(args, &err), libraryTransfer(gray ? graySource : source, grayRefUsed ? grayRef : ref, t));
+        EXPECT_EQ(output(args, &err),
+                  libraryTransfer(gray ? graySource : source, grayRefUsed ? grayRef : ref, t));
         EXPECT_EQ(has(err, "only luminance is matched"), !gray && grayRefUsed) << err;
     }
 }
