@@ -525,6 +525,21 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
     const std::string tiff = slurp(at("tiff.tif")), webp = slurp(at("webp.webp")),
                       pngBytes = slurp(source), huge = slurp(at("huge.tif"));
     std::ofstream(at("taken.png")) << "keep me";
+    // A TIFF header declaring 65535 8-bit samples a pixel on 16384 x 16384 pixels.
+    std::string deep("II*\0\x08\0\0\0", 8);
+    const auto put = [&](uint32_t v, int n) {
+        for (int i = 0; i < n; ++i) deep += char(v >> 8 * i);
+    };
+    put(7, 2);
+    for (auto [tag, value] : {std::pair{256u, 16384u},
+                              {257u, 16384u},
+                              {258u, 8u},
+                              {262u, 1u},
+                              {273u, 8u},
+                              {277u, 65535u},
+                              {279u, 1u}})
+        put(tag, 2), put(4, 2), put(1, 4), put(value, 4);
+    put(0, 4);
     std::vector<std::tuple<Args, int, std::string>> cases = {
         {{"transfer", source, other, "-o", x, "--mask", other}, 1, "mask is 20 x 20"},
         {{"smooth", other, source, "-o", x}, 1, "20 x 20"},
@@ -548,6 +563,7 @@ TEST_F(Tool, RefusesBadFilesAndCommandLinesWithOneLine) {
           {"cut.tif", tiff.substr(0, tiff.size() / 3), "corrupt TIFF"},
           {"cut.webp", webp.substr(0, webp.size() / 2), "corrupt or truncated WebP"},
           {"huge.tif", huge, "image size 70000 x 20 is over the limit"},
+          {"deep.tif", deep, "65535 samples of 8 bits per pixel at 16384 x 16384 are over"},
           {"anim.gif", "GIF89a\x01\0\x01\0", "unsupported format: GIF"}}) {
         std::ofstream(at(name), std::ios::binary) << bytes;
         cases.push_back({{"transfer", at(name), other, "-o", x}, 1, name + ": " + reason});

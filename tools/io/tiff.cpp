@@ -158,6 +158,14 @@ Layout layoutOf(const std::string &path, TIFF *tif) {
                                           l.bits == 8 || (l.bits == 16 && !l.palette))
                                        : (l.bits == 8 || l.bits == 16);
     if (!bitsOk) refuse(path, std::to_string(l.bits) + " bits per sample");
+    // Samples beyond colour and alpha are decoded, then dropped: what a file
+    // declares may not exceed what the largest accepted picture holds.
+    const uint64_t declared = (uint64_t(l.width) * l.samples * l.bits + 7) / 8 * l.height;
+    if (declared > kMaxPixels * 8)
+        throw FileError(path, std::to_string(l.samples) + " samples of " + std::to_string(l.bits) +
+                                  " bits per pixel at " + std::to_string(l.width) + " x " +
+                                  std::to_string(l.height) + " are over the limit (" +
+                                  describeLimits() + ", four 16-bit samples a pixel)");
     uint16_t extras = 0;
     uint16_t *kinds = nullptr;
     if (l.samples > l.colours && l.colours != 4 && !l.palette &&
@@ -190,7 +198,7 @@ void readBlocks(const std::string &path, TIFF *tif, const Layout &l, MemoryFile 
     // A block may be larger than the picture (tiles overhang its edges), but
     // not without bound: a few bytes must not claim gigabytes.
     const uint64_t pictureBytes = uint64_t(l.width) * l.height * l.samples * ((l.bits + 7) / 8);
-    if (blockBytes > 16 * pictureBytes + (uint64_t(1) << 20))
+    if (blockBytes > 2 * pictureBytes + (uint64_t(1) << 24))
         throw FileError(path, "corrupt TIFF file: strips or tiles far larger than the picture");
     std::vector<uint8_t> block(static_cast<size_t>(blockBytes));
     const uint32_t mask = (1u << std::min<int>(l.bits, 16)) - 1;
